@@ -1,0 +1,1 @@
+// Lua binding: filled in by the binding work.

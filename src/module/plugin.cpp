@@ -1,0 +1,1 @@
+// Plug-in host link: filled in by the plug-in work.

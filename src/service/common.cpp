@@ -1,0 +1,201 @@
+#include "common.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <map>
+#include <mutex>
+
+namespace amsvc {
+
+HostRoot::HostRoot(std::string root) : root_(std::move(root)) {
+    while (root_.size() > 1 && root_.back() == '/') root_.pop_back();
+    if (root_.empty()) root_ = "/";
+}
+
+std::string HostRoot::path(std::string_view host_path) const {
+    std::string out;
+    if (root_ != "/") out = root_;
+    if (host_path.empty() || host_path.front() != '/') out += '/';
+    out.append(host_path.data(), host_path.size());
+    return out;
+}
+
+int read_file(const std::string& path, std::string& out, size_t max_bytes, unsigned flags) {
+    out.clear();
+    int oflags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+    if (flags & kNoFollow) oflags |= O_NOFOLLOW;
+    const int fd = ::open(path.c_str(), oflags);
+    if (fd < 0) return -errno;
+    struct stat st;
+    if (::fstat(fd, &st) != 0) {
+        const int e = errno;
+        ::close(fd);
+        return -e;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        ::close(fd);
+        return -EINVAL;
+    }
+    // /proc and /sys files report size 0 or 4096; read until EOF either way.
+    if (st.st_size > 0) out.reserve(std::min<size_t>(static_cast<size_t>(st.st_size), max_bytes));
+    char buf[65536];
+    while (out.size() < max_bytes) {
+        const size_t want = std::min(sizeof buf, max_bytes - out.size());
+        const ssize_t n = ::read(fd, buf, want);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            const int e = errno;
+            ::close(fd);
+            return out.empty() ? -e : 0;
+        }
+        if (n == 0) break;
+        out.append(buf, static_cast<size_t>(n));
+    }
+    ::close(fd);
+    return 0;
+}
+
+std::vector<std::string> list_dir(const std::string& path) {
+    std::vector<std::string> names;
+    DIR* d = ::opendir(path.c_str());
+    if (!d) return names;
+    while (struct dirent* e = ::readdir(d)) {
+        const char* n = e->d_name;
+        if (n[0] == '.' && (n[1] == 0 || (n[1] == '.' && n[2] == 0))) continue;
+        names.emplace_back(n);
+    }
+    ::closedir(d);
+    return names;
+}
+
+std::string read_link(const std::string& path) {
+    char buf[4096];
+    const ssize_t n = ::readlink(path.c_str(), buf, sizeof buf);
+    if (n <= 0) return std::string();
+    return std::string(buf, static_cast<size_t>(n));
+}
+
+std::vector<std::string_view> split_lines(std::string_view text) {
+    std::vector<std::string_view> lines;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t nl = text.find('\n', pos);
+        if (nl == std::string_view::npos) nl = text.size();
+        std::string_view line = text.substr(pos, nl - pos);
+        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        lines.push_back(line);
+        pos = nl + 1;
+    }
+    return lines;
+}
+
+std::string_view trim(std::string_view s) {
+    const char* ws = " \t\r\n\v\f";
+    const size_t b = s.find_first_not_of(ws);
+    if (b == std::string_view::npos) return std::string_view();
+    const size_t e = s.find_last_not_of(ws);
+    return s.substr(b, e - b + 1);
+}
+
+std::vector<std::string_view> split_ws(std::string_view s) {
+    std::vector<std::string_view> out;
+    size_t i = 0;
+    while (i < s.size()) {
+        while (i < s.size() && (s[i] == ' ' || s[i] == '\t')) ++i;
+        if (i >= s.size()) break;
+        size_t j = i;
+        while (j < s.size() && s[j] != ' ' && s[j] != '\t') ++j;
+        out.push_back(s.substr(i, j - i));
+        i = j;
+    }
+    return out;
+}
+
+bool starts_with(std::string_view s, std::string_view prefix) { return s.substr(0, prefix.size()) == prefix; }
+
+bool ends_with(std::string_view s, std::string_view suffix) {
+    return s.size() >= suffix.size() && s.substr(s.size() - suffix.size()) == suffix;
+}
+
+bool parse_i64(std::string_view s, int64_t& out) {
+    if (s.empty()) return false;
+    const auto r = std::from_chars(s.data(), s.data() + s.size(), out);
+    return r.ec == std::errc() && r.ptr == s.data() + s.size();
+}
+
+bool parse_u64(std::string_view s, uint64_t& out) {
+    if (s.empty()) return false;
+    const auto r = std::from_chars(s.data(), s.data() + s.size(), out);
+    return r.ec == std::errc() && r.ptr == s.data() + s.size();
+}
+
+std::string format_time(time_t t) {
+    struct tm tm;
+    if (!gmtime_r(&t, &tm)) return std::string();
+    char buf[32];
+    const size_t n = strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
+    return std::string(buf, n);
+}
+
+std::string format_date(time_t t) {
+    struct tm tm;
+    if (!gmtime_r(&t, &tm)) return std::string();
+    char buf[32];
+    const size_t n = strftime(buf, sizeof buf, "%Y-%m-%d", &tm);
+    return std::string(buf, n);
+}
+
+namespace {
+
+// name-by-id tables of one /etc file, re-read when its mtime or size changes.
+struct IdTable {
+    time_t mtime = -1;
+    off_t size = -1;
+    std::map<uint32_t, std::string> names;
+};
+
+std::string lookup_id(const std::string& file, uint32_t id) {
+    static std::mutex mu;
+    static std::map<std::string, IdTable> tables;
+    struct stat st;
+    if (::stat(file.c_str(), &st) != 0) return std::string();
+    std::lock_guard<std::mutex> lock(mu);
+    IdTable& t = tables[file];
+    if (t.mtime != st.st_mtime || t.size != st.st_size) {
+        t.names.clear();
+        t.mtime = st.st_mtime;
+        t.size = st.st_size;
+        std::string text;
+        if (read_file(file, text, 16u << 20) == 0) {
+            for (std::string_view line : split_lines(text)) {
+                // name:x:id:...
+                const size_t c1 = line.find(':');
+                if (c1 == std::string_view::npos || c1 == 0) continue;
+                const size_t c2 = line.find(':', c1 + 1);
+                if (c2 == std::string_view::npos) continue;
+                const size_t c3 = line.find(':', c2 + 1);
+                std::string_view idtext =
+                    line.substr(c2 + 1, (c3 == std::string_view::npos ? line.size() : c3) - c2 - 1);
+                uint64_t v;
+                if (!parse_u64(idtext, v) || v > 0xffffffffu) continue;
+                t.names.emplace(static_cast<uint32_t>(v),
+                                std::string(line.substr(0, c1)));  // first entry wins
+            }
+        }
+    }
+    auto it = t.names.find(id);
+    return it == t.names.end() ? std::string() : it->second;
+}
+
+}  // namespace
+
+std::string user_name(const HostRoot& root, uid_t uid) { return lookup_id(root.path("/etc/passwd"), uid); }
+
+std::string group_name(const HostRoot& root, gid_t gid) { return lookup_id(root.path("/etc/group"), gid); }
+
+}  // namespace amsvc

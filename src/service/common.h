@@ -1,0 +1,83 @@
+// Helpers every collector shares: the host root, bounded and non-blocking file
+// reads, text splitting, and the one time format of the whole service.
+#ifndef ASSETMAN_SERVICE_COMMON_H
+#define ASSETMAN_SERVICE_COMMON_H
+
+#include <stdint.h>
+#include <sys/types.h>
+#include <time.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace amsvc {
+
+// Every path the service reads is a host path ("/etc/passwd") placed under
+// this root, so a collector can inventory a fixture tree or a mounted image.
+class HostRoot {
+public:
+    explicit HostRoot(std::string root = "/");
+    const std::string& root() const { return root_; }
+    bool is_live_host() const { return root_ == "/"; }
+    // "/etc/passwd" -> "<root>/etc/passwd"; a relative path is taken as absolute.
+    std::string path(std::string_view host_path) const;
+
+private:
+    std::string root_;  // "/" or a directory without trailing slash
+};
+
+// Result codes of the service: 0 success (also for a kind read in part),
+// negative errno values for a kind that could not be collected at all.
+//   -ENOSYS  kind not collected on this platform (yet)
+//   -ENOENT  the kind's sources do not exist under the host root
+//   -EACCES  the kind's sources exist but none could be read
+//   -EINVAL  a null record was handed in
+//   -ENOMEM  memory ran out while collecting
+//   -EIO     any other failure inside a collector
+
+constexpr size_t kDefaultMaxFile = 64u << 20;  // 64 MiB
+
+enum ReadFlags : unsigned {
+    kReadDefault = 0,
+    kNoFollow = 1u << 0,  // refuse a symlink as the final component
+};
+
+// Reads a regular file (S_ISREG after open) into `out`, at most `max_bytes`
+// (the rest is dropped). Opens with O_NONBLOCK so a FIFO never blocks, and
+// never reads a device or socket. Returns 0 or a negative errno (-EINVAL for a
+// file that is not regular, -ELOOP for a refused symlink).
+int read_file(const std::string& path, std::string& out, size_t max_bytes = kDefaultMaxFile,
+              unsigned flags = kReadDefault);
+
+// Entry names of a directory, without "." and "..". Empty when unreadable.
+std::vector<std::string> list_dir(const std::string& path);
+
+// Target of a symbolic link, or empty.
+std::string read_link(const std::string& path);
+
+// Splits on '\n', dropping a trailing '\r' of each line; no empty last line.
+std::vector<std::string_view> split_lines(std::string_view text);
+std::string_view trim(std::string_view s);
+// Splits on runs of blanks (space, tab).
+std::vector<std::string_view> split_ws(std::string_view s);
+bool starts_with(std::string_view s, std::string_view prefix);
+bool ends_with(std::string_view s, std::string_view suffix);
+
+// Decimal parses that never throw; false on junk or overflow.
+bool parse_i64(std::string_view s, int64_t& out);
+bool parse_u64(std::string_view s, uint64_t& out);
+
+// The service's one time format: UTC, "YYYY-MM-DD HH:MM:SS". Dates: "YYYY-MM-DD".
+std::string format_time(time_t t);
+std::string format_date(time_t t);
+
+// Name of a uid/gid from the host root's /etc/passwd and /etc/group, cached
+// per root and refreshed when the file changes. Empty when unknown.
+std::string user_name(const HostRoot& root, uid_t uid);
+std::string group_name(const HostRoot& root, gid_t gid);
+
+}  // namespace amsvc
+
+#endif

@@ -1,0 +1,36 @@
+// What the service says about one file on the host: its digests (from the
+// shared digest cache), the vendor of the package that owns it, and whether
+// its content matches what that package recorded.
+#ifndef ASSETMAN_SERVICE_FILE_FACTS_H
+#define ASSETMAN_SERVICE_FILE_FACTS_H
+
+#include <string>
+#include <vector>
+
+#include "common.h"
+
+namespace amsvc {
+
+struct FileFacts {
+    std::string md5;        // lower-case hex, empty when the file could not be hashed
+    std::string sha256;     // lower-case hex, empty when the file could not be hashed
+    std::string company;    // vendor of the owning package, empty when unowned
+    bool verified = false;  // digest equals the one the owning package recorded
+};
+
+struct FileRef {
+    std::string host_path;   // the path as the host names it ("/usr/lib/x.so"); keys ownership
+    std::string open_path;   // where to open it ("/proc/42/root/usr/lib/x.so"); empty: root.path(host_path)
+    bool no_follow = false;  // refuse a symlink as final component (user-controlled paths)
+};
+
+// Facts of one file. Never throws for I/O reasons; a FIFO, device, vanished or
+// unreadable file yields empty digests and verified == false.
+FileFacts file_facts(const HostRoot& root, const FileRef& file);
+
+// Facts of many files; cold files are hashed on all cores. out[i] belongs to files[i].
+std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<FileRef>& files);
+
+}  // namespace amsvc
+
+#endif
