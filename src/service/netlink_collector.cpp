@@ -302,8 +302,9 @@ struct Reader {
     bool denied = false;  // some source existed but refused us
 };
 
+// Anything but absence means the source is there and refused us.
 void note_failure(Reader& rd, int err) {
-    if (err == -EACCES || err == -EPERM) rd.denied = true;
+    if (err != -ENOENT && err != -ENOTDIR && err != -ESRCH) rd.denied = true;
 }
 
 // Streams one /proc/net table so a huge file costs no more memory than the
@@ -630,11 +631,7 @@ int32_t collect(const HostRoot& root, std::vector<AM::NetLinkInfo>& out, const O
             const std::string base = root.path("/proc/" + std::to_string(ns.second));
             const int nl = use_netlink && buf ? diag_socket_in(base + "/ns/net", ns.first) : -1;
             Fd guard(nl);
-            const int before = rd.tables_read;
-            const bool was_denied = rd.denied;
             read_namespace(rd, nl, base + "/net", seq, buf.get(), buflen);
-            // A process gone mid-scan is no failure of the whole collection.
-            if (rd.tables_read == before) rd.denied = was_denied;
         }
     }
     if (rd.tables_read == 0) return rd.denied ? -EACCES : -ENOENT;
