@@ -310,7 +310,8 @@ void note_failure(Reader& rd, int err) {
 // Streams one /proc/net table so a huge file costs no more memory than the
 // sockets it holds; stops at kMaxTableBytes.
 int read_table_file(Reader& rd, const std::string& path, Proto proto, int family) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    // The table itself is never a symlink, not even on the live /proc.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW);
     if (fd < 0) return -errno;
     Fd guard(fd);
     struct stat st;
@@ -585,8 +586,15 @@ void dedupe(std::vector<Sock>& socks, const std::vector<size_t>& ns_start) {
         if (s.inode != 0) {
             keep = inodes[static_cast<int>(s.proto)].insert(s.inode).second;
         } else {
-            std::string key(reinterpret_cast<const char*>(&s), sizeof s);
-            key.append(reinterpret_cast<const char*>(&ns_index), sizeof ns_index);
+            std::string key;
+            key.reserve(48);
+            key.push_back(static_cast<char>(s.proto));
+            key.push_back(static_cast<char>(s.family));
+            key.push_back(static_cast<char>(s.state));
+            key.append(reinterpret_cast<const char*>(s.laddr), sizeof s.laddr);
+            key.append(reinterpret_cast<const char*>(s.raddr), sizeof s.raddr);
+            key.append(std::to_string(s.lport) + ":" + std::to_string(s.rport) + "@" +
+                       std::to_string(ns_index));
             keep = anonymous.insert(std::move(key)).second;
         }
         if (keep) socks[w++] = s;

@@ -14,6 +14,7 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -358,6 +359,8 @@ TEST(NetlinkSnapshot, MissingAndHostileSources) {
     t.mkdir("/proc/net");
     ASSERT_EQ(mkfifo((t.path + "/proc/net/tcp").c_str(), 0644), 0);
     t.mkdir("/proc/net/udp");
+    // A table that is a link into the live /proc is not followed.
+    ASSERT_EQ(symlink("/proc/net/tcp6", (t.path + "/proc/net/tcp6").c_str()), 0);
     EXPECT_EQ(amsvc::collect_netlinks(HostRoot(t.path), out), -EACCES);
 
     // One good line among a huge over-long line and a truncated tail.
@@ -693,6 +696,38 @@ TEST_F(NetlinkLiveHost, OwnAndChildSocketsMatchSs) {
         }
     }
     EXPECT_EQ(a, want);
+}
+
+TEST(NetlinkLiveManyFds, SocketHeldThroughManyDescriptorsIsListedOnce) {
+    // As many descriptors as this host lets one process have, up to 100k,
+    // all naming one listening socket.
+    rlimit lim;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &lim), 0);
+    const rlim_t want = std::min<rlim_t>(lim.rlim_max, 100000);
+    Child child([want] {
+        prctl(PR_SET_NAME, "nl_manyfd");
+        rlimit l = {want, want};
+        setrlimit(RLIMIT_NOFILE, &l);
+        const int s = bound(AF_INET, SOCK_STREAM, 0);
+        if (s < 0 || listen(s, 4) != 0) return std::string();
+        int copies = 0;
+        while (dup(s) >= 0) ++copies;
+        return std::to_string(port_of(s)) + " " + std::to_string(copies);
+    });
+    int port = 0, copies = 0;
+    ASSERT_EQ(sscanf(child.report().c_str(), "%d %d", &port, &copies), 2);
+    EXPECT_GT(copies, 1000);
+    std::vector<AM::NetLinkInfo> out;
+    ASSERT_EQ(amsvc::collect_netlinks(HostRoot("/"), out), 0);
+    int n = 0;
+    for (const auto& r : out) {
+        if (r.proto == "tcp" && r.local_port == port && r.state == "LISTEN" && r.local_addr == "127.0.0.1") {
+            ++n;
+            EXPECT_EQ(r.pid, child.pid());
+            EXPECT_EQ(r.proc_name, "nl_manyfd");
+        }
+    }
+    EXPECT_EQ(n, 1);
 }
 
 // Brings up `lo` inside a fresh network namespace.
