@@ -396,9 +396,8 @@ int diag_dump(Reader& rd, int fd, uint32_t seq, Proto proto, int family, char* b
     req.r.sdiag_family = static_cast<uint8_t>(family);
     req.r.sdiag_protocol = static_cast<uint8_t>(diag_protocol(proto));
     req.r.idiag_states = kDiagStates;
-    // For raw sockets this byte names the IP protocol to look up; IPPROTO_RAW
-    // there means "any" to the dump.
-    if (proto == Proto::kRaw) req.r.pad = IPPROTO_RAW;
+    // For raw sockets the spare byte names an IP protocol, but only lookups of
+    // one socket use it: a dump lists raw sockets of every protocol.
     sockaddr_nl sa;
     memset(&sa, 0, sizeof sa);
     sa.nl_family = AF_NETLINK;
