@@ -2,6 +2,9 @@
 -- exports its entry only under the C++ name, so loadlib takes that name.
 local M = {}
 
+-- Sanitizer reports end the process without flushing stdio: keep output flowing.
+io.stdout:setvbuf("line")
+
 M.so = assert(os.getenv("ASSETMAN_SO"), "ASSETMAN_SO not set")
 M.fake_so = assert(os.getenv("ASSETMAN_FAKE_AM"), "ASSETMAN_FAKE_AM not set")
 M.open = assert(package.loadlib(M.so, "_Z16luaopen_assetmanP9lua_State"))
