@@ -105,6 +105,7 @@ public:
         g.system_null = s == nullptr;
         if (s) {
             s->host = "host1";
+            s->version = "os-1";
             s->b64 = true;
             s->envs.clear();
             for (size_t i = 0; i < p.records; ++i) s->envs.push_back("K" + std::to_string(i) + "=V");
@@ -124,6 +125,7 @@ public:
     }
     int32_t collect_docker(DockerInfo& d) override {
         const Plan& p = enter("docker", 0);
+        d.storage_driver = "overlay2";
         d.version = "20.10";
         d.image_num = "3";
         d.container_num = "0";
