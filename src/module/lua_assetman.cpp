@@ -29,81 +29,78 @@ using assetman::collect_system_asset_data;
 
 // Fields of each record in member order: F(Record, field). The member's C++
 // type picks the accessor kind, so nothing else needs to be said per field.
-#define ASSETMAN_FIELDS_NetworkCardInfo(F, R) \
+// clang-format off
+#define ASSETMAN_FIELDS_NetworkCardInfo(F, R)                                                 \
     F(R, name) F(R, ipv4) F(R, ipv6) F(R, mac) F(R, gateway) F(R, mask) F(R, broad) F(R, mtu)
-#define ASSETMAN_FIELDS_DiskInfo(F, R) F(R, name) F(R, desc) F(R, fs) F(R, size) F(R, free) F(R, percent)
-#define ASSETMAN_FIELDS_NetShareInfo(F, R) F(R, name) F(R, path) F(R, max_conn) F(R, cur_conn)
-#define ASSETMAN_FIELDS_SystemInfo(F, R)                                                                  \
-    F(R, host)                                                                                            \
-    F(R, version) F(R, kernel_version) F(R, arch) F(R, b64) F(R, Manufacturer) F(R, product) F(R, Serial) \
-        F(R, mem) F(R, cpu) F(R, envs) F(R, network_card) F(R, disk) F(R, net_share)
-#define ASSETMAN_FIELDS_RegAutoStartInfo(F, R) \
+#define ASSETMAN_FIELDS_DiskInfo(F, R)                                 \
+    F(R, name) F(R, desc) F(R, fs) F(R, size) F(R, free) F(R, percent)
+#define ASSETMAN_FIELDS_NetShareInfo(F, R)              \
+    F(R, name) F(R, path) F(R, max_conn) F(R, cur_conn)
+#define ASSETMAN_FIELDS_SystemInfo(F, R)                                                    \
+    F(R, host) F(R, version) F(R, kernel_version) F(R, arch) F(R, b64) F(R, Manufacturer)   \
+    F(R, product) F(R, Serial) F(R, mem) F(R, cpu) F(R, envs) F(R, network_card) F(R, disk) \
+    F(R, net_share)
+#define ASSETMAN_FIELDS_RegAutoStartInfo(F, R)                                    \
     F(R, name) F(R, cmd_line) F(R, company) F(R, verified) F(R, md5) F(R, sha256)
-#define ASSETMAN_FIELDS_SysLoadModuleInfo(F, R)                                                    \
-    F(R, name)                                                                                     \
-    F(R, size) F(R, load_addr) F(R, path) F(R, md5) F(R, sha256) F(R, used) F(R, by) F(R, company) \
-        F(R, verified)
-#define ASSETMAN_FIELDS_CronInfo(F, R) \
+#define ASSETMAN_FIELDS_SysLoadModuleInfo(F, R)                                                 \
+    F(R, name) F(R, size) F(R, load_addr) F(R, path) F(R, md5) F(R, sha256) F(R, used) F(R, by) \
+    F(R, company) F(R, verified)
+#define ASSETMAN_FIELDS_CronInfo(F, R)                                        \
     F(R, user) F(R, cmd_line) F(R, timer) F(R, name) F(R, comment) F(R, file)
-#define ASSETMAN_FIELDS_AutoRunServInfo(F, R)                                                     \
-    F(R, name)                                                                                    \
-    F(R, script_path) F(R, level) F(R, comment) F(R, status) F(R, md5) F(R, sha256) F(R, company) \
-        F(R, verified)
-#define ASSETMAN_FIELDS_SysInstallPackageInfo(F, R)                                                \
-    F(R, name)                                                                                     \
-    F(R, version) F(R, release) F(R, installtime) F(R, type) F(R, size) F(R, summary) F(R, source) \
-        F(R, installdir) F(R, company)
-#define ASSETMAN_FIELDS_UserInfo(F, R)                                                         \
-    F(R, name)                                                                                 \
-    F(R, uid) F(R, gid) F(R, groupname) F(R, comment) F(R, homedir) F(R, shell) F(R, is_admin) \
-        F(R, is_disable) F(R, last_change_passwd) F(R, account_expire) F(R, passwd_expire)     \
-            F(R, last_login_time) F(R, last_login_term) F(R, last_login_ip)
-#define ASSETMAN_FIELDS_WebSiteInfo(F, R) F(R, ip) F(R, port) F(R, host) F(R, document) F(R, logpath)
-#define ASSETMAN_FIELDS_ServiceInfo(F, R)                                                                \
-    F(R, pid)                                                                                            \
-    F(R, port) F(R, type) F(R, name) F(R, arch) F(R, version) F(R, install_path) F(R, process_path)      \
-        F(R, configure_path) F(R, exec_env) F(R, command) F(R, exec_user) F(R, data_path) F(R, log_path) \
-            F(R, desc) F(R, current_dir) F(R, hosts) F(R, srv_name) F(R, reserve)
-#define ASSETMAN_FIELDS_NetLinkInfo(F, R)                                                       \
-    F(R, proto)                                                                                 \
-    F(R, local_addr) F(R, local_port) F(R, remote_addr) F(R, remote_port) F(R, state) F(R, pid) \
-        F(R, proc_name) F(R, proc_path)
-#define ASSETMAN_FIELDS_ProcessModuleInfo(F, R) F(R, path) F(R, md5) F(R, sha256) F(R, company) F(R, verified)
+#define ASSETMAN_FIELDS_AutoRunServInfo(F, R)                                                  \
+    F(R, name) F(R, script_path) F(R, level) F(R, comment) F(R, status) F(R, md5) F(R, sha256) \
+    F(R, company) F(R, verified)
+#define ASSETMAN_FIELDS_SysInstallPackageInfo(F, R)                                              \
+    F(R, name) F(R, version) F(R, release) F(R, installtime) F(R, type) F(R, size) F(R, summary) \
+    F(R, source) F(R, installdir) F(R, company)
+#define ASSETMAN_FIELDS_UserInfo(F, R)                                                     \
+    F(R, name) F(R, uid) F(R, gid) F(R, groupname) F(R, comment) F(R, homedir) F(R, shell) \
+    F(R, is_admin) F(R, is_disable) F(R, last_change_passwd) F(R, account_expire)          \
+    F(R, passwd_expire) F(R, last_login_time) F(R, last_login_term) F(R, last_login_ip)
+#define ASSETMAN_FIELDS_WebSiteInfo(F, R)                       \
+    F(R, ip) F(R, port) F(R, host) F(R, document) F(R, logpath)
+#define ASSETMAN_FIELDS_ServiceInfo(F, R)                                                  \
+    F(R, pid) F(R, port) F(R, type) F(R, name) F(R, arch) F(R, version) F(R, install_path) \
+    F(R, process_path) F(R, configure_path) F(R, exec_env) F(R, command) F(R, exec_user)   \
+    F(R, data_path) F(R, log_path) F(R, desc) F(R, current_dir) F(R, hosts) F(R, srv_name) \
+    F(R, reserve)
+#define ASSETMAN_FIELDS_NetLinkInfo(F, R)                                                         \
+    F(R, proto) F(R, local_addr) F(R, local_port) F(R, remote_addr) F(R, remote_port) F(R, state) \
+    F(R, pid) F(R, proc_name) F(R, proc_path)
+#define ASSETMAN_FIELDS_ProcessModuleInfo(F, R)                    \
+    F(R, path) F(R, md5) F(R, sha256) F(R, company) F(R, verified)
 #define ASSETMAN_FIELDS_ProcessInfo(F, R)                                                       \
-    F(R, user)                                                                                  \
-    F(R, pid) F(R, ppid) F(R, stime) F(R, rtime) F(R, cmd_line) F(R, env) F(R, path) F(R, name) \
-        F(R, current_dir) F(R, modules)
-#define ASSETMAN_FIELDS_ThirdPartDevLibInfo(F, R) F(R, name) F(R, version) F(R, path)
-#define ASSETMAN_FIELDS_DockerInfo(F, R) \
-    F(R, storage_driver)                 \
-    F(R, root_dir) F(R, version) F(R, image_num) F(R, container_num) F(R, images) F(R, containers)
+    F(R, user) F(R, pid) F(R, ppid) F(R, stime) F(R, rtime) F(R, cmd_line) F(R, env) F(R, path) \
+    F(R, name) F(R, current_dir) F(R, modules)
+#define ASSETMAN_FIELDS_ThirdPartDevLibInfo(F, R) \
+    F(R, name) F(R, version) F(R, path)
+#define ASSETMAN_FIELDS_DockerInfo(F, R)                                                  \
+    F(R, storage_driver) F(R, root_dir) F(R, version) F(R, image_num) F(R, container_num) \
+    F(R, images) F(R, containers)
 
 // All record classes, in the order they are registered in api.assetman (the
 // holder is registered between SystemInfo and RegAutoStartInfo).
-#define ASSETMAN_RECORDS(X)                                                                               \
-    X(NetworkCardInfo)                                                                                    \
-    X(DiskInfo)                                                                                           \
-    X(NetShareInfo) X(SystemInfo) X(RegAutoStartInfo) X(SysLoadModuleInfo) X(CronInfo) X(AutoRunServInfo) \
-        X(SysInstallPackageInfo) X(UserInfo) X(WebSiteInfo) X(ServiceInfo) X(NetLinkInfo)                 \
-            X(ProcessModuleInfo) X(ProcessInfo) X(ThirdPartDevLibInfo) X(DockerInfo)
+#define ASSETMAN_RECORDS(X)                                                                  \
+    X(NetworkCardInfo) X(DiskInfo) X(NetShareInfo) X(SystemInfo) X(RegAutoStartInfo)         \
+    X(SysLoadModuleInfo) X(CronInfo) X(AutoRunServInfo) X(SysInstallPackageInfo) X(UserInfo) \
+    X(WebSiteInfo) X(ServiceInfo) X(NetLinkInfo) X(ProcessModuleInfo) X(ProcessInfo)         \
+    X(ThirdPartDevLibInfo) X(DockerInfo)
 
 // Records that have a list class, in the order the list classes are registered.
-#define ASSETMAN_LISTS(X)                                                                                    \
-    X(RegAutoStartInfo)                                                                                      \
-    X(NetworkCardInfo)                                                                                       \
-    X(DiskInfo) X(NetShareInfo) X(SysLoadModuleInfo) X(CronInfo) X(AutoRunServInfo) X(SysInstallPackageInfo) \
-        X(UserInfo) X(WebSiteInfo) X(ServiceInfo) X(NetLinkInfo) X(ProcessModuleInfo) X(ProcessInfo)         \
-            X(ThirdPartDevLibInfo)
+#define ASSETMAN_LISTS(X)                                                                    \
+    X(RegAutoStartInfo) X(NetworkCardInfo) X(DiskInfo) X(NetShareInfo) X(SysLoadModuleInfo)  \
+    X(CronInfo) X(AutoRunServInfo) X(SysInstallPackageInfo) X(UserInfo) X(WebSiteInfo)       \
+    X(ServiceInfo) X(NetLinkInfo) X(ProcessModuleInfo) X(ProcessInfo) X(ThirdPartDevLibInfo)
 
 // The collector functions in registration order: LIST(kind, Record) for kinds
 // collected into a list, SINGLE(kind, Record) for the two single records.
-#define ASSETMAN_COLLECTORS(LIST, SINGLE)                                                             \
-    LIST(process, ProcessInfo)                                                                        \
-    LIST(netlink, NetLinkInfo)                                                                        \
-    LIST(service, ServiceInfo) LIST(user, UserInfo) LIST(sys_install_package, SysInstallPackageInfo)  \
-        LIST(auto_run_serv, AutoRunServInfo) LIST(cron, CronInfo) LIST(sys_module, SysLoadModuleInfo) \
-            SINGLE(system, SystemInfo) LIST(thirdpart_dev_lib, ThirdPartDevLibInfo)                   \
-                LIST(windows_reg_autostart, RegAutoStartInfo) SINGLE(docker, DockerInfo)
+#define ASSETMAN_COLLECTORS(LIST, SINGLE)                                                         \
+    LIST(process, ProcessInfo) LIST(netlink, NetLinkInfo) LIST(service, ServiceInfo)              \
+    LIST(user, UserInfo) LIST(sys_install_package, SysInstallPackageInfo)                         \
+    LIST(auto_run_serv, AutoRunServInfo) LIST(cron, CronInfo) LIST(sys_module, SysLoadModuleInfo) \
+    SINGLE(system, SystemInfo) LIST(thirdpart_dev_lib, ThirdPartDevLibInfo)                       \
+    LIST(windows_reg_autostart, RegAutoStartInfo) SINGLE(docker, DockerInfo)
+// clang-format on
 
 // Lua type names of a record, its read-only twin and its list types.
 template <class T>
