@@ -1,0 +1,151 @@
+-- The collector functions against the counting fake service.
+local h = require("helper")
+local am = api.assetman
+local fake = h.fake
+
+local list_kinds = {
+  { "process", "ProcessInfo" }, { "netlink", "NetLinkInfo" }, { "service", "ServiceInfo" }, { "user", "UserInfo" },
+  { "sys_install_package", "SysInstallPackageInfo" }, { "auto_run_serv", "AutoRunServInfo" },
+  { "cron", "CronInfo" }, { "sys_module", "SysLoadModuleInfo" }, { "thirdpart_dev_lib", "ThirdPartDevLibInfo" },
+}
+
+describe("collector functions", function()
+  before_each(function() fake.reset() end)
+
+  it("pass each list to the service as it is and return its code as a number", function()
+    for _, k in ipairs(list_kinds) do
+      local kind, record = k[1], k[2]
+      local collect = am["collect_" .. kind .. "_asset"]
+      local l = h.list_of(record)
+      fake.set(kind, 0, 2)
+      assert.are.equal(0, collect(l))
+      assert.are.equal(2, l:size())
+      for _, code in ipairs({ -5, 1, 2147483647, -2147483648 }) do
+        fake.set(kind, code, 3)
+        assert.are.equal(code, collect(l))
+      end
+      assert.are.equal(3, fake.size_seen(kind))  -- the list arrived with what it held
+      assert.are.equal(5, fake.calls(kind))
+    end
+  end)
+
+  it("for system and docker fill the record they are given", function()
+    local holder = am.collect_system_asset_data()
+    fake.set("system", -22, 1)
+    assert.are.equal(-22, am.collect_system_asset(holder:get()))
+    assert.is_false(fake.system_null())
+    assert.are.equal("host1", holder:get().host)
+    fake.set("system", 4, 1)
+    assert.are.equal(4, am.collect_system_asset(nil))  -- reaches the service as a null record
+    assert.is_true(fake.system_null())
+    assert.are.equal(2, fake.calls("system"))
+    fake.set("docker", -1)
+    local d = am.DockerInfo()
+    assert.are.equal(-1, am.collect_docker_asset(d))
+    assert.are.equal("3", d.image_num)
+  end)
+
+  it("leave a registry auto-start list alone without asking the service", function()
+    local l = vector_assetman__RegAutoStartInfo_()
+    fake.push_reg(l, 2)
+    assert.are.equal(0, am.collect_windows_reg_autostart_asset(l))
+    assert.are.equal(2, l:size())
+    assert.are.equal("reg1", l[1].name)
+  end)
+
+  it("init returns the service's code, release returns nothing", function()
+    fake.set("init", -13)
+    assert.are.equal(-13, am.collect_init())
+    fake.set("init", 0)
+    assert.are.equal(0, am.collect_init())
+    assert.are.equal(0, select("#", am.collect_release()))
+    local x = am.collect_release()
+    assert.is_nil(x)
+    assert.are.equal(2, fake.calls("init"))
+    assert.are.equal(2, fake.calls("release"))
+  end)
+
+  it("refuse bad arguments before reaching the service", function()
+    local holder = am.collect_system_asset_data()
+    for _, k in ipairs(list_kinds) do
+      for _, suffix in ipairs({ "_asset", "_asset_fast" }) do
+        local name = "collect_" .. k[1] .. suffix
+        local f = am[name]
+        local wrong = k[2] == "CronInfo" and vector_assetman__UserInfo_() or vector_assetman__CronInfo_()
+        local msg = "error in function '" .. name .. "'."
+        local err = h.raises(msg, f, nil)
+        assert.truthy(err:find("argument #1", 1, true))
+        h.raises(msg, f)
+        h.raises(msg, f, wrong)
+        h.raises(msg, f, holder)
+        h.raises(msg, f, h.list_of(k[2]), 1)
+        h.raises(msg, function() return am[name](am, h.list_of(k[2])) end)
+      end
+      assert.are.equal(0, fake.calls(k[1]))
+    end
+    for _, suffix in ipairs({ "_asset", "_asset_fast" }) do
+      local name = "collect_windows_reg_autostart" .. suffix
+      h.raises("error in function '" .. name .. "'.", am[name], nil)
+      h.raises("error in function '" .. name .. "'.", am[name], vector_assetman__CronInfo_())
+      name = "collect_system" .. suffix
+      h.raises("error in function '" .. name .. "'.", am[name], holder)
+      h.raises("error in function '" .. name .. "'.", am[name], vector_assetman__DiskInfo_())
+      h.raises("error in function '" .. name .. "'.", am[name], nil, 1)
+    end
+    h.raises("error in function 'collect_init'.", am.collect_init, 1)
+    h.raises("error in function 'collect_init'.", function() return am:collect_init() end)
+    h.raises("error in function 'collect_release'.", am.collect_release, nil, 1)
+    assert.are.equal(0, fake.calls("system") + fake.calls("init") + fake.calls("release"))
+  end)
+
+  it("turn a failure of the service into a Lua error", function()
+    local l = vector_assetman__NetLinkInfo_()
+    fake.set("netlink", 0, 1, 0, true)
+    h.raises("fake service failed in netlink", am.collect_netlink_asset, l)
+    fake.set("netlink", 0, 1)
+    assert.are.equal(0, am.collect_netlink_asset(l))
+    assert.are.equal(1, l:size())
+  end)
+
+  -- The caches live as long as the process, so each kind's cached twin is
+  -- first called here and nowhere else.
+  it("cached twins ask the service once, and answer later calls from the cache", function()
+    for _, k in ipairs(list_kinds) do
+      local kind, record = k[1], k[2]
+      local fast = am["collect_" .. kind .. "_asset_fast"]
+      fake.set(kind, -9, 2, 0, true)
+      h.raises("fake service failed in " .. kind, fast, h.list_of(record))
+      fake.set(kind, -9, 2)  -- the failed call released the lock and left the cache empty
+      local first, second = h.list_of(record), h.list_of(record)
+      assert.are.equal(-9, fast(first))
+      assert.are.equal(2, first:size())
+      fake.set(kind, -1, 5)
+      assert.are.equal(0, fast(second))
+      assert.are.equal(2, second:size())
+      assert.are.equal(2, fake.calls(kind))
+    end
+    local reg = vector_assetman__RegAutoStartInfo_()
+    fake.push_reg(reg, 2)
+    assert.are.equal(0, am.collect_windows_reg_autostart_asset_fast(reg))
+    assert.are.equal(0, reg:size())
+
+    local h1, h2 = am.collect_system_asset_data(), am.collect_system_asset_data()
+    fake.set("system", 6, 2)
+    assert.are.equal(6, am.collect_system_asset_fast(h1:get()))
+    fake.set("system", 7, 4)
+    assert.are.equal(0, am.collect_system_asset_fast(h2:get()))
+    assert.are.equal("host1", h2:get().host)
+    assert.are.equal("os-1", h2:get().version)
+    assert.are.equal(2, h2:get().disk:size())
+    assert.are.equal(1, fake.calls("system"))
+
+    local d1, d2 = am.DockerInfo(), am.DockerInfo:new()
+    fake.set("docker", -2)
+    assert.are.equal(-2, am.collect_docker_asset_fast(d1))
+    assert.are.equal(0, am.collect_docker_asset_fast(d2))
+    assert.are.equal("20.10", d2.version)
+    assert.are.equal("overlay2", d2.storage_driver)
+    assert.are.equal(1, fake.calls("docker"))
+    d2:delete()
+  end)
+end)

@@ -1,0 +1,233 @@
+// A counting stand-in for the asset service for the Lua tests. Preloaded into
+// the interpreter, so assetman.so's get_am_instance resolves here; its control
+// functions are reached from Lua through package.loadlib("luaopen_fake_am").
+#include <malloc.h>
+#include <stddef.h>
+
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <lauxlib.h>
+#include <lua.h>
+}
+
+#include "asset_manager.h"
+
+extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
+
+namespace {
+
+struct Plan {
+    int32_t code = 0;
+    size_t records = 1;
+    size_t text_len = 0;  // when set, records carry one text of this length
+    bool fail = false;    // throw instead of filling
+};
+
+struct State {
+    std::map<std::string, Plan> plans;
+    std::map<std::string, int> calls;
+    std::map<std::string, size_t> size_seen;
+    bool system_null = false;
+} g;
+
+const Plan& enter(const char* op, size_t size) {
+    ++g.calls[op];
+    g.size_seen[op] = size;
+    const Plan& p = g.plans[op];
+    if (p.fail) throw std::runtime_error(std::string("fake service failed in ") + op);
+    return p;
+}
+
+// Distinct, recognisable content per record; the rest stays value-initialised.
+template <class R>
+void decorate(R&, size_t, const Plan&) {}
+void decorate(IAssetManager::ProcessInfo& r, size_t i, const Plan& p) {
+    r.pid = static_cast<int32_t>(100 + i);
+    r.name = "proc" + std::to_string(i);
+    r.cmd_line = std::string(p.text_len, 'c');
+    r.modules.resize(2);
+    r.modules[0].path = "/lib/a.so";
+    r.modules[1].path = "/lib/b.so";
+    r.modules[1].verified = true;
+}
+void decorate(IAssetManager::ServiceInfo& r, size_t i, const Plan&) {
+    r.name = "srv" + std::to_string(i);
+    r.port = 4294967295u;
+    r.hosts.resize(1);
+    r.hosts[0].host = "www.example.org";
+}
+void decorate(IAssetManager::CronInfo& r, size_t i, const Plan&) {
+    r.user = "root";
+    r.cmd_line = "job" + std::to_string(i);
+}
+void decorate(IAssetManager::SysInstallPackageInfo& r, size_t, const Plan&) {
+    r.size = 18446744073709551615ULL;
+}
+void decorate(IAssetManager::UserInfo& r, size_t, const Plan&) { r.uid = "0"; }
+
+template <class R>
+int32_t fill(const char* op, std::vector<R>& list) {
+    const Plan& p = enter(op, list.size());
+    list.clear();
+    for (size_t i = 0; i < p.records; ++i) {
+        R r{};
+        decorate(r, i, p);
+        list.push_back(r);
+    }
+    return p.code;
+}
+
+class FakeAm : public IAssetManager {
+public:
+    int32_t init() override { return enter("init", 0).code; }
+    int32_t release() override { return enter("release", 0).code; }
+    int32_t collect_process(std::vector<ProcessInfo>& l) override { return fill("process", l); }
+    int32_t collect_netlink(std::vector<NetLinkInfo>& l) override { return fill("netlink", l); }
+    int32_t collect_service(std::vector<ServiceInfo>& l) override { return fill("service", l); }
+    int32_t collect_user(std::vector<UserInfo>& l) override { return fill("user", l); }
+    int32_t collect_sys_install_package(std::vector<SysInstallPackageInfo>& l) override {
+        return fill("sys_install_package", l);
+    }
+    int32_t collect_auto_run_serv(std::vector<AutoRunServInfo>& l) override {
+        return fill("auto_run_serv", l);
+    }
+    int32_t collect_cron(std::vector<CronInfo>& l) override { return fill("cron", l); }
+    int32_t collect_sys_module(std::vector<SysLoadModuleInfo>& l) override { return fill("sys_module", l); }
+    int32_t collect_thirdpart_dev_lib(std::vector<ThirdPartDevLibInfo>& l) override {
+        return fill("thirdpart_dev_lib", l);
+    }
+    int32_t collect_system(SystemInfo* s) override {
+        const Plan& p = enter("system", 0);
+        g.system_null = s == nullptr;
+        if (s) {
+            s->host = "host1";
+            s->version = "os-1";
+            s->b64 = true;
+            s->envs.clear();
+            for (size_t i = 0; i < p.records; ++i) s->envs.push_back("K" + std::to_string(i) + "=V");
+            s->network_card.assign(p.records, NetworkCardInfo{});
+            s->disk.assign(p.records, DiskInfo{});
+            s->net_share.assign(p.records, NetShareInfo{});
+            for (auto& d : s->disk) {
+                d.name = "sda";
+                d.size = -5000000000LL;
+                d.free = 5000000000LL;
+                d.percent = 12.5;
+            }
+            for (auto& n : s->net_share) n.max_conn = -1;
+            for (auto& n : s->network_card) n.mtu = 1500;
+        }
+        return p.code;
+    }
+    int32_t collect_docker(DockerInfo& d) override {
+        const Plan& p = enter("docker", 0);
+        d.storage_driver = "overlay2";
+        d.version = "20.10";
+        d.image_num = "3";
+        d.container_num = "0";
+        return p.code;
+    }
+};
+
+// fake_am.set(op, code [, records [, text_len [, fail]]])
+int l_set(lua_State* L) {
+    Plan& p = g.plans[luaL_checkstring(L, 1)];
+    p.code = static_cast<int32_t>(luaL_checknumber(L, 2));
+    p.records = static_cast<size_t>(luaL_optnumber(L, 3, 1));
+    p.text_len = static_cast<size_t>(luaL_optnumber(L, 4, 0));
+    p.fail = lua_toboolean(L, 5) != 0;
+    return 0;
+}
+// The native object behind a tolua++ value, as a light userdata.
+int l_address(lua_State* L) {
+    luaL_checktype(L, 1, LUA_TUSERDATA);
+    lua_pushlightuserdata(L, *static_cast<void**>(lua_touserdata(L, 1)));
+    return 1;
+}
+// Frees a vector<assetman::ProcessInfo> made with `new` whose Lua value is gone.
+int l_free_process_list(lua_State* L) {
+    luaL_checktype(L, 1, LUA_TLIGHTUSERDATA);
+    delete static_cast<std::vector<IAssetManager::ProcessInfo>*>(lua_touserdata(L, 1));
+    return 0;
+}
+// The entries of a SystemInfo's envs, which Lua cannot read.
+int l_envs(lua_State* L) {
+    luaL_checktype(L, 1, LUA_TUSERDATA);
+    const auto* s = *static_cast<IAssetManager::SystemInfo**>(lua_touserdata(L, 1));
+    lua_newtable(L);
+    for (size_t i = 0; i < s->envs.size(); ++i) {
+        lua_pushstring(L, s->envs[i].c_str());
+        lua_rawseti(L, -2, static_cast<int>(i + 1));
+    }
+    return 1;
+}
+int l_calls(lua_State* L) {
+    lua_pushnumber(L, g.calls[luaL_checkstring(L, 1)]);
+    return 1;
+}
+int l_size_seen(lua_State* L) {
+    lua_pushnumber(L, static_cast<lua_Number>(g.size_seen[luaL_checkstring(L, 1)]));
+    return 1;
+}
+int l_system_null(lua_State* L) {
+    lua_pushboolean(L, g.system_null);
+    return 1;
+}
+int l_reset(lua_State*) {
+    g.plans.clear();
+    g.calls.clear();
+    g.size_seen.clear();
+    g.system_null = false;
+    return 0;
+}
+// fake_am.push_reg(list, n): appends n records to a vector<assetman::RegAutoStartInfo>,
+// which no collector on this platform ever fills.
+int l_push_reg(lua_State* L) {
+    luaL_checktype(L, 1, LUA_TUSERDATA);
+    auto* list = *static_cast<std::vector<IAssetManager::RegAutoStartInfo>**>(lua_touserdata(L, 1));
+    const size_t n = static_cast<size_t>(luaL_checknumber(L, 2));
+    for (size_t i = 0; i < n; ++i) {
+        IAssetManager::RegAutoStartInfo r{};
+        r.name = "reg" + std::to_string(i);
+        list->push_back(r);
+    }
+    return 0;
+}
+// Bytes the C++ heap holds now (ASan's count when it owns the heap).
+int l_heap(lua_State* L) {
+    size_t n = __sanitizer_get_current_allocated_bytes ? __sanitizer_get_current_allocated_bytes()
+                                                       : mallinfo2().uordblks;
+    lua_pushnumber(L, static_cast<lua_Number>(n));
+    return 1;
+}
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) IAssetManager* get_am_instance() {
+    static FakeAm instance;
+    return &instance;
+}
+
+extern "C" __attribute__((visibility("default"))) int luaopen_fake_am(lua_State* L) {
+    static const luaL_Reg fns[] = {{"set", l_set},
+                                   {"calls", l_calls},
+                                   {"size_seen", l_size_seen},
+                                   {"system_null", l_system_null},
+                                   {"reset", l_reset},
+                                   {"heap", l_heap},
+                                   {"push_reg", l_push_reg},
+                                   {"address", l_address},
+                                   {"free_process_list", l_free_process_list},
+                                   {"envs", l_envs},
+                                   {nullptr, nullptr}};
+    lua_newtable(L);
+    for (const luaL_Reg* f = fns; f->name; ++f) {
+        lua_pushcfunction(L, f->func);
+        lua_setfield(L, -2, f->name);
+    }
+    return 1;
+}

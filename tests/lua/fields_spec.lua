@@ -1,0 +1,219 @@
+-- Every field of every record, read and written according to its kind.
+local h = require("helper")
+
+-- Fields in member order; ":kind" marks the ones that are not text. A list
+-- kind names the record class of its elements (or "strings").
+local records = {
+  NetworkCardInfo = "name ipv4 ipv6 mac gateway mask broad mtu:i32",
+  DiskInfo = "name desc fs size:i64 free:i64 percent:real",
+  NetShareInfo = "name path max_conn:i32 cur_conn:i32",
+  SystemInfo = "host version kernel_version arch b64:bool Manufacturer product Serial mem cpu envs:strings "
+    .. "network_card:NetworkCardInfo disk:DiskInfo net_share:NetShareInfo",
+  RegAutoStartInfo = "name cmd_line company verified:bool md5 sha256",
+  SysLoadModuleInfo = "name size load_addr path md5 sha256 used by company verified:bool",
+  CronInfo = "user cmd_line timer name comment file",
+  AutoRunServInfo = "name script_path level comment status md5 sha256 company verified:bool",
+  SysInstallPackageInfo = "name version release installtime type size:u64 summary source installdir company",
+  UserInfo = "name uid gid groupname comment homedir shell is_admin:bool is_disable:bool last_change_passwd "
+    .. "account_expire passwd_expire last_login_time last_login_term last_login_ip",
+  WebSiteInfo = "ip port:u32 host document logpath",
+  ServiceInfo = "pid:u32 port:u32 type:u32 name arch version install_path process_path configure_path exec_env "
+    .. "command exec_user data_path log_path desc current_dir hosts:WebSiteInfo srv_name reserve",
+  NetLinkInfo = "proto local_addr local_port:i32 remote_addr remote_port:i32 state pid:i32 proc_name proc_path",
+  ProcessModuleInfo = "path md5 sha256 company verified:bool",
+  ProcessInfo = "user pid:i32 ppid:i32 stime rtime cmd_line env path name current_dir modules:ProcessModuleInfo",
+  ThirdPartDevLibInfo = "name version path",
+  DockerInfo = "storage_driver root_dir version image_num container_num images containers",
+}
+
+local function fields_of(record)
+  local out = {}
+  for spec in records[record]:gmatch("%S+") do
+    local name, kind = spec:match("^([%w_]+):?(.*)$")
+    out[#out + 1] = { name = name, kind = kind ~= "" and kind or "text" }
+  end
+  return out
+end
+
+local MIN32, MIN64 = -2 ^ 31, -2 ^ 63
+local BAD_TYPE = "invalid type in variable assignment."
+
+-- (written value, value read back) per numeric kind
+local numbers = {
+  i32 = { { 7, 7 }, { 1.9, 1 }, { -1.9, -1 }, { -0.5, 0 }, { 2 ^ 31 - 1, 2 ^ 31 - 1 }, { 2 ^ 31 - 0.5, 2 ^ 31 - 1 },
+    { -2 ^ 31, MIN32 }, { 2 ^ 31, MIN32 }, { -2 ^ 31 - 1, MIN32 }, { 1 / 0, MIN32 }, { -1 / 0, MIN32 },
+    { 0 / 0, MIN32 }, { "12", 12 } },
+  u32 = { { 80, 80 }, { -1, 4294967295 }, { 3e9, 2147483648 }, { 4294967295, 2147483648 }, { 2 ^ 31 - 1, 2 ^ 31 - 1 },
+    { 1.9, 1 }, { 0 / 0, 2147483648 } },
+  i64 = { { 3e9, 3e9 }, { -5e12, -5e12 }, { 1.9, 1 }, { -1.9, -1 }, { 2 ^ 53, 2 ^ 53 }, { -2 ^ 63, MIN64 },
+    { 2 ^ 63, MIN64 }, { 1 / 0, MIN64 }, { 0 / 0, MIN64 } },
+  u64 = { { 4096.7, 4096 }, { 3e9, 18446744071562067968 }, { -1, 2 ^ 64 }, { 2 ^ 31, 18446744071562067968 },
+    { 2 ^ 31 - 1, 2 ^ 31 - 1 } },
+  real = { { 12.5, 12.5 }, { -0.25, -0.25 }, { 1 / 0, 1 / 0 }, { 3e300, 3e300 } },
+}
+
+local checks = {}
+
+function checks.text(rec, f)
+  assert.are.equal("string", type(rec[f]))
+  rec[f] = "abc"; assert.are.equal("abc", rec[f])
+  rec[f] = "\255\254 not utf-8"; assert.are.equal("\255\254 not utf-8", rec[f])
+  rec[f] = "cut\0here"; assert.are.equal("cut", rec[f])
+  rec[f] = 42; assert.are.equal("42", rec[f])
+  rec[f] = nil; assert.are.equal("", rec[f])
+  rec[f] = "kept"
+  h.raises(BAD_TYPE, function() rec[f] = true end)
+  h.raises(BAD_TYPE, function() rec[f] = {} end)
+  assert.are.equal("kept", rec[f])
+end
+
+local function check_number(kind)
+  return function(rec, f)
+    for _, case in ipairs(numbers[kind]) do
+      rec[f] = case[1]
+      assert.are.equal(case[2], rec[f], f .. " = " .. tostring(case[1]))
+    end
+    if kind == "real" then
+      rec[f] = 0 / 0
+      assert.is_true(rec[f] ~= rec[f])
+    end
+    rec[f] = 5
+    h.raises(BAD_TYPE, function() rec[f] = true end)
+    h.raises(BAD_TYPE, function() rec[f] = nil end)
+    h.raises(BAD_TYPE, function() rec[f] = "five" end)
+    assert.are.equal(5, rec[f])
+  end
+end
+for kind in pairs(numbers) do checks[kind] = check_number(kind) end
+
+function checks.bool(rec, f)
+  assert.are.equal("boolean", type(rec[f]))
+  rec[f] = true; assert.are.equal(true, rec[f])
+  rec[f] = false; assert.are.equal(false, rec[f])
+  rec[f] = true
+  h.raises(BAD_TYPE, function() rec[f] = 1 end)
+  h.raises(BAD_TYPE, function() rec[f] = "true" end)
+  assert.are.equal(true, rec[f])
+  rec[f] = nil  -- the library's boolean check lets nil through as false
+  assert.are.equal(false, rec[f])
+end
+
+local keep = {}
+
+-- A list field is a live view; writing one copies the given list.
+local function check_list(elem)
+  return function(rec, f)
+    local view = rec[f]
+    assert.are.equal("vector<assetman::" .. elem .. ">", tolua.type(view))
+    assert.are.equal(view, rec[f])
+    local other = h.list_of(elem)
+    other:push_back(h.record(elem, keep))
+    other:push_back(h.record(elem, keep))
+    rec[f] = other
+    assert.are.equal(2, rec[f]:size())
+    other:clear()
+    assert.are.equal(2, rec[f]:size())
+    rec[f]:push_back(h.record(elem, keep))
+    assert.are.equal(3, view:size())
+    rec[f] = rec[f]  -- assigning a list to itself keeps it
+    assert.are.equal(3, rec[f]:size())
+    h.raises(BAD_TYPE, function() rec[f] = nil end)
+    h.raises(BAD_TYPE, function() rec[f] = vector_assetman__CronInfo_() end)
+    h.raises(BAD_TYPE, function() rec[f] = rec end)
+    assert.are.equal(3, rec[f]:size())
+    view:clear()
+    assert.are.equal(0, rec[f]:size())
+  end
+end
+
+-- SystemInfo.envs: a value with no methods that can only be handed on.
+function checks.strings(rec, f)
+  local view = rec[f]
+  assert.are.equal("vector<string>", tolua.type(view))
+  assert.is_nil(view.size)
+  assert.is_nil(view[0])
+  local holder = api.assetman.collect_system_asset_data()
+  h.fake.set("system", 0, 3)
+  api.assetman.collect_system_asset(holder:get())
+  rec[f] = holder:get()[f]
+  assert.are.same({ "K0=V", "K1=V", "K2=V" }, h.fake.envs(rec))
+  api.assetman.collect_system_asset(holder:get())  -- refills the source only
+  h.fake.set("system", 0, 1)
+  api.assetman.collect_system_asset(holder:get())
+  assert.are.same({ "K0=V", "K1=V", "K2=V" }, h.fake.envs(rec))
+  h.raises(BAD_TYPE, function() rec[f] = nil end)
+  h.raises(BAD_TYPE, function() rec[f] = vector_assetman__CronInfo_() end)
+end
+
+describe("record fields", function()
+  local total = 0
+  for record in pairs(records) do total = total + #fields_of(record) end
+
+  it("cover all 147 fields of the 17 records", function()
+    assert.are.equal(147, total)
+    local classes = 0
+    for record in pairs(records) do
+      classes = classes + 1
+      assert.are.equal("table", type(api.assetman[record]), record)
+    end
+    assert.are.equal(17, classes)
+  end)
+
+  for record in pairs(records) do
+    it("of " .. record .. " read and write by kind", function()
+      local rec = h.record(record, keep)
+      local class = getmetatable(rec)
+      for _, fld in ipairs(fields_of(record)) do
+        assert.are.equal("function", type(class[".get"][fld.name]), record .. "." .. fld.name .. " getter")
+        assert.are.equal("function", type(class[".set"][fld.name]), record .. "." .. fld.name .. " setter")
+        local check = checks[fld.kind] or check_list(fld.kind)
+        check(rec, fld.name)
+      end
+      -- nothing beyond the listed fields
+      local n = 0
+      for _ in pairs(class[".get"]) do n = n + 1 end
+      assert.are.equal(#fields_of(record), n)
+    end)
+
+    it("of " .. record .. " refuse a missing or foreign self", function()
+      local rec = h.record(record, keep)
+      local class = getmetatable(rec)
+      local stranger = api.assetman.collect_system_asset_data()
+      for _, fld in ipairs(fields_of(record)) do
+        local msg = "invalid 'self' in accessing variable '" .. fld.name .. "'"
+        h.raises(msg, class[".get"][fld.name], nil)
+        h.raises(msg, class[".set"][fld.name], nil, rec[fld.name])
+        h.raises(msg, class[".get"][fld.name], stranger)
+        h.raises(msg, class[".get"][fld.name], io.stdout)
+      end
+    end)
+  end
+
+  it("read what the service delivered, with the widths it used", function()
+    local pkg = h.filled("SysInstallPackageInfo")[0]
+    assert.are.equal(2 ^ 64, pkg.size)
+    local user = h.filled("UserInfo")[0]
+    assert.are.equal("0", user.uid)
+    local srv = h.filled("ServiceInfo")[0]
+    assert.are.equal(4294967295, srv.port)
+    assert.are.equal("www.example.org", srv.hosts[0].host)
+    local holder = api.assetman.collect_system_asset_data()
+    h.fake.set("system", 0, 1)
+    api.assetman.collect_system_asset(holder:get())
+    local disk = holder:get().disk[0]
+    assert.are.equal(-5000000000, disk.size)
+    assert.are.equal(5000000000, disk.free)
+    assert.are.equal(12.5, disk.percent)
+    assert.are.equal(-1, holder:get().net_share[0].max_conn)
+    assert.are.equal(true, holder:get().b64)
+  end)
+
+  it("copy nested lists with their record", function()
+    local procs = h.filled("ProcessInfo", 1)
+    local p = procs[0]
+    p.modules:clear()
+    assert.are.equal(0, p.modules:size())
+    assert.are.equal(2, procs[0].modules:size())
+    assert.are.equal(true, procs[0].modules[1].verified)
+  end)
+end)

@@ -1,0 +1,146 @@
+-- The fifteen list classes: one pattern, checked on each of them.
+local h = require("helper")
+
+local records = {
+  "RegAutoStartInfo", "NetworkCardInfo", "DiskInfo", "NetShareInfo", "SysLoadModuleInfo", "CronInfo",
+  "AutoRunServInfo", "SysInstallPackageInfo", "UserInfo", "WebSiteInfo", "ServiceInfo", "NetLinkInfo",
+  "ProcessModuleInfo", "ProcessInfo", "ThirdPartDevLibInfo",
+}
+-- A text field of each record, to tell records apart.
+local tag = {
+  RegAutoStartInfo = "name", NetworkCardInfo = "mac", DiskInfo = "fs", NetShareInfo = "path",
+  SysLoadModuleInfo = "load_addr", CronInfo = "timer", AutoRunServInfo = "level", SysInstallPackageInfo = "release",
+  UserInfo = "shell", WebSiteInfo = "document", ServiceInfo = "reserve", NetLinkInfo = "state",
+  ProcessModuleInfo = "md5", ProcessInfo = "env", ThirdPartDevLibInfo = "version",
+}
+
+local keep = {}
+
+describe("list classes", function()
+  for _, r in ipairs(records) do
+    local class_name = "vector_assetman__" .. r .. "_"
+    local t = tag[r]
+    local function rec(text)
+      local x = h.record(r, keep)
+      x[t] = text
+      return x
+    end
+
+    it(class_name .. " appends, reads copies out by 0-based index and writes back", function()
+      local class = _G[class_name]
+      local l = class:new_local()
+      assert.are.equal(0, l:size())
+      l:clear()
+      assert.are.equal(0, l:size())
+      local a, b, c = rec("a"), rec("b"), rec("c")
+      l:push_back(a); l:push_back(b); l:push_back(c)
+      assert.are.equal(3, l:size())
+      assert.are.equal("a", l[0][t])
+      assert.are.equal("c", l[l:size() - 1][t])
+      assert.are.equal("b", l[1.9][t])
+      assert.are.equal("assetman::" .. r, tolua.type(l[0]))
+      -- what was pushed is a copy, and so is what is read
+      a[t] = "changed"
+      assert.are.equal("a", l[0][t])
+      local copy = l[0]
+      copy[t] = "changed too"
+      assert.are.equal("a", l[0][t])
+      assert.are_not.equal(l[0], l[0])
+      -- a whole record is stored back with an index write
+      l[1] = rec("B")
+      assert.are.equal("B", l[1][t])
+      l[0] = l[2]
+      assert.are.equal("c", l[0][t])
+      assert.are.equal(3, l:size())
+      -- indices outside the list are errors, never reads outside it
+      h.raises("index out of range in function 'operator[]'", function() return l[3] end)
+      h.raises("index out of range in function 'operator[]'", function() return l[-1] end)
+      h.raises("index out of range in function 'operator[]'", function() return l[2 ^ 40] end)
+      h.raises("index out of range in function 'operator&[]'", function() l[3] = c end)
+      l:clear()
+      assert.are.equal(0, l:size())
+      l:push_back(c)
+      assert.are.equal("c", l[0][t])
+    end)
+
+    it(class_name .. " checks its arguments", function()
+      local class = _G[class_name]
+      local l, x = class(), rec("x")
+      local other = (r == "CronInfo") and vector_assetman__UserInfo_() or vector_assetman__CronInfo_()
+      local err = h.raises("error in function 'push_back'.", l.push_back, l, nil)
+      assert.truthy(err:find("argument #2", 1, true))
+      h.raises("error in function 'push_back'.", l.push_back, l, x, 1)
+      h.raises("error in function 'push_back'.", l.push_back, other, x)
+      h.raises("error in function 'push_back'.", l.push_back, l, other)
+      h.raises("error in function 'size'.", l.size, other)
+      h.raises("error in function 'size'.", l.size, l, 1)
+      h.raises("error in function 'clear'.", l.clear, other)
+      h.raises("error in function 'clear'.", l.clear, l, l)
+      h.raises("error in function 'delete'.", l.delete, other)
+      h.raises("error in function 'delete'.", l.delete, l, 1)
+      h.raises("error in function 'new'.", class.new)
+      h.raises("error in function 'new'.", class.new, vector_assetman__ProcessInfo_ == class and
+        vector_assetman__CronInfo_ or vector_assetman__ProcessInfo_)
+      h.raises("error in function 'new'.", class.new_local, class, 1)
+      local geti, seti = rawget(class, ".geti"), rawget(class, ".seti")
+      l:push_back(x)
+      h.raises("error in function '.geti'.", geti, l, true)
+      h.raises("error in function '.geti'.", geti, l, 0, 1)
+      h.raises("error in function '.geti'.", geti, other, 0)
+      h.raises("error in function '.seti'.", seti, l, 0, nil)
+      h.raises("error in function '.seti'.", seti, l, 0, x, 1)
+      h.raises("error in function '.seti'.", seti, l, 0, other)
+      h.raises("error in function '.seti'.", function() l[0] = 5 end)
+      assert.are.equal("x", l[0][t])
+      -- a missing list
+      h.raises("invalid 'self' in function 'size'", l.size, nil)
+      h.raises("invalid 'self' in function 'clear'", l.clear, nil)
+      h.raises("invalid 'self' in function 'delete'", l.delete, nil)
+      h.raises("invalid 'self' in function 'push_back'", l.push_back, nil, x)
+      h.raises("invalid 'self' in function 'operator[]'", geti, nil, 0)
+      h.raises("invalid 'self' in function 'operator&[]'", seti, nil, 0, x)
+    end)
+
+    it(class_name .. " serves a read-only list through the read-only form", function()
+      local class = _G[class_name]
+      local l = class:new()
+      l:push_back(rec("ro"))
+      local mt = getmetatable(l)
+      local const_mt = debug.getregistry()["const vector<assetman::" .. r .. ">"]
+      debug.setmetatable(l, const_mt)
+      local ok, e = pcall(function()
+        assert.are.equal("const vector<assetman::" .. r .. ">", tolua.type(l))
+        assert.are.equal(1, l:size())
+        local item = l[0]
+        assert.are.equal("const assetman::" .. r, tolua.type(item))
+        assert.are.equal("ro", item[t])
+        h.raises("error in function 'push_back'.", function() l:push_back(rec("no")) end)
+        h.raises("error in function 'push_back'.", function() class.new_local(class):push_back(item) end)
+      end)
+      debug.setmetatable(l, mt)
+      l:delete()
+      assert(ok, e)
+    end)
+  end
+
+  it("hand out element copies that belong to the collector", function()
+    local l = h.filled("CronInfo", 3)
+    local items = {}
+    for i = 0, l:size() - 1 do items[#items + 1] = l[i] end
+    l = nil
+    collectgarbage(); collectgarbage()
+    assert.are.equal("job2", items[3].cmd_line)  -- outlive their list
+  end)
+
+  it("copy nested lists when a record is appended or stored", function()
+    local procs = h.filled("ProcessInfo", 1)
+    local p = procs[0]
+    local dst = vector_assetman__ProcessInfo_()
+    dst:push_back(p)
+    p.modules:clear()
+    assert.are.equal(2, dst[0].modules:size())
+    dst[0] = p
+    assert.are.equal(0, dst[0].modules:size())
+    assert.are.equal(2, procs[0].modules:size())
+  end)
+end)
