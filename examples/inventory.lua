@@ -37,8 +37,10 @@ local function fmt_text(s, name)
   end
   local cut = ""
   if #s > max_len then
-    cut = "...(+" .. (#s - max_len) .. " bytes)"
-    s = s:sub(1, max_len)
+    -- Cut before a character that the limit would split.
+    local head = s:sub(1, max_len):gsub("[\192-\255][\128-\191]*$", "")
+    cut = "...(+" .. (#s - #head) .. " bytes)"
+    s = head
   end
   if s:find('^[^%s%c"\\]+$') then return s .. cut end
   s = s:gsub('[\\"]', "\\%0"):gsub("\n", "\\n"):gsub("\t", "\\t"):gsub("%c", function(c)
