@@ -7,9 +7,12 @@
 #include <gtest/gtest.h>
 
 #include <lua.hpp>
+#include <atomic>
 #include <map>
 #include <string>
+#include <thread>
 #include <typeinfo>
+#include <vector>
 
 #include "plugin.h"
 
@@ -242,6 +245,42 @@ TEST(PluginSetup, InstallingAgainKeepsOneCompleteModule) {
         << lua_tostring(twice.L, -1);
     EXPECT_EQ(lua_tonumber(twice.L, -2), 0);
     EXPECT_EQ(lua_tonumber(twice.L, -1), 0);
+}
+
+// An agent runs one Lua state per thread and installs the plug-in into each:
+// the entry and installations on different states may run at the same time.
+TEST(PluginSetup, InstallsIntoStatesOfSeveralThreadsAtOnce) {
+    const cplugin_api_setup* point = setup_point();
+    ASSERT_NE(point, nullptr);
+    constexpr int kThreads = 4;
+    std::atomic<int> ready{0};
+    luacall::ICPLUGIN_API* seen[kThreads] = {};
+    bool ok[kThreads] = {};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            ++ready;
+            while (ready.load() < kThreads) {
+            }
+            seen[t] = point->entry();
+            for (int round = 0; round < 5; ++round) {
+                State s;
+                ok[t] = seen[t]->setup_capi(s.L) &&
+                        luaL_dostring(s.L,
+                                      "local l = vector_assetman__RegAutoStartInfo_:new_local()\n"
+                                      "assert(api.assetman.collect_windows_reg_autostart_asset(l) == 0)\n"
+                                      "local h = api.assetman.collect_system_asset_data()\n"
+                                      "h:get().host = 'h'\n"
+                                      "assert(h:get().host == 'h')") == 0;
+                if (!ok[t]) break;
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    for (int t = 0; t < kThreads; ++t) {
+        EXPECT_TRUE(ok[t]) << "thread " << t;
+        EXPECT_EQ(seen[t], seen[0]);
+    }
 }
 
 // Lua's allocator, failing once a budget is spent.
