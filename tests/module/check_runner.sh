@@ -1,4 +1,4 @@
-#!/bin/sh
+#!/bin/bash
 # assetman-run and the example scripts, run as a user would run them.
 #   check_runner.sh RUNNER MODULE EXAMPLES_DIR CASE
 # CASE: inventory | json | errors
@@ -24,8 +24,18 @@ run() {
     "$runner" --module "$module" "$@" >"$tmp/out" 2>"$tmp/err"
 }
 
+# A process whose command line holds a byte that is not UTF-8, a quote, a
+# backslash and a newline, as any user may start one.
+start_odd_process() {
+    (exec -a "$(printf 'odd\377"q\\b\nl')" sleep 60) &
+    odd_pid=$!
+    trap 'kill $odd_pid 2>/dev/null; rm -rf "$tmp"' EXIT
+    sleep 0.2
+}
+
 case $case_name in
 inventory)
+    start_odd_process
     run "$examples/inventory.lua" --brief
     rc=$?
     [ $rc -eq 0 ] || { fail "inventory.lua --brief exited $rc"; cat "$tmp/err"; }
@@ -41,18 +51,23 @@ inventory)
     [ $rc -eq 0 ] || { fail "inventory.lua --kind=process exited $rc"; cat "$tmp/err"; }
     if grep -Eq '^process +rc=0 ' "$tmp/out"; then
         grep -q "pid=$$ " "$tmp/out" || fail "the test's own shell (pid $$) is not in the process report"
+        # One line per record: control bytes are escaped, quotes too.
+        LC_ALL=C grep -aq "pid=$odd_pid .*cmd_line=\"odd.\\\\\"q\\\\\\\\b\\\\nl 60\"" "$tmp/out" ||
+            fail "the odd command line is not shown escaped on its record's line"
+        ! grep -aq '^l 60' "$tmp/out" || fail "a newline in a value breaks the record's line"
     fi
     run "$examples/inventory.lua" --kind=nosuchkind
     [ $? -ne 0 ] || fail "an unknown kind is not refused"
     grep -q "unknown kind 'nosuchkind'" "$tmp/err" || fail "no clear message for an unknown kind"
     ;;
 json)
+    start_odd_process
     run "$examples/inventory_json.lua"
     rc=$?
     [ $rc -eq 0 ] || { fail "inventory_json.lua exited $rc"; cat "$tmp/err"; }
-    /usr/bin/python3 - "$tmp/out" $kinds <<'PY' || status=1
+    /usr/bin/python3 - "$tmp/out" "$odd_pid" $kinds <<'PY' || status=1
 import json, sys
-path, kinds = sys.argv[1], sys.argv[2:]
+path, odd_pid, kinds = sys.argv[1], int(sys.argv[2]), sys.argv[3:]
 with open(path, "rb") as f:
     doc = json.loads(f.read().decode("utf-8"))
 bad = []
@@ -69,8 +84,13 @@ for k in kinds:
     elif not isinstance(d.get("records"), list) or len(d["records"]) != d.get("count"):
         bad.append("%s: records is not a list of count entries" % k)
 procs = doc["kinds"]["process"]
-if procs["rc"] == 0 and not all(isinstance(p.get("modules"), list) for p in procs["records"]):
-    bad.append("process records without a modules list")
+if procs["rc"] == 0:
+    if not all(isinstance(p.get("modules"), list) for p in procs["records"]):
+        bad.append("process records without a modules list")
+    # Text survives exactly, but for the byte that is not UTF-8.
+    odd = [p for p in procs["records"] if p.get("pid") == odd_pid]
+    if len(odd) != 1 or odd[0].get("cmd_line") != 'odd\ufffd"q\\b\nl 60':
+        bad.append("the odd process's command line: %r" % [p.get("cmd_line") for p in odd])
 for b in bad:
     print("FAIL: " + b)
 sys.exit(1 if bad else 0)
