@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Installs what building, running and testing assetman needs on Debian 12.
+set -euo pipefail
+
+PACKAGES=(
+  build-essential cmake pkg-config clang-format
+  liblua5.1-0-dev lua5.1 luajit libtolua++5.1-dev lua-busted lua-cjson
+  libboost-thread-dev libssl-dev libkmod-dev librpm-dev nlohmann-json3-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  rpm kmod systemd iproute2 procps passwd login cron debsums python3-psutil
+)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg-query -W -f '${db:Status-Abbrev}' "$p" 2>/dev/null | grep -q '^ii' || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  SUDO=""
+  [ "$(id -u)" -eq 0 ] || SUDO=sudo
+  $SUDO apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

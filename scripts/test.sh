@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs, builds and runs every test: the plain build, the ASan+UBSan build
+# of the whole suite, and the ThreadSanitizer build of the cache tests.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+
+jobs=$(nproc)
+
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build -j"$jobs"
+(cd build && ctest --output-on-failure)
+
+cmake -S . -B build-asan -DASSETMAN_SANITIZE=address,undefined -DASSETMAN_BENCH=OFF >/dev/null
+cmake --build build-asan -j"$jobs"
+(cd build-asan && ctest --output-on-failure)
+
+cmake -S . -B build-tsan -DASSETMAN_SANITIZE=thread -DASSETMAN_BENCH=OFF >/dev/null
+cmake --build build-tsan -j"$jobs" --target facade_tests
+(cd build-tsan && ctest --output-on-failure -L tsan)

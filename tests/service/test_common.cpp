@@ -1,0 +1,135 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+
+#include "common.h"
+
+namespace {
+
+using namespace amsvc;
+
+struct TempDir {
+    std::string path;
+    TempDir() {
+        char tmpl[] = "/tmp/amsvc_common_XXXXXX";
+        path = mkdtemp(tmpl);
+    }
+    ~TempDir() { (void)!system(("rm -rf '" + path + "'").c_str()); }
+    std::string write(const std::string& rel, const std::string& text) const {
+        const std::string p = path + rel;
+        (void)!system(("mkdir -p \"$(dirname '" + p + "')\"").c_str());
+        std::ofstream(p, std::ios::binary) << text;
+        return p;
+    }
+};
+
+TEST(HostRoot, PlacesHostPathsUnderTheRoot) {
+    EXPECT_EQ("/etc/passwd", HostRoot().path("/etc/passwd"));
+    EXPECT_EQ("/etc/passwd", HostRoot("").path("/etc/passwd"));
+    EXPECT_EQ("/mnt/img/etc/passwd", HostRoot("/mnt/img//").path("/etc/passwd"));
+    EXPECT_EQ("/mnt/img/etc", HostRoot("/mnt/img").path("etc"));
+    EXPECT_TRUE(HostRoot("/").is_live_host());
+    EXPECT_FALSE(HostRoot("/mnt/img").is_live_host());
+}
+
+TEST(ReadFile, ReadsRegularFilesBoundedAndRefusesEverythingElse) {
+    TempDir t;
+    const std::string f = t.write("/a.txt", std::string(100000, 'x'));
+    std::string out;
+    EXPECT_EQ(0, read_file(f, out));
+    EXPECT_EQ(100000u, out.size());
+    EXPECT_EQ(0, read_file(f, out, 10));
+    EXPECT_EQ(10u, out.size());
+
+    EXPECT_EQ(-ENOENT, read_file(t.path + "/missing", out));
+    EXPECT_TRUE(out.empty());
+    EXPECT_EQ(-EINVAL, read_file(t.path, out));  // a directory
+
+    // A FIFO with no writer must neither block nor be read.
+    const std::string fifo = t.path + "/fifo";
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(-EINVAL, read_file(fifo, out));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_EQ(-EINVAL, read_file("/dev/zero", out));
+
+    const std::string link = t.path + "/link";
+    ASSERT_EQ(0, symlink(f.c_str(), link.c_str()));
+    EXPECT_EQ(0, read_file(link, out));
+    EXPECT_EQ(-ELOOP, read_file(link, out, kDefaultMaxFile, kNoFollow));
+
+    // /proc files report a size of 0 but have content.
+    EXPECT_EQ(0, read_file("/proc/self/status", out));
+    EXPECT_NE(std::string::npos, out.find("Pid:"));
+}
+
+TEST(ReadFile, ListsDirectoriesAndLinks) {
+    TempDir t;
+    t.write("/d/one", "1");
+    t.write("/d/two", "2");
+    std::vector<std::string> names = list_dir(t.path + "/d");
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ((std::vector<std::string>{"one", "two"}), names);
+    EXPECT_TRUE(list_dir(t.path + "/nope").empty());
+    ASSERT_EQ(0, symlink("target/x", (t.path + "/l").c_str()));
+    EXPECT_EQ("target/x", read_link(t.path + "/l"));
+    EXPECT_EQ("", read_link(t.path + "/d/one"));
+}
+
+TEST(Text, SplitsLinesAndFields) {
+    EXPECT_EQ((std::vector<std::string_view>{"a", "", "b c"}), split_lines("a\r\n\nb c\r\n"));
+    EXPECT_EQ((std::vector<std::string_view>{"x"}), split_lines("x"));
+    EXPECT_TRUE(split_lines("").empty());
+    const std::string with_nul("a\0b\nc", 5);
+    ASSERT_EQ(2u, split_lines(with_nul).size());
+    EXPECT_EQ(3u, split_lines(with_nul)[0].size());
+    EXPECT_EQ((std::vector<std::string_view>{"a", "b", "c"}), split_ws(" \ta  b\tc "));
+    EXPECT_TRUE(split_ws(" \t ").empty());
+    EXPECT_EQ("x y", trim(" \t x y \r\n"));
+    EXPECT_EQ("", trim("   "));
+}
+
+TEST(Text, ParsesNumbersStrictly) {
+    int64_t i = 0;
+    uint64_t u = 0;
+    EXPECT_TRUE(parse_i64("-42", i));
+    EXPECT_EQ(-42, i);
+    EXPECT_FALSE(parse_i64("42x", i));
+    EXPECT_FALSE(parse_i64("", i));
+    EXPECT_FALSE(parse_i64("9223372036854775808", i));
+    EXPECT_TRUE(parse_u64("18446744073709551615", u));
+    EXPECT_EQ(UINT64_MAX, u);
+    EXPECT_FALSE(parse_u64("18446744073709551616", u));
+    EXPECT_FALSE(parse_u64("-1", u));
+    EXPECT_FALSE(parse_u64(" 1", u));
+}
+
+TEST(Time, FormatsUtc) {
+    EXPECT_EQ("1970-01-01 00:00:00", format_time(0));
+    EXPECT_EQ("2026-11-22 01:55:14", format_time(1795312514));
+    EXPECT_EQ("2026-11-22", format_date(1795312514));
+}
+
+TEST(Ids, NamesComeFromTheRootsFilesAndFollowChanges) {
+    TempDir t;
+    t.write("/etc/passwd",
+            "root:x:0:0::/root:/bin/sh\nbad line\nalice:x:1000:1000::/home/a:/bin/sh\n"
+            "dup:x:1000:1000::/:/bin/sh\nhuge:x:99999999999:1::/:/bin/sh\n");
+    t.write("/etc/group", "root:x:0:\nstaff:x:50:alice\n");
+    const HostRoot root(t.path);
+    EXPECT_EQ("root", user_name(root, 0));
+    EXPECT_EQ("alice", user_name(root, 1000));  // the first entry of an id wins, as getpwuid does
+    EXPECT_EQ("", user_name(root, 4242));
+    EXPECT_EQ("staff", group_name(root, 50));
+    sleep(1);  // a new mtime
+    t.write("/etc/passwd", "bob:x:4242:4242::/:/bin/sh\n");
+    EXPECT_EQ("bob", user_name(root, 4242));
+    EXPECT_EQ("", user_name(root, 0));
+}
+
+}  // namespace
