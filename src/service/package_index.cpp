@@ -64,9 +64,16 @@ std::string DirCanon::canon(const std::string& dir, int depth) {
 namespace {
 
 uint64_t hash_key(uint32_t dir, std::string_view base) {
-    uint64_t h = 1469598103934665603ull ^ dir;
+    uint64_t h = 1469598103934665603ull;
     for (unsigned char c : base) h = (h ^ c) * 1099511628211ull;
-    return h ^ (h >> 29);
+    // FNV leaves the low bits, which pick the slot, poorly mixed: finish like murmur3.
+    h ^= static_cast<uint64_t>(dir) * 0x9e3779b97f4a7c15ull;
+    h ^= h >> 33;
+    h *= 0xff51afd7ed558ccdull;
+    h ^= h >> 33;
+    h *= 0xc4ceb9fe1a85ec53ull;
+    h ^= h >> 33;
+    return h;
 }
 
 void split_dir_base(std::string_view path, std::string_view& dir, std::string_view& base) {
@@ -88,6 +95,16 @@ uint32_t PackageIndex::add_package(std::string name, std::string company) {
 }
 
 uint32_t PackageIndex::dir_id(std::string_view dir, DirCanon& canon) {
+    // Package lists name the files of one directory one after another.
+    if (last_dir_valid_ && dir == last_dir_) return last_dir_id_;
+    const uint32_t id = dir_id_slow(dir, canon);
+    last_dir_.assign(dir.data(), dir.size());
+    last_dir_id_ = id;
+    last_dir_valid_ = true;
+    return id;
+}
+
+uint32_t PackageIndex::dir_id_slow(std::string_view dir, DirCanon& canon) {
     const std::string key(dir);
     auto it = dirs_.find(key);
     if (it != dirs_.end()) return it->second;
@@ -213,6 +230,9 @@ size_t PackageIndex::memory_bytes() const {
 }
 
 void PackageIndex::shrink() {
+    last_dir_valid_ = false;
+    last_dir_.clear();
+    last_dir_.shrink_to_fit();
     entries_.shrink_to_fit();
     names_.shrink_to_fit();
     digests_.shrink_to_fit();

@@ -61,6 +61,7 @@ private:
         uint8_t algo;
     };
     uint32_t dir_id(std::string_view dir, DirCanon& canon);
+    uint32_t dir_id_slow(std::string_view dir, DirCanon& canon);
     uint32_t* probe(uint32_t dir, std::string_view base);
     const uint32_t* probe(uint32_t dir, std::string_view base) const;
     void grow();
@@ -68,6 +69,9 @@ private:
     std::vector<Package> packages_;
     std::unordered_map<std::string, uint32_t> dirs_;
     size_t dir_count_ = 0;
+    std::string last_dir_;  // while building: the directory of the previous file
+    uint32_t last_dir_id_ = 0;
+    bool last_dir_valid_ = false;
     std::vector<Entry> entries_;
     std::vector<uint32_t> table_;  // open addressing: entry index + 1, 0 empty
     std::string names_;            // base names, back to back
