@@ -38,6 +38,9 @@ std::string normalize_path(std::string_view path) {
 
 std::string DirCanon::canon(const std::string& dir, int depth) {
     if (dir.empty() || dir == "/") return "/";
+    // Bounded work whatever links a hostile user laid out (chains, loops,
+    // links that fan out into more links): past the budget, names stay as given.
+    if (dir.size() > 4096 || budget_ <= 0) return normalize_path(dir);
     auto it = memo_.find(dir);
     if (it != memo_.end()) return it->second;
     const size_t slash = dir.rfind('/');
@@ -46,6 +49,7 @@ std::string DirCanon::canon(const std::string& dir, int depth) {
     const std::string base = slash == std::string::npos ? dir : dir.substr(slash + 1);
     std::string result = normalize_path(parent + "/" + base);
     struct stat st;
+    --budget_;
     if (depth < 32 && ::lstat(root_.path(result).c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
         const std::string target = read_link(root_.path(result));
         if (!target.empty()) {
@@ -342,7 +346,7 @@ constexpr std::chrono::seconds kRecheck(2);
 
 std::shared_ptr<const PackageIndex> build_package_index(const HostRoot& root) {
     auto index = std::make_shared<PackageIndex>();
-    DirCanon canon(root);
+    DirCanon canon(root, 1L << 20);
     index_dpkg(root, *index, canon);
     index_rpm(root, *index, canon);
     index_apk(root, *index, canon);

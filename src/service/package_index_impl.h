@@ -24,12 +24,14 @@ std::string normalize_path(std::string_view path);
 // what it resolved; one instance per thread.
 class DirCanon {
 public:
-    explicit DirCanon(const HostRoot& root) : root_(root) {}
+    // `budget`: lstat calls allowed, for all names this instance resolves.
+    explicit DirCanon(const HostRoot& root, long budget = 256) : root_(root), budget_(budget) {}
     std::string canon(const std::string& dir, int depth = 0);
 
 private:
     const HostRoot& root_;
     std::unordered_map<std::string, std::string> memo_;
+    long budget_;
 };
 
 // File -> owning package, keyed by (directory, base name). Directories are
