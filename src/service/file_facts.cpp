@@ -7,6 +7,7 @@
 
 #include "digest_cache.h"
 #include "package_index.h"
+#include "package_index_impl.h"
 
 namespace amsvc {
 
@@ -14,7 +15,18 @@ FileFacts file_facts(const HostRoot& root, const FileRef& file) {
     FileFacts facts;
     try {
         FileOwner owner;
-        const bool owned = !file.host_path.empty() && package_owner(root, file.host_path, owner);
+        bool owned = !file.host_path.empty() && package_owner(root, file.host_path, owner);
+        if (!file.no_follow && !file.host_path.empty() && (!owned || owner.algo == DigestAlgo::kNone)) {
+            // The path may be a link (/etc/rc2.d/S01cron, /usr/bin/python3):
+            // the content read is its target's, so the target's package judges it.
+            DirCanon canon(root);
+            const std::string target = canon.canon(normalize_path(file.host_path));
+            FileOwner target_owner;
+            if (target != file.host_path && package_owner(root, target, target_owner)) {
+                owner = std::move(target_owner);
+                owned = true;
+            }
+        }
         if (owned) facts.company = owner.company;
         const std::string open_path = file.open_path.empty() ? root.path(file.host_path) : file.open_path;
         FileDigests d;

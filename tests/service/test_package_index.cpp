@@ -84,6 +84,14 @@ TEST(Ownership, DpkgFixture) {
     EXPECT_EQ(f.company, "");
     EXPECT_FALSE(f.verified);
     EXPECT_FALSE(f.md5.empty());
+    // A link no package owns is judged by the file it leads to, unless links are refused.
+    f = facts(root, "/usr/bin/foo-link");
+    EXPECT_EQ(f.company, "Foo Maintainers <foo@example.org>");
+    EXPECT_TRUE(f.verified);
+    f = file_facts(root, FileRef{"/usr/bin/foo-link", "", true});
+    EXPECT_EQ(f.company, "");
+    EXPECT_TRUE(f.md5.empty());
+    EXPECT_FALSE(f.verified);
     // Directories are not entries; bad hex in md5sums recorded nothing.
     FileOwner o;
     EXPECT_FALSE(package_owner(root, "/usr/lib/x86_64-linux-gnu", o));
