@@ -286,3 +286,17 @@ ln -s tool %{buildroot}/opt/amtiny/bin/tool-link
               std::string::npos);
     EXPECT_EQ(facts(root, "/opt/other").company, "");
 }
+
+// After an upgrade the next asks see the new database, not the old index.
+TEST(Ownership, IndexFollowsDatabaseChanges) {
+    TempDir dir;
+    fs::copy(kFixtures + "/dpkg_root", dir.path(),
+             fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    const HostRoot root(dir.path());
+    EXPECT_FALSE(facts(root, "/usr/bin/nativetool").verified);
+    const std::string md5 = run("md5sum '" + dir.path() + "/usr/bin/nativetool'").substr(0, 32);
+    std::ofstream(dir.path() + "/var/lib/dpkg/info/nativetool.md5sums") << md5 << "  usr/bin/nativetool\n";
+    std::ofstream(dir.path() + "/var/lib/dpkg/status", std::ios::app) << "\n";
+    sleep(3);  // the databases are looked at again at most every 2 seconds
+    EXPECT_TRUE(facts(root, "/usr/bin/nativetool").verified);
+}
