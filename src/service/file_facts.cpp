@@ -61,7 +61,8 @@ std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<F
     // Hashing is read-bound on a cold cache and CPU-bound on a warm page
     // cache; a few threads cover both without flooding a shared host.
     const unsigned hw = std::max(1u, std::thread::hardware_concurrency());
-    const size_t nthreads = std::min<size_t>({hw, 4, files.size()});
+    // A handful of files is not worth starting threads for.
+    const size_t nthreads = files.size() < 8 ? 1 : std::min<size_t>({hw, 4, files.size()});
     std::atomic<size_t> next{0};
     auto work = [&]() {
         for (size_t i; (i = next.fetch_add(1)) < files.size();) out[i] = file_facts(root, files[i]);

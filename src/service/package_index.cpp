@@ -125,30 +125,48 @@ uint32_t PackageIndex::dir_id_slow(std::string_view dir, DirCanon& canon) {
     return id;
 }
 
-uint32_t* PackageIndex::probe(uint32_t dir, std::string_view base) {
+PackageIndex::Slot* PackageIndex::probe(uint32_t dir, std::string_view base) {
+    const uint32_t h = static_cast<uint32_t>(hash_key(dir, base));
     const size_t mask = table_.size() - 1;
-    for (size_t i = hash_key(dir, base) & mask;; i = (i + 1) & mask) {
-        uint32_t& slot = table_[i];
-        if (slot == 0) return &slot;
-        const Entry& e = entries_[slot - 1];
+    for (size_t i = h & mask;; i = (i + 1) & mask) {
+        Slot& slot = table_[i];
+        if (slot.entry == 0) {
+            slot.hash = h;  // where a new entry goes
+            return &slot;
+        }
+        if (slot.hash != h) continue;  // most misses end here, without touching the entry
+        const Entry& e = entries_[slot.entry - 1];
         if (e.dir == dir && e.base_len == base.size() &&
             std::memcmp(names_.data() + e.base_off, base.data(), base.size()) == 0)
             return &slot;
     }
 }
 
-const uint32_t* PackageIndex::probe(uint32_t dir, std::string_view base) const {
-    return const_cast<PackageIndex*>(this)->probe(dir, base);
+const PackageIndex::Slot* PackageIndex::probe(uint32_t dir, std::string_view base) const {
+    if (table_.empty()) return nullptr;
+    const uint32_t h = static_cast<uint32_t>(hash_key(dir, base));
+    const size_t mask = table_.size() - 1;
+    for (size_t i = h & mask;; i = (i + 1) & mask) {
+        const Slot& slot = table_[i];
+        if (slot.entry == 0) return nullptr;
+        if (slot.hash != h) continue;
+        const Entry& e = entries_[slot.entry - 1];
+        if (e.dir == dir && e.base_len == base.size() &&
+            std::memcmp(names_.data() + e.base_off, base.data(), base.size()) == 0)
+            return &slot;
+    }
 }
 
 void PackageIndex::grow() {
-    std::vector<uint32_t> old;
+    std::vector<Slot> old;
     old.swap(table_);
-    table_.assign(old.empty() ? 1024 : old.size() * 2, 0);
-    for (uint32_t slot : old) {
-        if (slot == 0) continue;
-        const Entry& e = entries_[slot - 1];
-        *probe(e.dir, std::string_view(names_.data() + e.base_off, e.base_len)) = slot;
+    table_.assign(old.empty() ? 1024 : old.size() * 2, Slot{0, 0});
+    const size_t mask = table_.size() - 1;
+    for (const Slot& s : old) {
+        if (s.entry == 0) continue;
+        size_t i = s.hash & mask;
+        while (table_[i].entry != 0) i = (i + 1) & mask;
+        table_[i] = s;
     }
 }
 
@@ -165,13 +183,13 @@ void PackageIndex::add_file(uint32_t pkg, std::string_view path, DigestAlgo algo
     if (base.empty() || base.size() > 0xffff) return;
     const uint32_t d = dir_id(dir, canon);
     if ((entries_.size() + 1) * 2 > table_.size()) grow();
-    uint32_t* slot = probe(d, base);
+    Slot* slot = probe(d, base);
     const bool has_digest = algo != DigestAlgo::kNone && digest;
-    if (*slot != 0) {
+    if (slot->entry != 0) {
         // Known already: the list came first and the digest follows, or a
         // second package claims the path (the first one keeps it, unless only
         // the second recorded a digest).
-        Entry& e = entries_[*slot - 1];
+        Entry& e = entries_[slot->entry - 1];
         if (has_digest && (e.pkg == pkg || e.algo == static_cast<uint8_t>(DigestAlgo::kNone))) {
             e.pkg = pkg;
             e.algo = static_cast<uint8_t>(algo);
@@ -190,7 +208,7 @@ void PackageIndex::add_file(uint32_t pkg, std::string_view path, DigestAlgo algo
     names_.append(base.data(), base.size());
     if (has_digest) digests_.append(reinterpret_cast<const char*>(digest), digest_size(algo));
     entries_.push_back(e);
-    *slot = static_cast<uint32_t>(entries_.size());
+    slot->entry = static_cast<uint32_t>(entries_.size());
 }
 
 bool PackageIndex::find(const HostRoot& root, const std::string& host_path, FileOwner& out) const {
@@ -211,9 +229,9 @@ bool PackageIndex::find(const HostRoot& root, const std::string& host_path, File
         it = dirs_.find(canon.canon(std::string(dir)));
         if (it == dirs_.end()) return false;
     }
-    const uint32_t* slot = probe(it->second, base);
-    if (*slot == 0) return false;
-    const Entry& e = entries_[*slot - 1];
+    const Slot* slot = probe(it->second, base);
+    if (!slot) return false;
+    const Entry& e = entries_[slot->entry - 1];
     const Package& p = packages_[e.pkg];
     out.package = p.name;
     out.company = p.company;
@@ -224,7 +242,7 @@ bool PackageIndex::find(const HostRoot& root, const std::string& host_path, File
 }
 
 size_t PackageIndex::memory_bytes() const {
-    size_t n = sizeof *this + entries_.capacity() * sizeof(Entry) + table_.capacity() * sizeof(uint32_t) +
+    size_t n = sizeof *this + entries_.capacity() * sizeof(Entry) + table_.capacity() * sizeof(Slot) +
                names_.capacity() + digests_.capacity();
     for (const Package& p : packages_) n += sizeof p + p.name.capacity() + p.company.capacity();
     // Node, key and bucket of each directory name.

@@ -64,8 +64,13 @@ private:
     };
     uint32_t dir_id(std::string_view dir, DirCanon& canon);
     uint32_t dir_id_slow(std::string_view dir, DirCanon& canon);
-    uint32_t* probe(uint32_t dir, std::string_view base);
-    const uint32_t* probe(uint32_t dir, std::string_view base) const;
+    struct Slot {
+        uint32_t entry;  // entry index + 1, 0: empty
+        uint32_t hash;   // of the entry's key, so most misses never touch the entry
+    };
+    Slot* probe(uint32_t dir, std::string_view base);              // the match, or the empty slot for it
+    const Slot* probe(uint32_t dir, std::string_view base) const;  // the match, or null
+
     void grow();
 
     std::vector<Package> packages_;
@@ -75,9 +80,9 @@ private:
     uint32_t last_dir_id_ = 0;
     bool last_dir_valid_ = false;
     std::vector<Entry> entries_;
-    std::vector<uint32_t> table_;  // open addressing: entry index + 1, 0 empty
-    std::string names_;            // base names, back to back
-    std::string digests_;          // recorded digests, back to back
+    std::vector<Slot> table_;  // open addressing, linear probing, at most half full
+    std::string names_;        // base names, back to back
+    std::string digests_;      // recorded digests, back to back
 };
 
 // Builds the index of every package database under `root` (uncached).
