@@ -184,6 +184,8 @@ TEST(Ownership, ScratchCopyOfRealPackageAgreesWithDebsums) {
         EXPECT_TRUE(facts(root, "/usr" + paths[0]).verified);
     }
 
+    if (system("command -v debsums >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "debsums not installed: no second opinion";
     const std::string report = run("debsums -r '" + r + "' " + pkg + " 2>&1");
     for (std::string_view line : split_lines(report)) {
         const std::vector<std::string_view> w = split_ws(line);
@@ -201,14 +203,13 @@ TEST(Ownership, RealHostLibc) {
     const std::string maps = run("grep -m1 -o '/[^ ]*libc\\.so\\.6' /proc/self/maps");
     const std::string libc = std::string(trim(maps));
     if (libc.empty() || access("/var/lib/dpkg/status", R_OK) != 0) GTEST_SKIP() << "no libc.so.6 or no dpkg";
-    const std::string owner = std::string(
-        trim(run("dpkg-query -S " + libc + " 2>/dev/null || dpkg-query -S $(realpath --relative-to=/ " +
-                 libc + ") 2>/dev/null")));
     const FileFacts f = facts(HostRoot("/"), libc);
     EXPECT_FALSE(f.company.empty()) << libc;
     EXPECT_TRUE(f.verified) << libc;
-    const std::string debsums = run("debsums libc6 2>/dev/null | grep -c FAILED");
-    EXPECT_EQ(trim(debsums), "0");
+    if (system("command -v debsums >/dev/null 2>&1") == 0) {
+        const std::string report = run("debsums -s libc6 2>&1");
+        EXPECT_TRUE(trim(report).empty()) << report;  // debsums agrees: nothing changed
+    }
 
     // The index of the whole host stays small.
     const auto index = package_index(HostRoot("/"));
