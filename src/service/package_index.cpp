@@ -267,8 +267,38 @@ namespace {
 
 // Files the dpkg database lists for `p`: its .list, then the digests of its
 // md5sums and conffiles.
-void index_dpkg_package(const HostRoot& root, const DpkgPackage& p, PackageIndex& index, DirCanon& canon,
-                        std::string& buf) {
+// dpkg-divert: a package's file named `from` is installed as `to`, except in
+// the diverting package itself ("" for a local diversion by the admin).
+struct Diversion {
+    std::string to, by;
+};
+typedef std::unordered_map<std::string, Diversion> Diversions;
+
+Diversions read_diversions(const HostRoot& root) {
+    Diversions out;
+    std::string text;
+    if (read_file(root.path("/var/lib/dpkg/diversions"), text, 16u << 20) != 0) return out;
+    const std::vector<std::string_view> lines = split_lines(text);
+    for (size_t i = 0; i + 2 < lines.size(); i += 3) {
+        if (lines[i].empty() || lines[i][0] != '/' || lines[i + 1].empty() || lines[i + 1][0] != '/')
+            continue;
+        const std::string_view by = lines[i + 2];
+        out[std::string(lines[i])] =
+            Diversion{std::string(lines[i + 1]), by == ":" ? std::string() : std::string(by)};
+    }
+    return out;
+}
+
+void index_dpkg_package(const HostRoot& root, const DpkgPackage& p, const Diversions& diversions,
+                        PackageIndex& index, DirCanon& canon, std::string& buf) {
+    std::string key;
+    auto where = [&](std::string_view path) -> std::string_view {
+        if (diversions.empty()) return path;
+        key.assign(path.data(), path.size());
+        auto it = diversions.find(key);
+        if (it == diversions.end() || it->second.by == p.name) return path;
+        return it->second.to;
+    };
     const std::string info = root.path("/var/lib/dpkg/info/");
     const bool same = p.multi_arch == "same";
     std::string stem;
@@ -288,16 +318,16 @@ void index_dpkg_package(const HostRoot& root, const DpkgPackage& p, PackageIndex
             lines[i + 1][path.size()] == '/')
             continue;
         if (path == "/." || path == "/") continue;
-        index.add_file(id, path, DigestAlgo::kNone, nullptr, canon);
+        index.add_file(id, where(path), DigestAlgo::kNone, nullptr, canon);
     }
     if (read_file(stem + ".md5sums", buf, 256u << 20) == 0) {
         parse_md5sums(buf, [&](std::string_view path, const unsigned char* md5) {
-            index.add_file(id, path, DigestAlgo::kMd5, md5, canon);
+            index.add_file(id, where(path), DigestAlgo::kMd5, md5, canon);
         });
     }
     for (const DpkgConffile& c : p.conffiles) {
         unsigned char md5[16];
-        if (hex_to_bytes(c.md5, md5, 16)) index.add_file(id, c.path, DigestAlgo::kMd5, md5, canon);
+        if (hex_to_bytes(c.md5, md5, 16)) index.add_file(id, where(c.path), DigestAlgo::kMd5, md5, canon);
     }
     buf.clear();
 }
@@ -306,11 +336,12 @@ void index_dpkg(const HostRoot& root, PackageIndex& index, DirCanon& canon) {
     std::string text;
     if (read_file(root.path("/var/lib/dpkg/status"), text) != 0) return;
     std::vector<DpkgPackage> pkgs = parse_dpkg_status(text);
+    const Diversions diversions = read_diversions(root);
     text.clear();
     text.shrink_to_fit();
     std::string buf;
     for (const DpkgPackage& p : pkgs) {
-        if (dpkg_is_installed(p.status)) index_dpkg_package(root, p, index, canon, buf);
+        if (dpkg_is_installed(p.status)) index_dpkg_package(root, p, diversions, index, canon, buf);
     }
 }
 
@@ -334,7 +365,8 @@ void index_apk(const HostRoot& root, PackageIndex& index, DirCanon& canon) {
 // What the package databases looked like when an index was built.
 std::string db_signature(const HostRoot& root) {
     std::string sig;
-    std::vector<std::string> files = {"/var/lib/dpkg/status", "/lib/apk/db/installed"};
+    std::vector<std::string> files = {"/var/lib/dpkg/status", "/var/lib/dpkg/diversions",
+                                      "/lib/apk/db/installed"};
     const std::string rpmdir = rpm_db_dir(root);
     if (!rpmdir.empty()) {
         for (const char* f : {"/rpmdb.sqlite", "/rpmdb.sqlite-wal", "/Packages.db", "/Packages"})
