@@ -126,6 +126,12 @@ constexpr int kMaxAliasDepth = 16;
 
 }  // namespace
 
+std::string canon_id(std::string_view id) {
+    uint64_t v;
+    if (parse_u64(id, v)) return std::to_string(v);
+    return std::string(id);
+}
+
 std::vector<PasswdEntry> parse_passwd(std::string_view text) {
     std::vector<PasswdEntry> out;
     std::vector<std::string_view> f;
@@ -304,9 +310,10 @@ void SudoersParser::add_user_item(std::string_view item, int depth) {
         grants_.everyone = true;
     } else if (item[0] == '%') {
         item.remove_prefix(1);
-        if (!item.empty() && item[0] != ':') grants_.groups.emplace(item);  // "%:x" is non-Unix
+        if (item.empty() || item[0] == ':') return;  // "%:x" is a non-Unix group
+        grants_.groups.emplace(item[0] == '#' ? "#" + canon_id(item.substr(1)) : std::string(item));
     } else if (item[0] == '#') {
-        grants_.users.emplace(item);
+        grants_.users.emplace("#" + canon_id(item.substr(1)));
     } else {
         auto a = user_alias_.find(std::string(item));
         if (a == user_alias_.end()) {
@@ -580,7 +587,7 @@ int32_t collect_users(const HostRoot& root, std::vector<AM::UserInfo>& out) {
     std::unordered_map<std::string, const GroupEntry*> group_by_gid;
     std::unordered_map<std::string, std::vector<const GroupEntry*>> groups_of_member;
     for (const GroupEntry& g : groups) {
-        group_by_gid.emplace(g.gid, &g);
+        group_by_gid.emplace(canon_id(g.gid), &g);
         for (const std::string& m : g.members) groups_of_member[m].push_back(&g);
     }
 
@@ -609,22 +616,23 @@ int32_t collect_users(const HostRoot& root, std::vector<AM::UserInfo>& out) {
         u.comment = p.gecos;
         u.homedir = p.home;
         u.shell = p.shell;
-        auto pg = group_by_gid.find(p.gid);
+        const std::string gid = canon_id(p.gid);
+        auto pg = group_by_gid.find(gid);
         if (pg != group_by_gid.end()) u.groupname = pg->second->name;
 
         uint64_t uid_num = 0;
         const bool uid_ok = parse_u64(p.uid, uid_num) && uid_num <= 0xffffffffu;
         bool admin = uid_ok && uid_num == 0;
         if (!admin && !grants.users.empty())
-            admin = grants.users.count(p.name) || (uid_ok && grants.users.count("#" + p.uid));
+            admin = grants.users.count(p.name) || (uid_ok && grants.users.count("#" + canon_id(p.uid)));
         if (!admin && grants.everyone) admin = true;
         if (!admin && !grants.groups.empty()) {
-            admin = grants.groups.count("#" + p.gid) != 0;
+            admin = grants.groups.count("#" + gid) != 0;
             if (!admin && pg != group_by_gid.end()) admin = grants.groups.count(pg->second->name) != 0;
             auto sg = groups_of_member.find(p.name);
             if (!admin && sg != groups_of_member.end()) {
                 for (const GroupEntry* g : sg->second) {
-                    if (grants.groups.count(g->name) || grants.groups.count("#" + g->gid)) {
+                    if (grants.groups.count(g->name) || grants.groups.count("#" + canon_id(g->gid))) {
                         admin = true;
                         break;
                     }

@@ -33,6 +33,10 @@ struct ShadowEntry {
     int64_t last_change = -1, min_days = -1, max_days = -1, warn_days = -1, inactive_days = -1, expire = -1;
 };
 
+// A numeric id without leading zeros ("007" -> "7"); other text unchanged.
+// Only for matching: records keep ids as written.
+std::string canon_id(std::string_view id);
+
 // Lines with too few fields, an empty name, or NIS "+"/"-" entries are skipped.
 std::vector<PasswdEntry> parse_passwd(std::string_view text);
 std::vector<GroupEntry> parse_group(std::string_view text);

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,6 +19,8 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <lastlog.h>
+#include <utmp.h>
 
 #include "collectors.h"
 #include "user_parse.h"
@@ -25,6 +28,16 @@
 namespace fs = std::filesystem;
 using amsvc::AM;
 using namespace amsvc::users;
+
+// The record layouts read from disk are the C library's.
+static_assert(sizeof(struct lastlog) == kLastlogRecordSize, "lastlog layout");
+static_assert(sizeof(struct utmp) == kUtmpRecordSize, "utmp layout");
+static_assert(offsetof(struct utmp, ut_line) == 8 && offsetof(struct utmp, ut_user) == 44 &&
+                  offsetof(struct utmp, ut_host) == 76 && offsetof(struct utmp, ut_tv) == 340 &&
+                  offsetof(struct utmp, ut_addr_v6) == 348,
+              "utmp field offsets");
+static_assert(offsetof(struct lastlog, ll_line) == 4 && offsetof(struct lastlog, ll_host) == 36,
+              "lastlog field offsets");
 
 namespace {
 
@@ -174,8 +187,8 @@ TEST(UserParse, SudoersRules) {
         "u6 ALL=(ALL) /bin/ls, /usr/bin/id\n"  // limited
         "u7 h1 = /bin/ls : h2 = (root) SETENV: NOPASSWD: ALL\n"
         "u8 ALL=(ALL) ROLE=r TYPE=t ALL\n"
-        "#1234 ALL=(ALL) ALL\n"
-        "%#27 ALL=(ALL) ALL\n"
+        "#01234 ALL=(ALL) ALL\n"
+        "%#027 ALL=(ALL) ALL\n"
         "%:nonunix ALL=(ALL) ALL\n"
         "+netgrp ALL=(ALL) ALL\n"
         "!u9 ALL=(ALL) ALL\n"
@@ -300,7 +313,8 @@ TEST_F(UserTree, FixtureAccounts) {
     EXPECT_EQ(m.at("dave").account_expire, "2023-08-31");
     EXPECT_EQ(m.at("carol").last_login_time, "");
     EXPECT_EQ(m.at("eve").uid, "01004");
-    EXPECT_EQ(m.at("leo").groupname, "sudo");
+    EXPECT_EQ(m.at("leo").groupname, "sudo");  // gid "027" matches group 27
+    EXPECT_EQ(m.at("leo").gid, "027");
     EXPECT_EQ(m.at("crlf").shell, "/bin/bash");
     EXPECT_EQ(m.at("judy").account_expire, "2243-10-16");
     EXPECT_EQ(m.at("hank").passwd_expire, "");
