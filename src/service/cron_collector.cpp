@@ -307,10 +307,12 @@ int list_names(const std::string& path, std::vector<std::string>& names) {
     return 0;
 }
 
-void read_crontab(const HostRoot& root, const std::string& host_path, bool system_table,
+// Reads the crontab at `real` (a path under the host root), reporting jobs as
+// found in `host_path`.
+void read_crontab(const std::string& real, const std::string& host_path, bool system_table,
                   const std::string& user, unsigned flags, Sources& src, std::vector<CronInfo>& out) {
     std::string text;
-    const int rc = read_file(root.path(host_path), text, kMaxCrontab + 1, flags);
+    const int rc = read_file(real, text, kMaxCrontab + 1, flags);
     src.note(rc);
     if (rc != 0) return;
     if (text.size() > kMaxCrontab) {
@@ -322,23 +324,29 @@ void read_crontab(const HostRoot& root, const std::string& host_path, bool syste
 }
 
 // /etc/cron.d entries may be symlinks; cron follows them only to files that
-// root owns and nobody else may write, and so do we.
-unsigned cron_d_flags(const std::string& path) {
+// root owns and nobody else may write, and so do we (one level, resolved
+// under the host root). Returns the path to open, or the entry itself.
+std::string cron_d_target(const HostRoot& root, const std::string& host_path) {
+    const std::string p = root.path(host_path);
     struct stat st;
-    if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return kNoFollow;
-    if (::stat(path.c_str(), &st) != 0 || st.st_uid != 0 || (st.st_mode & 022)) return kNoFollow;
-    return kReadDefault;
+    if (::lstat(p.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return p;
+    const std::string target = read_link(p);
+    if (target.empty()) return p;
+    const std::string real = target[0] == '/' ? root.path(target) : root.path("/etc/cron.d/" + target);
+    if (::lstat(real.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != 0 || (st.st_mode & 022))
+        return p;
+    return real;
 }
 
 void collect_crontabs(const HostRoot& root, Sources& src, std::vector<CronInfo>& out) {
-    read_crontab(root, "/etc/crontab", true, std::string(), kReadDefault, src, out);
+    read_crontab(root.path("/etc/crontab"), "/etc/crontab", true, std::string(), kReadDefault, src, out);
 
     std::vector<std::string> names;
     src.note(list_names(root.path("/etc/cron.d"), names));
     for (const std::string& n : names) {
         if (!run_parts_name(n)) continue;
         const std::string host = "/etc/cron.d/" + n;
-        read_crontab(root, host, true, std::string(), cron_d_flags(root.path(host)), src, out);
+        read_crontab(cron_d_target(root, host), host, true, std::string(), kNoFollow, src, out);
     }
 
     // Debian keeps user crontabs in crontabs/, Red Hat directly in the spool.
@@ -350,7 +358,7 @@ void collect_crontabs(const HostRoot& root, Sources& src, std::vector<CronInfo>&
             const std::string host = std::string(spool) + "/" + n;
             struct stat st;
             if (::lstat(root.path(host).c_str(), &st) != 0 || S_ISDIR(st.st_mode)) continue;
-            read_crontab(root, host, false, n, kNoFollow, src, out);
+            read_crontab(root.path(host), host, false, n, kNoFollow, src, out);
         }
     }
 }

@@ -352,7 +352,8 @@ void SudoersParser::parse_user_spec(std::string_view line) {
     bool have_runas = false;
     std::string_view runas_users;
     std::vector<std::string_view> segments = split_top(rest, ',');
-    for (size_t si = 0; si < segments.size() && !full; ++si) {
+    size_t si = 0;
+    while (si < segments.size() && !full) {
         std::string_view s = trim(segments[si]);
         for (;;) {
             if (!s.empty() && s[0] == '(') {
@@ -388,11 +389,12 @@ void SudoersParser::parse_user_spec(std::string_view line) {
             std::string_view next = s.substr(colon + 1);
             const size_t e2 = find_top(next, '=');
             if (e2 == std::string_view::npos) break;
-            segments[si] = next.substr(e2 + 1);
+            segments[si] = next.substr(e2 + 1);  // parse the rest of this segment again
             have_runas = false;
             runas_users = std::string_view();
-            --si;
+            continue;
         }
+        ++si;
     }
     if (!full) return;
     for (std::string_view u : split_top(lw[0], ',')) add_user_item(u, 0);

@@ -170,8 +170,9 @@ protected:
         // cron.d may link to a file root owns and only root writes, nothing else.
         write_text(d + "/elsewhere/good", "5 5 * * * root /bin/linked\n", 0644);
         write_text(d + "/elsewhere/open", "5 5 * * * root /bin/world-writable\n", 0666);
-        fs::create_symlink(d + "/elsewhere/good", d + "/etc/cron.d/linked");
-        fs::create_symlink(d + "/elsewhere/open", d + "/etc/cron.d/openlink");
+        // Link targets are host paths, resolved under the root.
+        fs::create_symlink("/elsewhere/good", d + "/etc/cron.d/linked");
+        fs::create_symlink("../../elsewhere/open", d + "/etc/cron.d/openlink");
         fs::create_symlink("logrotate", d + "/etc/cron.daily/rotate-link");
     }
     TempDir dir;
