@@ -44,7 +44,9 @@ bool skippable(std::string_view line) {
 
 int64_t shadow_num(std::string_view s) {
     int64_t v;
-    if (!parse_i64(s, v) || v < 0) return -1;
+    // Day counts beyond 32 bits are junk; bounding them keeps the date
+    // arithmetic below free of overflow.
+    if (!parse_i64(s, v) || v < 0 || v > INT32_MAX) return -1;
     return v;
 }
 

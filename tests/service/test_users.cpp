@@ -147,8 +147,9 @@ TEST(UserParse, ShadowDatesAndDisabledStates) {
         "f:$6$x:19000:0:30:7:10::\n"        // inactive period over
         "g:$6$x:19500:0:10000:7::0:\n"      // max >= 10000: never; expire day 0
         "h:$6$x:junk:-5:x::::\n"            // junk numbers
+        "i:$6$x:9223372036854775807:0:5:7:9223372036854775807:9223372036854775807:\n"
         "short:x:1\n");
-    ASSERT_EQ(s.size(), 8u);
+    ASSERT_EQ(s.size(), 9u);
     const time_t now = 19700 * 86400;  // 2023-12-09
     EXPECT_EQ(last_change_date(s[0]), "2023-05-23");
     EXPECT_EQ(password_expire_date(s[0]), "2023-08-21");
@@ -169,6 +170,9 @@ TEST(UserParse, ShadowDatesAndDisabledStates) {
     EXPECT_EQ(last_change_date(s[7]), "");
     EXPECT_EQ(s[7].min_days, -1);
     EXPECT_FALSE(is_disabled(s[7], now));
+    EXPECT_EQ(s[8].last_change, -1);  // absurd numbers count as unset
+    EXPECT_EQ(password_expire_date(s[8]), "");
+    EXPECT_FALSE(is_disabled(s[8], now));
 }
 
 TEST(UserParse, SudoersRules) {
