@@ -9,6 +9,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -50,6 +52,10 @@ std::string run(const std::string& cmd) {
     while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
     pclose(p);
     return out;
+}
+
+bool ends_with_timer(const std::string& s) {
+    return s.size() > 6 && s.compare(s.size() - 6, 6, ".timer") == 0;
 }
 
 std::string row(const CronInfo& c) {
@@ -303,5 +309,31 @@ TEST_F(CronHost, InstalledCrontabs) {
         for (const auto& c : v)
             if (c.file == kSpool + user) ++ours;
         EXPECT_EQ(ours, jobs) << user;
+    }
+}
+
+TEST(CronLive, TimersMatchSystemctl) {
+    if (system("command -v systemctl >/dev/null 2>&1") != 0) GTEST_SKIP() << "no systemctl";
+    std::map<std::string, std::string> state;  // unit -> enabled/static/disabled...
+    std::istringstream in(run("systemctl --root=/ list-unit-files --type=timer --no-legend 2>/dev/null"));
+    std::string unit, st;
+    while (in >> unit >> st) {
+        state[unit] = st;
+        std::string rest;
+        std::getline(in, rest);
+    }
+    std::vector<AM::CronInfo> v;
+    ASSERT_EQ(amsvc::collect_crons(amsvc::HostRoot("/"), v), 0);
+    std::set<std::string> ours;
+    for (const auto& c : v)
+        if (ends_with_timer(c.name)) ours.insert(c.name);
+    for (const auto& [u, s] : state)
+        if (s == "enabled" && u.find("@.") == std::string::npos) {
+            EXPECT_TRUE(ours.count(u)) << u;
+        }
+    for (const std::string& u : ours) {
+        const auto it = state.find(u);
+        if (it == state.end()) continue;  // instances are not listed
+        EXPECT_TRUE(it->second == "enabled" || it->second == "static") << u << " is " << it->second;
     }
 }
