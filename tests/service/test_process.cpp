@@ -215,7 +215,11 @@ TEST(ProcessFixture, HostileTree) {
             "2000-3000 r-xp 00000000 fe:00 2 /usr/lib/fifo.so\n"
             "3000-4000 r-xp 00000000 fe:00 3 /usr/lib/zero.so\n"
             "4000-5000 r-xp 00000000 00:00 0 [vdso]\n"
-            "5000-6000 r-xp 00000000 fe:00 2 /usr/lib/fifo.so\n");
+            "5000-6000 r-xp 00000000 fe:00 2 /usr/lib/fifo.so\n"
+            "00006000-00007000 r-xp 00000000 fe:00 9 /usr/lib/gone.so (deleted)\n");
+    // A deleted library is read through map_files, named without zero padding.
+    r.write("gone-inode", "gone");
+    r.link(r.path() + "/gone-inode", "proc/100/map_files/6000-7000");
     // 2: a kernel thread.
     r.write("proc/2/stat", stat_line(2, "kthreadd", 0, 0x208040, 1));
     r.write("proc/2/status", "Uid:\t0\t0\t0\t0\n");
@@ -261,8 +265,12 @@ TEST(ProcessFixture, HostileTree) {
     EXPECT_EQ(a.env, "HOME=/home/alice\nLANG=C");
     EXPECT_EQ(a.path, "/usr/bin/app");
     EXPECT_EQ(a.current_dir, "/home/alice");
-    ASSERT_EQ(a.modules.size(), 3u);
+    ASSERT_EQ(a.modules.size(), 4u);
     EXPECT_EQ(a.modules[0].path, "/usr/bin/app");
+    EXPECT_EQ(a.modules[0].md5, "9d7183f16acce70658f686ae7f1a4d20");  // read through /proc/100/root
+    EXPECT_EQ(a.modules[3].path, "/usr/lib/gone.so (deleted)");
+    EXPECT_EQ(a.modules[3].md5, "50c1f58be7f5e47e0f53d64c094783c2");
+    EXPECT_EQ(a.modules[3].sha256, "283bb9deef02e6843abfb538efa1eca70801bd8a701c3f98191e123496339247");
     EXPECT_EQ(a.modules[1].path, "/usr/lib/fifo.so");
     EXPECT_EQ(a.modules[2].path, "/usr/lib/zero.so");
     EXPECT_EQ(a.modules[1].md5, "");
@@ -347,6 +355,17 @@ std::map<int, std::string> ps_lines() {
     return rows;
 }
 
+// First word of a command's output.
+std::string run_word(const std::string& cmd) {
+    std::string out;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return out;
+    char buf[512];
+    if (fgets(buf, sizeof buf, p)) out = std::string(split_ws(trim(buf)).at(0));
+    pclose(p);
+    return out;
+}
+
 bool printable(const std::string& s) {
     for (unsigned char c : s)
         if (c < 0x20 || c >= 0x7f) return false;
@@ -358,6 +377,9 @@ TEST(ProcessLive, ChildrenAndPs) {
     const std::string copy = dir.path() + "/amtest-sleep";
     fs::copy_file("/bin/sleep", copy);
     chmod(copy.c_str(), 0755);
+    std::ofstream(copy, std::ios::app) << "made distinct";  // ELF ignores trailing bytes
+    const std::string copy_md5 = run_word("md5sum " + copy);
+    const std::string copy_sha = run_word("sha256sum " + copy);
 
     Child plain, deleted, env;
     spawn(plain, "/bin/sleep", {"sleep", "3601", "0.125"}, "", {});
@@ -387,6 +409,14 @@ TEST(ProcessLive, ChildrenAndPs) {
         libc |= m.path.find("libc.so") != std::string::npos;
     }
     EXPECT_TRUE(libc);
+    EXPECT_EQ(p->modules[0].md5, run_word("md5sum /bin/sleep"));
+    EXPECT_EQ(p->modules[0].sha256, run_word("sha256sum /bin/sleep"));
+    for (const auto& m : p->modules) {
+        EXPECT_EQ(m.sha256.size(), 64u) << m.path;
+        if (!m.company.empty()) {
+            EXPECT_TRUE(m.verified) << m.path;  // untouched package files
+        }
+    }
     // Started within the last minutes, by the same clock as ours.
     const time_t now = time(nullptr);
     EXPECT_GE(p->stime, format_time(now - 120));
@@ -398,6 +428,9 @@ TEST(ProcessLive, ChildrenAndPs) {
     EXPECT_EQ(d->name, "amtest-sleep");
     ASSERT_FALSE(d->modules.empty());
     EXPECT_EQ(d->modules[0].path, copy + " (deleted)");
+    EXPECT_EQ(d->modules[0].md5, copy_md5);  // through /proc/<pid>/exe
+    EXPECT_EQ(d->modules[0].sha256, copy_sha);
+    EXPECT_FALSE(d->modules[0].verified);
 
     const AM::ProcessInfo* e = find_pid(after, env.pid);
     ASSERT_NE(e, nullptr);
