@@ -1,6 +1,7 @@
 // Process collector against its peers, run by hand (needs root for a full
 // view): starts 300 extra sleeping processes, then prints medians of 5 runs of
-//   cold   collection in a fresh forked child (digest cache empty),
+//   fresh  collection in a fresh forked child (every cache of the service empty),
+//   cold   collection after clearing the digest cache (package index loaded),
 //   warm   collection with every digest cached,
 //   peer   bench/process_peer.py under /usr/bin/python3 (psutil + hashlib),
 //   ps     ps -eo user,pid,ppid,lstart,args,
@@ -24,6 +25,7 @@
 #include <vector>
 
 #include "collectors.h"
+#include "digest_cache.h"
 
 using namespace amsvc;
 
@@ -102,7 +104,8 @@ double run_command(const std::string& cmd, std::string* first_line = nullptr) {
 }
 
 // Every distinct module file read once, sequentially, with both digests.
-double read_all(const std::vector<std::string>& files) {
+double read_all(const std::vector<std::string>& files, uint64_t& bytes) {
+    bytes = 0;
     const double t0 = now();
     static char buf[1 << 20];
     EVP_MD_CTX* md5 = EVP_MD_CTX_new();
@@ -116,6 +119,7 @@ double read_all(const std::vector<std::string>& files) {
         while ((n = read(fd, buf, sizeof buf)) > 0) {
             EVP_DigestUpdate(md5, buf, static_cast<size_t>(n));
             EVP_DigestUpdate(sha, buf, static_cast<size_t>(n));
+            bytes += static_cast<uint64_t>(n);
         }
         unsigned char d[EVP_MAX_MD_SIZE];
         unsigned len;
@@ -139,33 +143,47 @@ int main(int argc, char** argv) {
     const std::vector<pid_t> sleepers = start_sleepers(300);
     const int kRuns = 5;
 
-    std::vector<double> cold, warm, py, ps, rd;
+    std::vector<double> fresh, cold, warm, py, ps, rd;
     long cold_rss = 0;
     size_t procs = 0;
     for (int i = 0; i < kRuns; ++i) {
         const ColdResult c = cold_run();
-        cold.push_back(c.secs);
+        fresh.push_back(c.secs);
         cold_rss = std::max(cold_rss, c.maxrss_kb);
         procs = c.procs;
     }
 
+    // Cold runs, each paired with reading the files that very run found, so
+    // processes coming and going on a shared host hit both sides alike.
     std::vector<AM::ProcessInfo> out;
-    collect_processes(HostRoot("/"), out);  // fills the digest cache
-    size_t modules = 0, hashed = 0;
-    std::set<std::string> files;
-    for (const auto& p : out)
-        for (const auto& m : p.modules) {
-            ++modules;
-            hashed += !m.sha256.empty();
-            if (m.path.find(" (deleted)") == std::string::npos)
-                files.insert("/proc/" + std::to_string(p.pid) + "/root" + m.path);
-        }
-    // One open path per distinct host path: the first process that maps it.
-    std::vector<std::string> distinct;
-    std::set<std::string> seen;
-    for (const auto& f : files) {
-        const size_t root = f.find("/root/");
-        if (seen.insert(f.substr(root + 5)).second) distinct.push_back(f);
+    size_t modules = 0, hashed = 0, distinct_files = 0;
+    uint64_t cold_bytes = 0, read_bytes = 0;
+    for (int i = 0; i < kRuns; ++i) {
+        digest_cache_clear();
+        const DigestStats before = digest_stats();
+        const double t0 = now();
+        collect_processes(HostRoot("/"), out);
+        cold.push_back(now() - t0);
+        cold_bytes = digest_stats().bytes_hashed - before.bytes_hashed;
+
+        // One open path per distinct file as the process sees it.
+        std::vector<std::string> distinct;
+        std::set<std::string> seen;
+        modules = hashed = 0;
+        for (const auto& p : out)
+            for (const auto& m : p.modules) {
+                ++modules;
+                hashed += !m.sha256.empty();
+                if (!seen.insert(m.path).second) continue;
+                std::string bare = m.path;
+                if (bare.size() > 10 && bare.compare(bare.size() - 10, 10, " (deleted)") == 0) {
+                    if (&m == &p.modules[0]) distinct.push_back("/proc/" + std::to_string(p.pid) + "/exe");
+                    continue;  // a deleted library: only its map_files entry reaches it
+                }
+                distinct.push_back("/proc/" + std::to_string(p.pid) + "/root" + bare);
+            }
+        distinct_files = distinct.size();
+        rd.push_back(read_all(distinct, read_bytes));
     }
     for (int i = 0; i < kRuns; ++i) {
         const double t0 = now();
@@ -177,20 +195,24 @@ int main(int argc, char** argv) {
         run_command("/usr/bin/python3 " + peer, &line);
         py.push_back(atof(line.c_str()));  // the script's own time, interpreter start excluded
         ps.push_back(run_command("ps -eo user,pid,ppid,lstart,args"));
-        rd.push_back(read_all(distinct));
     }
 
     struct rusage ru;
     getrusage(RUSAGE_SELF, &ru);
-    const double c = median(cold), w = median(warm), p = median(py), s = median(ps), r = median(rd);
+    const double f = median(fresh), c = median(cold), w = median(warm), p = median(py), s = median(ps),
+                 r = median(rd);
     printf("processes %zu, modules %zu (%zu with digests), distinct files %zu\n", procs, modules, hashed,
-           distinct.size());
+           distinct_files);
+    printf("bytes hashed by a cold collection %.1f MiB, by the read baseline %.1f MiB\n",
+           cold_bytes / 1048576.0, read_bytes / 1048576.0);
+    printf("fresh process     %8.1f ms   fresh/read %.2fx\n", f * 1e3, r > 0 ? f / r : 0);
     printf("cold collection   %8.1f ms\n", c * 1e3);
     printf("warm collection   %8.1f ms\n", w * 1e3);
-    printf("psutil peer       %8.1f ms   peer/cold %.1fx\n", p * 1e3, c > 0 ? p / c : 0);
+    printf("psutil peer       %8.1f ms   peer/cold %.1fx, peer/fresh %.1fx\n", p * 1e3, c > 0 ? p / c : 0,
+           f > 0 ? p / f : 0);
     printf("ps -eo ...        %8.1f ms   warm/ps %.2fx\n", s * 1e3, s > 0 ? w / s : 0);
     printf("read+digest once  %8.1f ms   cold/read %.2fx\n", r * 1e3, r > 0 ? c / r : 0);
-    printf("peak RSS: cold child %ld KiB, this process %ld KiB\n", cold_rss, ru.ru_maxrss);
+    printf("peak RSS: fresh child %ld KiB, this process %ld KiB\n", cold_rss, ru.ru_maxrss);
 
     for (pid_t pid : sleepers) kill(pid, SIGKILL);
     for (pid_t pid : sleepers) waitpid(pid, nullptr, 0);

@@ -288,8 +288,8 @@ private:
             }
         }
 
-        if (read(dfd, "maps", kMaxMaps, false) != 0) return true;
-        for (procfs::Mapping& m : procfs::parse_maps(buf_.view())) {
+        if (!read_maps(dfd)) return true;
+        for (procfs::Mapping& m : maps_) {
             if (m.path == rec.path) continue;
             std::string bare = m.path;
             procfs::strip_deleted(bare);
@@ -309,6 +309,22 @@ private:
         return true;
     }
 
+    // Executable file-backed mappings into maps_: by query on a kernel that
+    // has it, else by parsing the text. False when maps is unreadable.
+    bool read_maps(int dfd) {
+        maps_.clear();
+        if (procfs_ && use_query_) {
+            Fd fd(::openat(dfd, "maps", O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+            if (fd.get() < 0) return false;
+            const int rc = procfs::query_maps(fd.get(), maps_);
+            if (rc == 0) return true;
+            if (rc == -ENOTTY || rc == -EINVAL) use_query_ = false;  // not on this kernel
+        }
+        if (read(dfd, "maps", kMaxMaps, false) != 0) return false;
+        maps_ = procfs::parse_maps(buf_.view());
+        return true;
+    }
+
     int read(int dirfd, const char* name, size_t max, bool short_is_eof) {
         return buf_.read_at(dirfd, name, max, procfs_, short_is_eof);
     }
@@ -325,6 +341,8 @@ private:
     const HostRoot& root_;
     long clk_tck_ = 100;
     bool procfs_ = false;  // a real procfs, not a fixture tree
+    bool use_query_ = true;
+    std::vector<procfs::Mapping> maps_;
     bool have_btime_ = false;
     int64_t btime_ = 0;
     std::string proc_prefix_;

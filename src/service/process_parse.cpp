@@ -1,8 +1,11 @@
 #include "process_parse.h"
 
+#include <errno.h>
 #include <stdio.h>
+#include <sys/ioctl.h>
 
 #include <charconv>
+#include <cstring>
 #include <unordered_set>
 
 #include "common.h"
@@ -166,6 +169,74 @@ std::vector<Mapping> parse_maps(std::string_view text) {
         out.push_back(std::move(m));
     }
     return out;
+}
+
+namespace {
+
+// include/uapi/linux/fs.h of Linux 6.11; older C library headers lack it.
+struct ProcmapQuery {
+    uint64_t size;
+    uint64_t query_flags;
+    uint64_t query_addr;
+    uint64_t vma_start;
+    uint64_t vma_end;
+    uint64_t vma_flags;
+    uint64_t vma_page_size;
+    uint64_t vma_offset;
+    uint64_t inode;
+    uint32_t dev_major;
+    uint32_t dev_minor;
+    uint32_t vma_name_size;
+    uint32_t build_id_size;
+    uint64_t vma_name_addr;
+    uint64_t build_id_addr;
+};
+static_assert(sizeof(ProcmapQuery) == 104, "procmap_query layout");
+constexpr unsigned long kProcmapQuery = 0xc0686611ul;  // _IOWR('f', 17, struct procmap_query)
+constexpr uint64_t kQueryExecutable = 0x04;
+constexpr uint64_t kQueryCoveringOrNext = 0x10;
+constexpr uint64_t kQueryFileBacked = 0x20;
+
+}  // namespace
+
+int query_maps(int maps_fd, std::vector<Mapping>& out) {
+    out.clear();
+    std::unordered_set<std::string> seen;
+    char name[8192];
+    uint64_t addr = 0;
+    // A process has at most vm.max_map_count mappings; the bound only guards
+    // against a kernel that would not advance.
+    for (int guard = 0; guard < (1 << 20); ++guard) {
+        ProcmapQuery q;
+        std::memset(&q, 0, sizeof q);
+        q.size = sizeof q;
+        q.query_flags = kQueryCoveringOrNext | kQueryExecutable | kQueryFileBacked;
+        q.query_addr = addr;
+        q.vma_name_addr = reinterpret_cast<uintptr_t>(name);
+        q.vma_name_size = sizeof name;
+        if (::ioctl(maps_fd, kProcmapQuery, &q) != 0) {
+            if (errno == ENOENT) return 0;  // no mapping above addr
+            const int e = errno;
+            out.clear();
+            return -e;
+        }
+        if (q.vma_end <= addr) break;
+        addr = q.vma_end;
+        if (q.vma_name_size == 0 || q.vma_name_size > sizeof name) continue;
+        std::string path(name, q.vma_name_size - 1);  // the size counts the NUL
+        if (path.empty() || path[0] != '/' || !seen.insert(path).second) continue;
+        Mapping m;
+        m.path = std::move(path);
+        std::string bare = m.path;
+        m.deleted = strip_deleted(bare);
+        m.start = q.vma_start;
+        m.end = q.vma_end;
+        m.dev_major = q.dev_major;
+        m.dev_minor = q.dev_minor;
+        m.inode = q.inode;
+        out.push_back(std::move(m));
+    }
+    return 0;
 }
 
 std::string map_files_name(uint64_t start, uint64_t end) {

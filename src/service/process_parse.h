@@ -52,6 +52,12 @@ struct Mapping {
 // first appearance, one per path. Malformed lines are skipped.
 std::vector<Mapping> parse_maps(std::string_view text);
 
+// The same list through the PROCMAP_QUERY ioctl on an open /proc/<pid>/maps
+// (Linux 6.11+), which hands out only executable file-backed mappings instead
+// of formatting every mapping as text. Returns 0, or a negative errno: -ENOTTY
+// or -EINVAL where the kernel (or a fixture file) lacks it.
+int query_maps(int maps_fd, std::vector<Mapping>& out);
+
 // Name of a mapping's entry in /proc/<pid>/map_files ("7f00-7f10": no padding).
 std::string map_files_name(uint64_t start, uint64_t end);
 

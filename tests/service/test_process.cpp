@@ -154,6 +154,34 @@ TEST(ProcessParse, Maps) {
     EXPECT_EQ(format_cpu_time(100ull * 3600 * 150, 100), "150:00:00");
 }
 
+TEST(ProcessParse, QueryMatchesText) {
+    // The ioctl and the text must name the same files in the same order.
+    std::string text;
+    ASSERT_EQ(read_file("/proc/self/maps", text), 0);
+    const std::vector<Mapping> parsed = parse_maps(text);
+    const int fd = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    std::vector<Mapping> queried;
+    const int rc = query_maps(fd, queried);
+    close(fd);
+    if (rc == -ENOTTY || rc == -EINVAL) GTEST_SKIP() << "kernel without PROCMAP_QUERY";
+    ASSERT_EQ(rc, 0);
+    ASSERT_EQ(queried.size(), parsed.size());
+    for (size_t i = 0; i < parsed.size(); ++i) {
+        EXPECT_EQ(queried[i].path, parsed[i].path);
+        EXPECT_EQ(queried[i].start, parsed[i].start);
+        EXPECT_EQ(queried[i].end, parsed[i].end);
+        EXPECT_EQ(queried[i].inode, parsed[i].inode);
+        EXPECT_EQ(queried[i].dev_major, parsed[i].dev_major);
+    }
+    const int nfd = open("/etc/hostname", O_RDONLY | O_CLOEXEC);
+    if (nfd >= 0) {
+        EXPECT_LT(query_maps(nfd, queried), 0);  // not a maps file: the caller falls back to the text
+        EXPECT_TRUE(queried.empty());
+        close(nfd);
+    }
+}
+
 // --- fixture /proc tree ----------------------------------------------------
 
 class TempRoot {
