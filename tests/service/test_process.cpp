@@ -345,9 +345,10 @@ struct Child {
     }
 };
 
-// Starts `exe` with `argv`, in `cwd`, with `env`; returns once it has exec'ed.
+// Starts `exe` with `argv`, in `cwd`, with `env`; returns once its command
+// line starts with `ready` (argv[0] when empty).
 void spawn(Child& c, const std::string& exe, std::vector<std::string> argv, const std::string& cwd,
-           std::vector<std::string> env) {
+           std::vector<std::string> env, std::string ready = "") {
     std::vector<char*> av, ev;
     for (auto& s : argv) av.push_back(&s[0]);
     av.push_back(nullptr);
@@ -360,7 +361,7 @@ void spawn(Child& c, const std::string& exe, std::vector<std::string> argv, cons
         _exit(127);
     }
     // Exec'ed once the command line is the new one.
-    const std::string want = argv[0];
+    const std::string want = ready.empty() ? argv[0] : ready;
     for (int i = 0; i < 500; ++i) {
         std::string cl;
         read_file("/proc/" + std::to_string(c.pid) + "/cmdline", cl, 4096);
@@ -488,6 +489,39 @@ TEST(ProcessLive, ChildrenAndPs) {
     }
     EXPECT_GE(compared, 5u);
     EXPECT_TRUE(ps.count(1));
+}
+
+}  // namespace
+
+namespace {
+
+// A process in its own mount namespace (as in a container) sees a file the
+// host does not: its modules are read through /proc/<pid>/root.
+TEST(ProcessLive, OtherMountNamespace) {
+    TempRoot dir;
+    const std::string src = dir.path() + "/src", dst = dir.path() + "/dst";
+    fs::create_directories(src);
+    fs::create_directories(dst);
+    fs::copy_file("/bin/sleep", src + "/nsleep");
+    chmod((src + "/nsleep").c_str(), 0755);
+    std::ofstream(src + "/nsleep", std::ios::app) << "namespace copy";
+    const std::string md5 = run_word("md5sum " + src + "/nsleep");
+
+    Child c;
+    spawn(c, "/usr/bin/unshare",
+          {"unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
+           "mount --bind " + src + " " + dst + " && exec " + dst + "/nsleep 3605"},
+          "", {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"}, dst + "/nsleep");
+    std::vector<AM::ProcessInfo> out;
+    ASSERT_EQ(collect_processes(HostRoot("/"), out), 0);
+    const AM::ProcessInfo* p = find_pid(out, c.pid);
+    ASSERT_NE(p, nullptr);
+    if (p->cmd_line != dst + "/nsleep 3605") GTEST_SKIP() << "no mount namespace here: " << p->cmd_line;
+    ASSERT_FALSE(fs::exists(dst + "/nsleep"));  // not on the host's side
+    EXPECT_EQ(p->path, dst + "/nsleep");
+    ASSERT_FALSE(p->modules.empty());
+    EXPECT_EQ(p->modules[0].path, dst + "/nsleep");
+    EXPECT_EQ(p->modules[0].md5, md5);
 }
 
 }  // namespace
