@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -229,6 +230,7 @@ TEST(ProcessFixture, HostileTree) {
     fs::create_directories(r.path() + "/usr/lib");
     ASSERT_EQ(mkfifo((r.path() + "/usr/lib/fifo.so").c_str(), 0644), 0);
     r.link("/dev/zero", "usr/lib/zero.so");
+    const bool have_node = mknod((r.path() + "/usr/lib/node.so").c_str(), S_IFCHR | 0644, makedev(1, 5)) == 0;
 
     // 100: a user process mapping a FIFO and a link to /dev/zero as libraries.
     r.write("proc/100/stat", stat_line(100, "my app) (x", 1, 0, 12345));
@@ -244,6 +246,7 @@ TEST(ProcessFixture, HostileTree) {
             "3000-4000 r-xp 00000000 fe:00 3 /usr/lib/zero.so\n"
             "4000-5000 r-xp 00000000 00:00 0 [vdso]\n"
             "5000-6000 r-xp 00000000 fe:00 2 /usr/lib/fifo.so\n"
+            "5800-5900 r-xp 00000000 fe:00 4 /usr/lib/node.so\n"
             "00006000-00007000 r-xp 00000000 fe:00 9 /usr/lib/gone.so (deleted)\n");
     // A deleted library is read through map_files, named without zero padding.
     r.write("gone-inode", "gone");
@@ -293,12 +296,14 @@ TEST(ProcessFixture, HostileTree) {
     EXPECT_EQ(a.env, "HOME=/home/alice\nLANG=C");
     EXPECT_EQ(a.path, "/usr/bin/app");
     EXPECT_EQ(a.current_dir, "/home/alice");
-    ASSERT_EQ(a.modules.size(), 4u);
+    ASSERT_EQ(a.modules.size(), 5u);
     EXPECT_EQ(a.modules[0].path, "/usr/bin/app");
     EXPECT_EQ(a.modules[0].md5, "9d7183f16acce70658f686ae7f1a4d20");  // read through /proc/100/root
-    EXPECT_EQ(a.modules[3].path, "/usr/lib/gone.so (deleted)");
-    EXPECT_EQ(a.modules[3].md5, "50c1f58be7f5e47e0f53d64c094783c2");
-    EXPECT_EQ(a.modules[3].sha256, "283bb9deef02e6843abfb538efa1eca70801bd8a701c3f98191e123496339247");
+    EXPECT_EQ(a.modules[3].path, "/usr/lib/node.so");                 // a character device (or nothing)
+    EXPECT_EQ(a.modules[3].md5, "") << have_node;
+    EXPECT_EQ(a.modules[4].path, "/usr/lib/gone.so (deleted)");
+    EXPECT_EQ(a.modules[4].md5, "50c1f58be7f5e47e0f53d64c094783c2");
+    EXPECT_EQ(a.modules[4].sha256, "283bb9deef02e6843abfb538efa1eca70801bd8a701c3f98191e123496339247");
     EXPECT_EQ(a.modules[1].path, "/usr/lib/fifo.so");
     EXPECT_EQ(a.modules[2].path, "/usr/lib/zero.so");
     EXPECT_EQ(a.modules[1].md5, "");
