@@ -29,6 +29,11 @@ namespace {
 // as large as the stack limit allows; a few MiB of maps cover any real process.
 constexpr size_t kMaxSmall = 64u << 10;  // stat, status, /proc/stat
 constexpr size_t kMaxArgs = 1u << 20;    // cmdline, environ
+// Once this much command line and environment text has been kept, later
+// processes keep at most kMaxArgsTight of each, so a host full of huge
+// environments cannot balloon the result.
+constexpr size_t kArgsBudget = 32u << 20;
+constexpr size_t kMaxArgsTight = 64u << 10;
 constexpr size_t kMaxMaps = 16u << 20;
 
 // A read buffer reused for every /proc file of a collection, so reading a
@@ -244,12 +249,14 @@ private:
         if (read(dfd, "status", kMaxSmall, true) == 0 && procfs::parse_status_uid(buf_.view(), uid))
             rec.user = user_of(uid);
 
-        if (read(dfd, "cmdline", kMaxArgs, true) == 0) rec.cmd_line = procfs::join_nul(buf_.view(), ' ');
+        if (read(dfd, "cmdline", args_cap(), true) == 0) rec.cmd_line = procfs::join_nul(buf_.view(), ' ');
+        args_kept_ += rec.cmd_line.size();
 
         // Kernel threads have no executable, environment or mappings.
         if (have_stat && (st.flags & procfs::kPfKthread)) return true;
 
-        if (read(dfd, "environ", kMaxArgs, true) == 0) rec.env = procfs::join_nul(buf_.view(), '\n');
+        if (read(dfd, "environ", args_cap(), true) == 0) rec.env = procfs::join_nul(buf_.view(), '\n');
+        args_kept_ += rec.env.size();
         rec.path = read_link_at(dfd, "exe");
         rec.current_dir = read_link_at(dfd, "cwd");
         if (rec.name.empty() && !rec.path.empty()) {
@@ -325,6 +332,8 @@ private:
         return true;
     }
 
+    size_t args_cap() const { return args_kept_ < kArgsBudget ? kMaxArgs : kMaxArgsTight; }
+
     int read(int dirfd, const char* name, size_t max, bool short_is_eof) {
         return buf_.read_at(dirfd, name, max, procfs_, short_is_eof);
     }
@@ -342,6 +351,7 @@ private:
     long clk_tck_ = 100;
     bool procfs_ = false;  // a real procfs, not a fixture tree
     bool use_query_ = true;
+    size_t args_kept_ = 0;
     std::vector<procfs::Mapping> maps_;
     bool have_btime_ = false;
     int64_t btime_ = 0;

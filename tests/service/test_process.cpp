@@ -338,6 +338,27 @@ TEST(ProcessFixture, MissingProc) {
     }
 }
 
+TEST(ProcessFixture, ArgumentBudget) {
+    // Many processes with huge command lines: the first 32 MiB are kept at up
+    // to 1 MiB each, the rest at 64 KiB each.
+    TempRoot r;
+    r.write("big", std::string(2u << 20, 'x'));
+    r.write("stat", stat_line(9, "big", 1, 0, 1));
+    for (int pid = 10; pid < 46; ++pid) {
+        const std::string dir = r.path() + "/proc/" + std::to_string(pid);
+        fs::create_directories(dir);
+        fs::create_hard_link(r.path() + "/big", dir + "/cmdline");
+        fs::create_hard_link(r.path() + "/stat", dir + "/stat");
+    }
+    std::vector<AM::ProcessInfo> out;
+    ASSERT_EQ(collect_processes(HostRoot(r.path()), out), 0);
+    ASSERT_EQ(out.size(), 36u);
+    EXPECT_EQ(out[0].cmd_line.size(), 1u << 20);
+    EXPECT_EQ(out[31].cmd_line.size(), 1u << 20);
+    EXPECT_EQ(out[32].cmd_line.size(), 64u << 10);
+    EXPECT_EQ(out[35].cmd_line.size(), 64u << 10);
+}
+
 // --- the live host ---------------------------------------------------------
 
 struct Child {
