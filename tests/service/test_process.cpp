@@ -508,7 +508,7 @@ TEST(ProcessLive, ChildrenAndPs) {
         EXPECT_EQ(std::to_string(a.ppid), f[1]) << row->second;
         EXPECT_EQ(a.user, f[2]) << row->second;
         if (!a.cmd_line.empty() && printable(a.cmd_line)) {
-            const size_t at = row->second.find(f[2]) + f[2].size();
+            const size_t at = static_cast<size_t>(f[2].data() - row->second.data()) + f[2].size();
             EXPECT_EQ(a.cmd_line, trim(std::string_view(row->second).substr(at))) << row->second;
         }
         ++compared;
