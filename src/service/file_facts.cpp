@@ -7,6 +7,7 @@
 
 #include "digest_cache.h"
 #include "package_index.h"
+#include "package_index_impl.h"
 
 namespace amsvc {
 
@@ -14,7 +15,18 @@ FileFacts file_facts(const HostRoot& root, const FileRef& file) {
     FileFacts facts;
     try {
         FileOwner owner;
-        const bool owned = !file.host_path.empty() && package_owner(root, file.host_path, owner);
+        bool owned = !file.host_path.empty() && package_owner(root, file.host_path, owner);
+        if (!file.no_follow && !file.host_path.empty() && (!owned || owner.algo == DigestAlgo::kNone)) {
+            // The path may be a link (/etc/rc2.d/S01cron, /usr/bin/python3):
+            // the content read is its target's, so the target's package judges it.
+            DirCanon canon(root);
+            const std::string target = canon.canon(normalize_path(file.host_path));
+            FileOwner target_owner;
+            if (target != file.host_path && package_owner(root, target, target_owner)) {
+                owner = std::move(target_owner);
+                owned = true;
+            }
+        }
         if (owned) facts.company = owner.company;
         const std::string open_path = file.open_path.empty() ? root.path(file.host_path) : file.open_path;
         FileDigests d;
@@ -49,7 +61,8 @@ std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<F
     // Hashing is read-bound on a cold cache and CPU-bound on a warm page
     // cache; a few threads cover both without flooding a shared host.
     const unsigned hw = std::max(1u, std::thread::hardware_concurrency());
-    const size_t nthreads = std::min<size_t>({hw, 4, files.size()});
+    // A handful of files is not worth starting threads for.
+    const size_t nthreads = files.size() < 8 ? 1 : std::min<size_t>({hw, 4, files.size()});
     std::atomic<size_t> next{0};
     auto work = [&]() {
         for (size_t i; (i = next.fetch_add(1)) < files.size();) out[i] = file_facts(root, files[i]);

@@ -38,6 +38,9 @@ std::string normalize_path(std::string_view path) {
 
 std::string DirCanon::canon(const std::string& dir, int depth) {
     if (dir.empty() || dir == "/") return "/";
+    // Bounded work whatever links a hostile user laid out (chains, loops,
+    // links that fan out into more links): past the budget, names stay as given.
+    if (dir.size() > 4096 || budget_ <= 0) return normalize_path(dir);
     auto it = memo_.find(dir);
     if (it != memo_.end()) return it->second;
     const size_t slash = dir.rfind('/');
@@ -46,6 +49,7 @@ std::string DirCanon::canon(const std::string& dir, int depth) {
     const std::string base = slash == std::string::npos ? dir : dir.substr(slash + 1);
     std::string result = normalize_path(parent + "/" + base);
     struct stat st;
+    --budget_;
     if (depth < 32 && ::lstat(root_.path(result).c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
         const std::string target = read_link(root_.path(result));
         if (!target.empty()) {
@@ -64,9 +68,16 @@ std::string DirCanon::canon(const std::string& dir, int depth) {
 namespace {
 
 uint64_t hash_key(uint32_t dir, std::string_view base) {
-    uint64_t h = 1469598103934665603ull ^ dir;
+    uint64_t h = 1469598103934665603ull;
     for (unsigned char c : base) h = (h ^ c) * 1099511628211ull;
-    return h ^ (h >> 29);
+    // FNV leaves the low bits, which pick the slot, poorly mixed: finish like murmur3.
+    h ^= static_cast<uint64_t>(dir) * 0x9e3779b97f4a7c15ull;
+    h ^= h >> 33;
+    h *= 0xff51afd7ed558ccdull;
+    h ^= h >> 33;
+    h *= 0xc4ceb9fe1a85ec53ull;
+    h ^= h >> 33;
+    return h;
 }
 
 void split_dir_base(std::string_view path, std::string_view& dir, std::string_view& base) {
@@ -88,6 +99,16 @@ uint32_t PackageIndex::add_package(std::string name, std::string company) {
 }
 
 uint32_t PackageIndex::dir_id(std::string_view dir, DirCanon& canon) {
+    // Package lists name the files of one directory one after another.
+    if (last_dir_valid_ && dir == last_dir_) return last_dir_id_;
+    const uint32_t id = dir_id_slow(dir, canon);
+    last_dir_.assign(dir.data(), dir.size());
+    last_dir_id_ = id;
+    last_dir_valid_ = true;
+    return id;
+}
+
+uint32_t PackageIndex::dir_id_slow(std::string_view dir, DirCanon& canon) {
     const std::string key(dir);
     auto it = dirs_.find(key);
     if (it != dirs_.end()) return it->second;
@@ -104,30 +125,48 @@ uint32_t PackageIndex::dir_id(std::string_view dir, DirCanon& canon) {
     return id;
 }
 
-uint32_t* PackageIndex::probe(uint32_t dir, std::string_view base) {
+PackageIndex::Slot* PackageIndex::probe(uint32_t dir, std::string_view base) {
+    const uint32_t h = static_cast<uint32_t>(hash_key(dir, base));
     const size_t mask = table_.size() - 1;
-    for (size_t i = hash_key(dir, base) & mask;; i = (i + 1) & mask) {
-        uint32_t& slot = table_[i];
-        if (slot == 0) return &slot;
-        const Entry& e = entries_[slot - 1];
+    for (size_t i = h & mask;; i = (i + 1) & mask) {
+        Slot& slot = table_[i];
+        if (slot.entry == 0) {
+            slot.hash = h;  // where a new entry goes
+            return &slot;
+        }
+        if (slot.hash != h) continue;  // most misses end here, without touching the entry
+        const Entry& e = entries_[slot.entry - 1];
         if (e.dir == dir && e.base_len == base.size() &&
             std::memcmp(names_.data() + e.base_off, base.data(), base.size()) == 0)
             return &slot;
     }
 }
 
-const uint32_t* PackageIndex::probe(uint32_t dir, std::string_view base) const {
-    return const_cast<PackageIndex*>(this)->probe(dir, base);
+const PackageIndex::Slot* PackageIndex::probe(uint32_t dir, std::string_view base) const {
+    if (table_.empty()) return nullptr;
+    const uint32_t h = static_cast<uint32_t>(hash_key(dir, base));
+    const size_t mask = table_.size() - 1;
+    for (size_t i = h & mask;; i = (i + 1) & mask) {
+        const Slot& slot = table_[i];
+        if (slot.entry == 0) return nullptr;
+        if (slot.hash != h) continue;
+        const Entry& e = entries_[slot.entry - 1];
+        if (e.dir == dir && e.base_len == base.size() &&
+            std::memcmp(names_.data() + e.base_off, base.data(), base.size()) == 0)
+            return &slot;
+    }
 }
 
 void PackageIndex::grow() {
-    std::vector<uint32_t> old;
+    std::vector<Slot> old;
     old.swap(table_);
-    table_.assign(old.empty() ? 1024 : old.size() * 2, 0);
-    for (uint32_t slot : old) {
-        if (slot == 0) continue;
-        const Entry& e = entries_[slot - 1];
-        *probe(e.dir, std::string_view(names_.data() + e.base_off, e.base_len)) = slot;
+    table_.assign(old.empty() ? 1024 : old.size() * 2, Slot{0, 0});
+    const size_t mask = table_.size() - 1;
+    for (const Slot& s : old) {
+        if (s.entry == 0) continue;
+        size_t i = s.hash & mask;
+        while (table_[i].entry != 0) i = (i + 1) & mask;
+        table_[i] = s;
     }
 }
 
@@ -144,13 +183,13 @@ void PackageIndex::add_file(uint32_t pkg, std::string_view path, DigestAlgo algo
     if (base.empty() || base.size() > 0xffff) return;
     const uint32_t d = dir_id(dir, canon);
     if ((entries_.size() + 1) * 2 > table_.size()) grow();
-    uint32_t* slot = probe(d, base);
+    Slot* slot = probe(d, base);
     const bool has_digest = algo != DigestAlgo::kNone && digest;
-    if (*slot != 0) {
+    if (slot->entry != 0) {
         // Known already: the list came first and the digest follows, or a
         // second package claims the path (the first one keeps it, unless only
         // the second recorded a digest).
-        Entry& e = entries_[*slot - 1];
+        Entry& e = entries_[slot->entry - 1];
         if (has_digest && (e.pkg == pkg || e.algo == static_cast<uint8_t>(DigestAlgo::kNone))) {
             e.pkg = pkg;
             e.algo = static_cast<uint8_t>(algo);
@@ -169,7 +208,7 @@ void PackageIndex::add_file(uint32_t pkg, std::string_view path, DigestAlgo algo
     names_.append(base.data(), base.size());
     if (has_digest) digests_.append(reinterpret_cast<const char*>(digest), digest_size(algo));
     entries_.push_back(e);
-    *slot = static_cast<uint32_t>(entries_.size());
+    slot->entry = static_cast<uint32_t>(entries_.size());
 }
 
 bool PackageIndex::find(const HostRoot& root, const std::string& host_path, FileOwner& out) const {
@@ -190,9 +229,9 @@ bool PackageIndex::find(const HostRoot& root, const std::string& host_path, File
         it = dirs_.find(canon.canon(std::string(dir)));
         if (it == dirs_.end()) return false;
     }
-    const uint32_t* slot = probe(it->second, base);
-    if (*slot == 0) return false;
-    const Entry& e = entries_[*slot - 1];
+    const Slot* slot = probe(it->second, base);
+    if (!slot) return false;
+    const Entry& e = entries_[slot->entry - 1];
     const Package& p = packages_[e.pkg];
     out.package = p.name;
     out.company = p.company;
@@ -203,7 +242,7 @@ bool PackageIndex::find(const HostRoot& root, const std::string& host_path, File
 }
 
 size_t PackageIndex::memory_bytes() const {
-    size_t n = sizeof *this + entries_.capacity() * sizeof(Entry) + table_.capacity() * sizeof(uint32_t) +
+    size_t n = sizeof *this + entries_.capacity() * sizeof(Entry) + table_.capacity() * sizeof(Slot) +
                names_.capacity() + digests_.capacity();
     for (const Package& p : packages_) n += sizeof p + p.name.capacity() + p.company.capacity();
     // Node, key and bucket of each directory name.
@@ -213,6 +252,9 @@ size_t PackageIndex::memory_bytes() const {
 }
 
 void PackageIndex::shrink() {
+    last_dir_valid_ = false;
+    last_dir_.clear();
+    last_dir_.shrink_to_fit();
     entries_.shrink_to_fit();
     names_.shrink_to_fit();
     digests_.shrink_to_fit();
@@ -225,8 +267,38 @@ namespace {
 
 // Files the dpkg database lists for `p`: its .list, then the digests of its
 // md5sums and conffiles.
-void index_dpkg_package(const HostRoot& root, const DpkgPackage& p, PackageIndex& index, DirCanon& canon,
-                        std::string& buf) {
+// dpkg-divert: a package's file named `from` is installed as `to`, except in
+// the diverting package itself ("" for a local diversion by the admin).
+struct Diversion {
+    std::string to, by;
+};
+typedef std::unordered_map<std::string, Diversion> Diversions;
+
+Diversions read_diversions(const HostRoot& root) {
+    Diversions out;
+    std::string text;
+    if (read_file(root.path("/var/lib/dpkg/diversions"), text, 16u << 20) != 0) return out;
+    const std::vector<std::string_view> lines = split_lines(text);
+    for (size_t i = 0; i + 2 < lines.size(); i += 3) {
+        if (lines[i].empty() || lines[i][0] != '/' || lines[i + 1].empty() || lines[i + 1][0] != '/')
+            continue;
+        const std::string_view by = lines[i + 2];
+        out[std::string(lines[i])] =
+            Diversion{std::string(lines[i + 1]), by == ":" ? std::string() : std::string(by)};
+    }
+    return out;
+}
+
+void index_dpkg_package(const HostRoot& root, const DpkgPackage& p, const Diversions& diversions,
+                        PackageIndex& index, DirCanon& canon, std::string& buf) {
+    std::string key;
+    auto where = [&](std::string_view path) -> std::string_view {
+        if (diversions.empty()) return path;
+        key.assign(path.data(), path.size());
+        auto it = diversions.find(key);
+        if (it == diversions.end() || it->second.by == p.name) return path;
+        return it->second.to;
+    };
     const std::string info = root.path("/var/lib/dpkg/info/");
     const bool same = p.multi_arch == "same";
     std::string stem;
@@ -246,16 +318,16 @@ void index_dpkg_package(const HostRoot& root, const DpkgPackage& p, PackageIndex
             lines[i + 1][path.size()] == '/')
             continue;
         if (path == "/." || path == "/") continue;
-        index.add_file(id, path, DigestAlgo::kNone, nullptr, canon);
+        index.add_file(id, where(path), DigestAlgo::kNone, nullptr, canon);
     }
     if (read_file(stem + ".md5sums", buf, 256u << 20) == 0) {
         parse_md5sums(buf, [&](std::string_view path, const unsigned char* md5) {
-            index.add_file(id, path, DigestAlgo::kMd5, md5, canon);
+            index.add_file(id, where(path), DigestAlgo::kMd5, md5, canon);
         });
     }
     for (const DpkgConffile& c : p.conffiles) {
         unsigned char md5[16];
-        if (hex_to_bytes(c.md5, md5, 16)) index.add_file(id, c.path, DigestAlgo::kMd5, md5, canon);
+        if (hex_to_bytes(c.md5, md5, 16)) index.add_file(id, where(c.path), DigestAlgo::kMd5, md5, canon);
     }
     buf.clear();
 }
@@ -264,11 +336,12 @@ void index_dpkg(const HostRoot& root, PackageIndex& index, DirCanon& canon) {
     std::string text;
     if (read_file(root.path("/var/lib/dpkg/status"), text) != 0) return;
     std::vector<DpkgPackage> pkgs = parse_dpkg_status(text);
+    const Diversions diversions = read_diversions(root);
     text.clear();
     text.shrink_to_fit();
     std::string buf;
     for (const DpkgPackage& p : pkgs) {
-        if (dpkg_is_installed(p.status)) index_dpkg_package(root, p, index, canon, buf);
+        if (dpkg_is_installed(p.status)) index_dpkg_package(root, p, diversions, index, canon, buf);
     }
 }
 
@@ -292,7 +365,8 @@ void index_apk(const HostRoot& root, PackageIndex& index, DirCanon& canon) {
 // What the package databases looked like when an index was built.
 std::string db_signature(const HostRoot& root) {
     std::string sig;
-    std::vector<std::string> files = {"/var/lib/dpkg/status", "/lib/apk/db/installed"};
+    std::vector<std::string> files = {"/var/lib/dpkg/status", "/var/lib/dpkg/diversions",
+                                      "/lib/apk/db/installed"};
     const std::string rpmdir = rpm_db_dir(root);
     if (!rpmdir.empty()) {
         for (const char* f : {"/rpmdb.sqlite", "/rpmdb.sqlite-wal", "/Packages.db", "/Packages"})
@@ -322,7 +396,7 @@ constexpr std::chrono::seconds kRecheck(2);
 
 std::shared_ptr<const PackageIndex> build_package_index(const HostRoot& root) {
     auto index = std::make_shared<PackageIndex>();
-    DirCanon canon(root);
+    DirCanon canon(root, 1L << 20);
     index_dpkg(root, *index, canon);
     index_rpm(root, *index, canon);
     index_apk(root, *index, canon);

@@ -24,12 +24,14 @@ std::string normalize_path(std::string_view path);
 // what it resolved; one instance per thread.
 class DirCanon {
 public:
-    explicit DirCanon(const HostRoot& root) : root_(root) {}
+    // `budget`: lstat calls allowed, for all names this instance resolves.
+    explicit DirCanon(const HostRoot& root, long budget = 256) : root_(root), budget_(budget) {}
     std::string canon(const std::string& dir, int depth = 0);
 
 private:
     const HostRoot& root_;
     std::unordered_map<std::string, std::string> memo_;
+    long budget_;
 };
 
 // File -> owning package, keyed by (directory, base name). Directories are
@@ -61,17 +63,26 @@ private:
         uint8_t algo;
     };
     uint32_t dir_id(std::string_view dir, DirCanon& canon);
-    uint32_t* probe(uint32_t dir, std::string_view base);
-    const uint32_t* probe(uint32_t dir, std::string_view base) const;
+    uint32_t dir_id_slow(std::string_view dir, DirCanon& canon);
+    struct Slot {
+        uint32_t entry;  // entry index + 1, 0: empty
+        uint32_t hash;   // of the entry's key, so most misses never touch the entry
+    };
+    Slot* probe(uint32_t dir, std::string_view base);              // the match, or the empty slot for it
+    const Slot* probe(uint32_t dir, std::string_view base) const;  // the match, or null
+
     void grow();
 
     std::vector<Package> packages_;
     std::unordered_map<std::string, uint32_t> dirs_;
     size_t dir_count_ = 0;
+    std::string last_dir_;  // while building: the directory of the previous file
+    uint32_t last_dir_id_ = 0;
+    bool last_dir_valid_ = false;
     std::vector<Entry> entries_;
-    std::vector<uint32_t> table_;  // open addressing: entry index + 1, 0 empty
-    std::string names_;            // base names, back to back
-    std::string digests_;          // recorded digests, back to back
+    std::vector<Slot> table_;  // open addressing, linear probing, at most half full
+    std::string names_;        // base names, back to back
+    std::string digests_;      // recorded digests, back to back
 };
 
 // Builds the index of every package database under `root` (uncached).

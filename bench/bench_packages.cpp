@@ -1,0 +1,149 @@
+// Installed packages against dpkg-query, and file hashing against a plain
+// read of the same files. Run by hand: figures are ratios to a peer measured
+// in the same run, on the same (noisy, shared) machine.
+#include <dirent.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "collectors.h"
+#include "digest_cache.h"
+#include "file_facts.h"
+#include "package_index_impl.h"
+
+extern char** environ;
+
+using namespace amsvc;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+double seconds_since(Clock::time_point t0) {
+    return std::chrono::duration<double>(Clock::now() - t0).count();
+}
+
+template <class F>
+double median_of_5(F f) {
+    std::vector<double> t;
+    for (int i = 0; i < 5; ++i) {
+        const auto t0 = Clock::now();
+        f();
+        t.push_back(seconds_since(t0));
+    }
+    std::sort(t.begin(), t.end());
+    return t[2];
+}
+
+void run_dpkg_query() {
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+    char* argv[] = {const_cast<char*>("dpkg-query"), const_cast<char*>("-W"), nullptr};
+    pid_t pid;
+    if (posix_spawnp(&pid, "dpkg-query", &fa, nullptr, argv, environ) == 0) {
+        int st;
+        waitpid(pid, &st, 0);
+    }
+    posix_spawn_file_actions_destroy(&fa);
+}
+
+long peak_rss_kib() {
+    struct rusage ru;
+    getrusage(RUSAGE_SELF, &ru);
+    return ru.ru_maxrss;
+}
+
+long rss_kib() {
+    std::ifstream f("/proc/self/statm");
+    long size = 0, resident = 0;
+    f >> size >> resident;
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// Every file mapped by any process, once each.
+std::vector<std::string> mapped_files() {
+    std::set<std::string> paths;
+    for (const std::string& pid : list_dir("/proc")) {
+        if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::string maps;
+        if (read_file("/proc/" + pid + "/maps", maps, 8u << 20) != 0) continue;
+        for (std::string_view line : split_lines(maps)) {
+            const size_t slash = line.find('/');
+            if (slash == std::string_view::npos) continue;
+            const std::string_view p = line.substr(slash);
+            if (ends_with(p, " (deleted)")) continue;
+            paths.emplace(p);
+        }
+    }
+    return std::vector<std::string>(paths.begin(), paths.end());
+}
+
+}  // namespace
+
+int main() {
+    const HostRoot root("/");
+    std::vector<AM::SysInstallPackageInfo> pkgs;
+    collect_packages(root, pkgs);  // warm the page cache for both
+    run_dpkg_query();
+    const double ours = median_of_5([&] { collect_packages(root, pkgs); });
+    const double theirs = median_of_5(run_dpkg_query);
+    printf("packages: %zu  collect_packages %.1f ms  dpkg-query -W %.1f ms  ratio %.2f (lower is better)\n",
+           pkgs.size(), ours * 1e3, theirs * 1e3, ours / theirs);
+
+    const long rss0 = rss_kib();
+    auto t0 = Clock::now();
+    const auto index = package_index(root);
+    const double build = seconds_since(t0);
+    printf("ownership index: %zu packages, %zu files, built in %.0f ms, holds %.1f MiB, RSS +%.1f MiB\n",
+           index->packages(), index->files(), build * 1e3, index->memory_bytes() / 1048576.0,
+           (rss_kib() - rss0) / 1024.0);
+
+    const std::vector<std::string> files = mapped_files();
+    std::vector<FileRef> refs;
+    for (const std::string& p : files) refs.push_back(FileRef{p, p, false});
+    // Plain read first: it also brings every file into the page cache, so
+    // both runs below read from memory and the ratio is the hashing cost.
+    uint64_t bytes = 0;
+    std::vector<char> buf(1 << 17);
+    auto read_all = [&] {
+        bytes = 0;
+        for (const std::string& p : files) {
+            const int fd = open(p.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+            if (fd < 0) continue;
+            ssize_t n;
+            while ((n = read(fd, buf.data(), buf.size())) > 0) bytes += static_cast<uint64_t>(n);
+            close(fd);
+        }
+    };
+    read_all();
+    const double read_once = median_of_5(read_all);
+    const double cold = median_of_5([&] {
+        digest_cache_clear();
+        file_facts_many(root, refs);
+    });
+    t0 = Clock::now();
+    const std::vector<FileFacts> facts = file_facts_many(root, refs);
+    const double warm = seconds_since(t0);
+    size_t owned = 0, verified = 0, hashed = 0;
+    for (const FileFacts& f : facts) {
+        owned += !f.company.empty();
+        verified += f.verified;
+        hashed += !f.md5.empty();
+    }
+    printf("mapped files: %zu (%.1f MiB), hashed %zu, owned %zu, verified %zu\n", files.size(),
+           bytes / 1048576.0, hashed, owned, verified);
+    printf("digests cold %.1f ms (%.0f MiB/s)  plain read %.1f ms  ratio %.2f;  warm (cache hits) %.1f ms\n",
+           cold * 1e3, bytes / 1048576.0 / cold, read_once * 1e3, cold / read_once, warm * 1e3);
+    printf("peak RSS %.1f MiB\n", peak_rss_kib() / 1024.0);
+    return 0;
+}

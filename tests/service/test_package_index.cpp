@@ -1,0 +1,310 @@
+// Package ownership and verification: fixture roots for dpkg and apk, a
+// scratch copy of a real package judged against debsums, the real host's
+// libc, and an rpm database made by rpm itself.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+
+#include "collectors.h"
+#include "digest_cache.h"
+#include "file_facts.h"
+#include "package_index_impl.h"
+
+using namespace amsvc;
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kFixtures = std::string(ASSETMAN_FIXTURES) + "/packages";
+
+std::string run(const std::string& cmd) {
+    std::string out;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return out;
+    char buf[65536];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    pclose(p);
+    return out;
+}
+
+class TempDir {
+public:
+    TempDir() {
+        char tmpl[] = "/tmp/am_pi_XXXXXX";
+        path_ = mkdtemp(tmpl);
+    }
+    ~TempDir() {
+        std::error_code ec;
+        fs::remove_all(path_, ec);
+    }
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+FileFacts facts(const HostRoot& root, const std::string& host_path) {
+    return file_facts(root, FileRef{host_path, "", false});
+}
+
+}  // namespace
+
+TEST(Ownership, DpkgFixture) {
+    const HostRoot root(kFixtures + "/dpkg_root");
+    FileFacts f = facts(root, "/usr/lib/x86_64-linux-gnu/libfoo.so.1");
+    EXPECT_EQ(f.company, "Foo Maintainers <foo@example.org>");
+    EXPECT_TRUE(f.verified);
+    // The package names /lib/..., the process maps /usr/lib/... (lib -> usr/lib), and the other way round.
+    f = facts(root, "/usr/lib/x86_64-linux-gnu/libfoo-alias.so.1");
+    EXPECT_EQ(f.company, "Foo Maintainers <foo@example.org>");
+    EXPECT_TRUE(f.verified);
+    f = facts(root, "/lib/x86_64-linux-gnu/libfoo.so.1");
+    EXPECT_TRUE(f.verified);
+    f = facts(root, "/usr/lib/./x86_64-linux-gnu//libfoo.so.1");
+    EXPECT_TRUE(f.verified);
+    // Changed after install: owned, not verified. A conffile is judged by the status file's digest.
+    f = facts(root, "/usr/bin/nativetool");
+    EXPECT_EQ(f.company, "Native Person <n@example.org>");
+    EXPECT_FALSE(f.md5.empty());
+    EXPECT_FALSE(f.verified);
+    EXPECT_TRUE(facts(root, "/etc/nativetool.conf").verified);
+    // dpkg-divert: crlf diverted pending's /usr/bin/pending to /usr/bin/pending.distrib
+    // (whose digest comes from a CRLF md5sums); a trailing partial record is ignored.
+    f = facts(root, "/usr/bin/pending.distrib");
+    EXPECT_EQ(f.company, "P <p@example.org>");
+    EXPECT_TRUE(f.verified);
+    f = facts(root, "/usr/bin/pending");
+    EXPECT_EQ(f.company, "Win Dows <w@example.org>");
+    EXPECT_TRUE(f.verified);
+    // Listed but no digest recorded, and not owned at all.
+    f = facts(root, "/usr/bin/crlf");
+    EXPECT_EQ(f.company, "Win Dows <w@example.org>");
+    EXPECT_FALSE(f.verified);
+    f = facts(root, "/var/lib/dpkg/status");
+    EXPECT_EQ(f.company, "");
+    EXPECT_FALSE(f.verified);
+    EXPECT_FALSE(f.md5.empty());
+    // A link no package owns is judged by the file it leads to, unless links are refused.
+    f = facts(root, "/usr/bin/foo-link");
+    EXPECT_EQ(f.company, "Foo Maintainers <foo@example.org>");
+    EXPECT_TRUE(f.verified);
+    f = file_facts(root, FileRef{"/usr/bin/foo-link", "", true});
+    EXPECT_EQ(f.company, "");
+    EXPECT_TRUE(f.md5.empty());
+    EXPECT_FALSE(f.verified);
+    // Directories are not entries; bad hex in md5sums recorded nothing.
+    FileOwner o;
+    EXPECT_FALSE(package_owner(root, "/usr/lib/x86_64-linux-gnu", o));
+    EXPECT_FALSE(package_owner(root, "/usr/lib/bad-hex", o));
+    EXPECT_FALSE(package_owner(root, "", o));
+    EXPECT_FALSE(package_owner(root, "relative/path", o));
+}
+
+TEST(Ownership, ApkFixtureSha1) {
+    const HostRoot root(kFixtures + "/apk_root");
+    FileFacts f = facts(root, "/bin/busybox");
+    EXPECT_EQ(f.company, "Soren Tempel <soeren+alpine@example.org>");
+    EXPECT_TRUE(f.verified);
+    f = facts(root, "/etc/motd");  // changed since install
+    EXPECT_EQ(f.company, "Soren Tempel <soeren+alpine@example.org>");
+    EXPECT_FALSE(f.verified);
+}
+
+TEST(Ownership, NormalizeAndCanon) {
+    EXPECT_EQ(normalize_path("/a/./b//../c/"), "/a/c");
+    EXPECT_EQ(normalize_path("/../../x"), "/x");
+    EXPECT_EQ(normalize_path(""), "/");
+    TempDir dir;
+    fs::create_directories(dir.path() + "/usr/lib/x");
+    fs::create_directory_symlink("usr/lib", dir.path() + "/lib");
+    fs::create_directory_symlink("/usr/lib/x", dir.path() + "/abs");  // absolute: inside the root
+    fs::create_directory_symlink("loop2", dir.path() + "/loop1");
+    fs::create_directory_symlink("loop1", dir.path() + "/loop2");
+    const HostRoot root(dir.path());
+    DirCanon c(root);
+    EXPECT_EQ(c.canon("/lib/x"), "/usr/lib/x");
+    EXPECT_EQ(c.canon("/abs"), "/usr/lib/x");
+    EXPECT_EQ(c.canon("/lib/../etc"), "/usr/etc");  // as the kernel walks it: through the link
+    c.canon("/loop1/x");                            // ends, whatever it answers
+}
+
+// A real package copied into a scratch root, one of its files changed: our
+// verdicts agree with debsums file by file.
+TEST(Ownership, ScratchCopyOfRealPackageAgreesWithDebsums) {
+    const std::string pkg = "gzip";
+    if (access(("/var/lib/dpkg/info/" + pkg + ".md5sums").c_str(), R_OK) != 0)
+        GTEST_SKIP() << "gzip not installed";
+    TempDir dir;
+    const std::string r = dir.path();
+    fs::create_directories(r + "/usr/bin");
+    fs::create_directories(r + "/usr/lib");
+    fs::create_directories(r + "/usr/sbin");
+    fs::create_directory_symlink("usr/bin", r + "/bin");
+    fs::create_directory_symlink("usr/lib", r + "/lib");
+    fs::create_directory_symlink("usr/sbin", r + "/sbin");
+    fs::create_directories(r + "/var/lib/dpkg/info");
+    for (const char* ext : {".list", ".md5sums"})
+        fs::copy_file("/var/lib/dpkg/info/" + pkg + ext, r + "/var/lib/dpkg/info/" + pkg + ext);
+    std::ofstream(r + "/var/lib/dpkg/status") << run("dpkg-query -s " + pkg);
+
+    std::string md5sums;
+    ASSERT_EQ(read_file("/var/lib/dpkg/info/" + pkg + ".md5sums", md5sums), 0);
+    std::vector<std::string> paths;
+    for (std::string_view line : split_lines(md5sums)) {
+        const std::string rel(line.substr(34));
+        fs::create_directories(fs::path(r + "/" + rel).parent_path());
+        fs::copy_file("/" + rel, r + "/" + rel);
+        paths.push_back("/" + rel);
+    }
+    ASSERT_GE(paths.size(), 3u);
+    const std::string changed = paths[1];
+    {
+        std::fstream f(r + changed, std::ios::in | std::ios::out | std::ios::binary);
+        char c;
+        f.seekg(10);
+        f.get(c);
+        f.seekp(10);
+        f.put(static_cast<char>(c ^ 1));
+    }
+    const std::string maintainer = run("dpkg-query -W -f '${Maintainer}' " + pkg);
+    const HostRoot root(r);
+    std::set<std::string> ours_failed, debsums_failed;
+    for (const std::string& p : paths) {
+        const FileFacts f = facts(root, p);
+        EXPECT_EQ(f.company, maintainer) << p;
+        EXPECT_FALSE(f.md5.empty()) << p;
+        if (!f.verified) ours_failed.insert(p);
+    }
+    EXPECT_EQ(ours_failed, std::set<std::string>{changed});
+    // The same file under its other name through bin -> usr/bin.
+    if (changed.rfind("/bin/", 0) == 0) {
+        EXPECT_FALSE(facts(root, "/usr" + changed).verified);
+    }
+    if (paths[0].rfind("/bin/", 0) == 0) {
+        EXPECT_TRUE(facts(root, "/usr" + paths[0]).verified);
+    }
+
+    if (system("command -v debsums >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "debsums not installed: no second opinion";
+    const std::string report = run("debsums -r '" + r + "' " + pkg + " 2>&1");
+    for (std::string_view line : split_lines(report)) {
+        const std::vector<std::string_view> w = split_ws(line);
+        if (w.size() == 2 && w[1] == "FAILED" && starts_with(w[0], r))
+            debsums_failed.insert(std::string(w[0].substr(r.size())));
+        if (w.size() == 2) {
+            EXPECT_TRUE(w[1] == "OK" || w[1] == "FAILED") << line;
+        }
+    }
+    EXPECT_EQ(ours_failed, debsums_failed) << report;
+}
+
+// libc as every process maps it: /usr/lib/..., while dpkg lists /lib/... on merged-/usr.
+TEST(Ownership, RealHostLibc) {
+    const std::string maps = run("grep -m1 -o '/[^ ]*libc\\.so\\.6' /proc/self/maps");
+    const std::string libc = std::string(trim(maps));
+    if (libc.empty() || access("/var/lib/dpkg/status", R_OK) != 0) GTEST_SKIP() << "no libc.so.6 or no dpkg";
+    const FileFacts f = facts(HostRoot("/"), libc);
+    EXPECT_FALSE(f.company.empty()) << libc;
+    EXPECT_TRUE(f.verified) << libc;
+    if (system("command -v debsums >/dev/null 2>&1") == 0) {
+        const std::string report = run("debsums -s libc6 2>&1");
+        EXPECT_TRUE(trim(report).empty()) << report;  // debsums agrees: nothing changed
+    }
+
+    // The index of the whole host stays small.
+    const auto index = package_index(HostRoot("/"));
+    ASSERT_TRUE(index);
+    EXPECT_GT(index->files(), 10000u);
+    EXPECT_LT(index->memory_bytes(), 32u << 20);
+    printf("host index: %zu packages, %zu files, %.1f MiB\n", index->packages(), index->files(),
+           index->memory_bytes() / 1048576.0);
+}
+
+// An rpm database made by rpm itself, with a package made by rpmbuild.
+TEST(Rpm, DatabaseMadeByRpm) {
+    if (system("command -v rpmbuild >/dev/null 2>&1 && command -v rpm >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "rpm/rpmbuild not installed";
+    TempDir dir;
+    const std::string top = dir.path() + "/build", root_dir = dir.path() + "/root";
+    fs::create_directories(top + "/SPECS");
+    fs::create_directories(root_dir + "/var/lib/rpm");
+    std::ofstream(top + "/SPECS/amtiny.spec") << R"(Name: amtiny
+Version: 1.2
+Release: 3
+Epoch: 2
+Summary: tiny test package
+License: MIT
+Vendor: Example Vendor Inc.
+Prefix: /opt/amtiny
+BuildArch: noarch
+%description
+tiny
+%install
+mkdir -p %{buildroot}/opt/amtiny/bin %{buildroot}/opt/amtiny/share
+printf 'hello tiny\n' > %{buildroot}/opt/amtiny/bin/tool
+printf 'data\n' > %{buildroot}/opt/amtiny/share/data.txt
+ln -s tool %{buildroot}/opt/amtiny/bin/tool-link
+%files
+/opt/amtiny
+)";
+    const std::string q = " --define '_topdir " + top + "' --define '_build_id_links none' ";
+    ASSERT_EQ(system(("rpmbuild" + q + "-bb " + top + "/SPECS/amtiny.spec >" + dir.path() + "/build.log 2>&1")
+                         .c_str()),
+              0)
+        << run("cat " + dir.path() + "/build.log");
+    ASSERT_EQ(system(("rpm --initdb --dbpath " + root_dir + "/var/lib/rpm").c_str()), 0);
+    ASSERT_EQ(
+        system(("rpm --root " + root_dir + " --dbpath /var/lib/rpm -i --nodeps --noscripts --notriggers " +
+                top + "/RPMS/noarch/amtiny-1.2-3.noarch.rpm 2>/dev/null")
+                   .c_str()),
+        0);
+    const time_t before = time(nullptr);
+    const HostRoot root(root_dir);
+    std::vector<AM::SysInstallPackageInfo> out;
+    ASSERT_EQ(collect_packages(root, out), 0);
+    ASSERT_EQ(out.size(), 1u);
+    const auto& p = out[0];
+    EXPECT_EQ(p.name, "amtiny");
+    EXPECT_EQ(p.version, "2:1.2");
+    EXPECT_EQ(p.release, "3");
+    EXPECT_EQ(p.type, "rpm");
+    EXPECT_EQ(p.summary, "tiny test package");
+    EXPECT_EQ(p.company, "Example Vendor Inc.");
+    EXPECT_EQ(p.installdir, "/opt/amtiny");
+    EXPECT_EQ(p.source, "amtiny-1.2-3.src.rpm");
+    EXPECT_EQ(p.size, 20u);  // 11 + 5 bytes of files, and a link counts its target's length (4)
+    EXPECT_LE(p.installtime, format_time(before + 5));
+    EXPECT_GE(p.installtime, format_time(before - 600));
+
+    FileFacts f = facts(root, "/opt/amtiny/bin/tool");
+    EXPECT_EQ(f.company, "Example Vendor Inc.");
+    EXPECT_TRUE(f.verified);
+    std::ofstream(root_dir + "/opt/amtiny/share/data.txt") << "DATA\n";
+    f = facts(root, "/opt/amtiny/share/data.txt");
+    EXPECT_EQ(f.company, "Example Vendor Inc.");
+    EXPECT_FALSE(f.verified);
+    EXPECT_NE(run("rpm --root " + root_dir + " --dbpath /var/lib/rpm -V amtiny 2>/dev/null").find("data.txt"),
+              std::string::npos);
+    EXPECT_EQ(facts(root, "/opt/other").company, "");
+}
+
+// After an upgrade the next asks see the new database, not the old index.
+TEST(Ownership, IndexFollowsDatabaseChanges) {
+    TempDir dir;
+    fs::copy(kFixtures + "/dpkg_root", dir.path(),
+             fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    const HostRoot root(dir.path());
+    EXPECT_FALSE(facts(root, "/usr/bin/nativetool").verified);
+    const std::string md5 = run("md5sum '" + dir.path() + "/usr/bin/nativetool'").substr(0, 32);
+    std::ofstream(dir.path() + "/var/lib/dpkg/info/nativetool.md5sums") << md5 << "  usr/bin/nativetool\n";
+    std::ofstream(dir.path() + "/var/lib/dpkg/status", std::ios::app) << "\n";
+    sleep(3);  // the databases are looked at again at most every 2 seconds
+    EXPECT_TRUE(facts(root, "/usr/bin/nativetool").verified);
+}
