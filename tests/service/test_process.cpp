@@ -329,13 +329,22 @@ TEST(ProcessFixture, MissingProc) {
     EXPECT_TRUE(out.empty());
     r.write("proc", "not a directory");
     EXPECT_EQ(collect_processes(HostRoot(r.path()), out), -ENOENT);
-    if (geteuid() != 0) {  // root reads a mode-000 directory anyway
-        TempRoot r2;
-        fs::create_directories(r2.path() + "/proc/1");
-        chmod((r2.path() + "/proc").c_str(), 0);
-        EXPECT_EQ(collect_processes(HostRoot(r2.path()), out), -EACCES);
-        chmod((r2.path() + "/proc").c_str(), 0755);
+    // An unreadable /proc; root reads a mode-000 directory anyway, so the
+    // check runs in a child that gave up root.
+    TempRoot r2;
+    fs::create_directories(r2.path() + "/proc/1");
+    chmod(r2.path().c_str(), 0755);
+    chmod((r2.path() + "/proc").c_str(), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0) _exit(2);
+        std::vector<AM::ProcessInfo> list;
+        _exit(collect_processes(HostRoot(r2.path()), list) == -EACCES ? 0 : 1);
     }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    chmod((r2.path() + "/proc").c_str(), 0755);
 }
 
 TEST(ProcessFixture, ArgumentBudget) {
