@@ -269,10 +269,8 @@ TEST(ProcessFixture, HostileTree) {
     r.link("100", "proc/500");
 
     std::vector<AM::ProcessInfo> out(3);  // replaced, not appended to
-    const auto t0 = std::chrono::steady_clock::now();
+    // A read blocking on the FIFO or endless on /dev/zero would never return.
     ASSERT_EQ(collect_processes(HostRoot(r.path()), out), 0);
-    const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    EXPECT_LT(secs, 5.0);  // a hang on the FIFO or /dev/zero would never return
 
     ASSERT_EQ(out.size(), 3u);
     EXPECT_EQ(out[0].pid, 2);
