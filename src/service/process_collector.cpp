@@ -1,10 +1,379 @@
+// Processes of the host from /proc under the host root: one record per
+// process with what can be read of it, and its executable and mapped
+// executable files with their digests.
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+#include <unordered_map>
 
 #include "collectors.h"
+#include "file_facts.h"
+#include "process_parse.h"
 
 namespace amsvc {
 
-// Not collected yet.
-int32_t collect_processes(const HostRoot&, std::vector<AM::ProcessInfo>&) { return -ENOSYS; }
+namespace {
+
+// Caps per file: a hostile process can make its command line or environment
+// as large as the stack limit allows; a few MiB of maps cover any real process.
+constexpr size_t kMaxSmall = 64u << 10;  // stat, status, /proc/stat
+constexpr size_t kMaxArgs = 1u << 20;    // cmdline, environ
+// Once this much command line and environment text has been kept, later
+// processes keep at most kMaxArgsTight of each, so a host full of huge
+// environments cannot balloon the result.
+constexpr size_t kArgsBudget = 32u << 20;
+constexpr size_t kMaxArgsTight = 64u << 10;
+constexpr size_t kMaxMaps = 16u << 20;
+
+// A read buffer reused for every /proc file of a collection, so reading a
+// process costs no allocation once the buffer has grown.
+class Buffer {
+public:
+    std::string_view view() const { return std::string_view(data_.get(), len_); }
+
+    // Reads `name` relative to `dirfd`, at most `max` bytes, only if it is a
+    // regular file. On procfs (`trusted`) the type check is skipped: its pid
+    // files are all regular. `short_is_eof`: the file hands out everything it
+    // has in one read, so a short read ends it (saves a read per file).
+    // Returns 0 or a negative errno.
+    int read_at(int dirfd, const char* name, size_t max, bool trusted, bool short_is_eof) {
+        len_ = 0;
+        const int fd = ::openat(dirfd, name, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW);
+        if (fd < 0) return -errno;
+        struct stat st;
+        if (!trusted && (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+            ::close(fd);
+            return -EINVAL;
+        }
+        int rc = 0;
+        while (len_ < max) {
+            if (len_ == cap_) grow(std::min(max, std::max<size_t>(cap_ * 2, 8192)));
+            const size_t want = std::min(cap_, max) - len_;
+            const ssize_t n = ::read(fd, data_.get() + len_, want);
+            if (n < 0) {
+                if (errno == EINTR) continue;
+                if (len_ == 0) rc = -errno;
+                break;
+            }
+            if (n == 0) break;
+            len_ += static_cast<size_t>(n);
+            if (short_is_eof && static_cast<size_t>(n) < want) break;
+        }
+        ::close(fd);
+        return rc;
+    }
+
+private:
+    void grow(size_t cap) {
+        std::unique_ptr<char[]> p(new char[cap]);
+        if (len_) std::memcpy(p.get(), data_.get(), len_);
+        data_ = std::move(p);
+        cap_ = cap;
+    }
+
+    std::unique_ptr<char[]> data_;
+    size_t cap_ = 0;
+    size_t len_ = 0;
+};
+
+std::string read_link_at(int dirfd, const char* name) {
+    char buf[4096];
+    const ssize_t n = ::readlinkat(dirfd, name, buf, sizeof buf);
+    if (n <= 0 || static_cast<size_t>(n) >= sizeof buf) return std::string();
+    return std::string(buf, static_cast<size_t>(n));
+}
+
+class Fd {
+public:
+    explicit Fd(int fd) : fd_(fd) {}
+    ~Fd() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+std::vector<int32_t> list_pids(int procfd) {
+    std::vector<int32_t> pids;
+    const int dfd = ::dup(procfd);
+    if (dfd < 0) return pids;
+    DIR* d = ::fdopendir(dfd);
+    if (!d) {
+        ::close(dfd);
+        return pids;
+    }
+    while (struct dirent* e = ::readdir(d)) {
+        int64_t v = 0;
+        if (e->d_name[0] < '1' || e->d_name[0] > '9' || !parse_i64(e->d_name, v) || v > INT32_MAX) continue;
+        pids.push_back(static_cast<int32_t>(v));
+    }
+    ::closedir(d);
+    std::sort(pids.begin(), pids.end());
+    return pids;
+}
+
+std::string basename_of(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// Distinct module files of a whole collection: each file is hashed once even
+// when hundreds of processes map it.
+class ModuleFiles {
+public:
+    size_t add(std::string key, FileRef ref) {
+        auto it = index_.find(key);
+        if (it != index_.end()) return it->second;
+        const size_t i = refs_.size();
+        refs_.push_back(std::move(ref));
+        index_.emplace(std::move(key), i);
+        return i;
+    }
+    const std::vector<FileRef>& refs() const { return refs_; }
+
+private:
+    std::unordered_map<std::string, size_t> index_;
+    std::vector<FileRef> refs_;
+};
+
+std::string dev_ino_key(char kind, uint64_t dev, uint64_t ino) {
+    std::string key(1, kind);
+    key += std::to_string(dev);
+    key += ':';
+    key += std::to_string(ino);
+    return key;
+}
+
+struct Pending {
+    std::vector<std::pair<std::string, size_t>> modules;  // shown path, index into ModuleFiles
+};
+
+class Collector {
+public:
+    explicit Collector(const HostRoot& root) : root_(root) {
+        const long t = ::sysconf(_SC_CLK_TCK);
+        clk_tck_ = t > 0 ? t : 100;
+    }
+
+    int32_t run(std::vector<AM::ProcessInfo>& out) {
+        out.clear();
+        const std::string proc = root_.path("/proc");
+        Fd procfd(::open(proc.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (procfd.get() < 0) {
+            const int e = errno;
+            if (e == ENOENT || e == ENOTDIR) return -ENOENT;
+            if (e == EACCES || e == EPERM) return -EACCES;
+            return -EIO;
+        }
+        proc_prefix_ = proc;
+        struct statfs sfs;
+        procfs_ = ::fstatfs(procfd.get(), &sfs) == 0 && sfs.f_type == PROC_SUPER_MAGIC;
+        if (read(procfd.get(), "stat", kMaxSmall, false) == 0)
+            have_btime_ = procfs::parse_btime(buf_.view(), btime_);
+
+        const std::vector<int32_t> pids = list_pids(procfd.get());
+        std::vector<Pending> pending;
+        out.reserve(pids.size());
+        pending.reserve(pids.size());
+        for (int32_t pid : pids) {
+            AM::ProcessInfo rec;
+            Pending mods;
+            if (!read_process(procfd.get(), pid, rec, mods)) continue;
+            out.push_back(std::move(rec));
+            pending.push_back(std::move(mods));
+        }
+
+        const std::vector<FileFacts> facts = file_facts_many(root_, files_.refs());
+        for (size_t i = 0; i < out.size(); ++i) {
+            std::vector<AM::ProcessModuleInfo>& mods = out[i].modules;
+            mods.reserve(pending[i].modules.size());
+            for (auto& pm : pending[i].modules) {
+                AM::ProcessModuleInfo m;
+                m.path = std::move(pm.first);
+                m.verified = false;
+                if (pm.second < facts.size()) {
+                    const FileFacts& f = facts[pm.second];
+                    m.md5 = f.md5;
+                    m.sha256 = f.sha256;
+                    m.company = f.company;
+                    m.verified = f.verified;
+                }
+                mods.push_back(std::move(m));
+            }
+        }
+        return 0;
+    }
+
+private:
+    // False when the process is gone; otherwise fills what can be read.
+    bool read_process(int procfd, int32_t pid, AM::ProcessInfo& rec, Pending& mods) {
+        const std::string pidname = std::to_string(pid);
+        Fd dir(::openat(procfd, pidname.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+        if (dir.get() < 0) return false;
+        const int dfd = dir.get();
+
+        rec.pid = pid;
+        rec.ppid = 0;
+        procfs::Stat st;
+        bool have_stat = false;
+        const int src = read(dfd, "stat", kMaxSmall, true);
+        if (src == -ENOENT || src == -ESRCH) return false;  // exited since the listing
+        if (src == 0) have_stat = procfs::parse_stat(buf_.view(), st);
+        if (src == 0) {
+            rec.name = st.comm;  // parse_stat keeps the name even when later fields are bad
+        }
+        if (have_stat) {
+            rec.ppid = st.ppid >= 0 && st.ppid <= INT32_MAX ? static_cast<int32_t>(st.ppid) : 0;
+            if (have_btime_)
+                rec.stime = format_time(static_cast<time_t>(
+                    btime_ + static_cast<int64_t>(st.starttime / static_cast<uint64_t>(clk_tck_))));
+            rec.rtime = procfs::format_cpu_time(st.utime + st.stime, clk_tck_);
+        }
+
+        uint32_t uid = 0;
+        if (read(dfd, "status", kMaxSmall, true) == 0 && procfs::parse_status_uid(buf_.view(), uid))
+            rec.user = user_of(uid);
+
+        if (read(dfd, "cmdline", args_cap(), true) == 0) rec.cmd_line = procfs::join_nul(buf_.view(), ' ');
+        args_kept_ += rec.cmd_line.size();
+
+        // Kernel threads have no executable, environment or mappings.
+        if (have_stat && (st.flags & procfs::kPfKthread)) return true;
+
+        if (read(dfd, "environ", args_cap(), true) == 0) rec.env = procfs::join_nul(buf_.view(), '\n');
+        args_kept_ += rec.env.size();
+        rec.path = read_link_at(dfd, "exe");
+        rec.current_dir = read_link_at(dfd, "cwd");
+        if (rec.name.empty() && !rec.path.empty()) {
+            std::string bare = rec.path;
+            procfs::strip_deleted(bare);
+            rec.name = basename_of(bare);
+        }
+
+        // Files a process maps are opened through its own root, so a process
+        // in a container is hashed from its own file system.
+        struct stat rootst;
+        std::string root_key;
+        if (::fstatat(dfd, "root", &rootst, 0) == 0)
+            root_key = dev_ino_key('r', rootst.st_dev, rootst.st_ino);
+        else
+            root_key = "p" + pidname;
+        root_key += '\0';
+        const std::string pid_prefix = proc_prefix_ + "/" + pidname;
+
+        if (!rec.path.empty()) {
+            std::string bare = rec.path;
+            FileRef ref;
+            if (procfs::strip_deleted(bare)) {
+                struct stat est;
+                std::string key = ::fstatat(dfd, "exe", &est, 0) == 0
+                                      ? dev_ino_key('d', est.st_dev, est.st_ino)
+                                      : "e" + pidname;
+                ref.host_path = bare;
+                ref.open_path = pid_prefix + "/exe";
+                mods.modules.emplace_back(rec.path, files_.add(std::move(key), std::move(ref)));
+            } else {
+                ref.host_path = bare;
+                ref.open_path = pid_prefix + "/root" + bare;
+                ref.no_follow = true;
+                mods.modules.emplace_back(rec.path, files_.add(root_key + bare, std::move(ref)));
+            }
+        }
+
+        if (!read_maps(dfd)) return true;
+        for (procfs::Mapping& m : maps_) {
+            if (m.path == rec.path) continue;
+            std::string bare = m.path;
+            procfs::strip_deleted(bare);
+            FileRef ref;
+            ref.host_path = bare;
+            std::string key;
+            if (m.deleted) {
+                key = dev_ino_key('d', makedev(m.dev_major, m.dev_minor), m.inode);
+                ref.open_path = pid_prefix + "/map_files/" + procfs::map_files_name(m.start, m.end);
+            } else {
+                key = root_key + bare;
+                ref.open_path = pid_prefix + "/root" + bare;
+                ref.no_follow = true;
+            }
+            mods.modules.emplace_back(std::move(m.path), files_.add(std::move(key), std::move(ref)));
+        }
+        return true;
+    }
+
+    // Executable file-backed mappings into maps_: by query on a kernel that
+    // has it, else by parsing the text. False when maps is unreadable.
+    bool read_maps(int dfd) {
+        maps_.clear();
+        if (procfs_ && use_query_) {
+            Fd fd(::openat(dfd, "maps", O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+            if (fd.get() < 0) return false;
+            const int rc = procfs::query_maps(fd.get(), maps_);
+            if (rc == 0) return true;
+            if (rc == -ENOTTY || rc == -EINVAL) use_query_ = false;  // not on this kernel
+        }
+        if (read(dfd, "maps", kMaxMaps, false) != 0) return false;
+        maps_ = procfs::parse_maps(buf_.view());
+        return true;
+    }
+
+    size_t args_cap() const { return args_kept_ < kArgsBudget ? kMaxArgs : kMaxArgsTight; }
+
+    int read(int dirfd, const char* name, size_t max, bool short_is_eof) {
+        return buf_.read_at(dirfd, name, max, procfs_, short_is_eof);
+    }
+
+    std::string user_of(uint32_t uid) {
+        auto it = users_.find(uid);
+        if (it != users_.end()) return it->second;
+        std::string name = user_name(root_, static_cast<uid_t>(uid));
+        if (name.empty()) name = std::to_string(uid);
+        users_.emplace(uid, name);
+        return name;
+    }
+
+    const HostRoot& root_;
+    long clk_tck_ = 100;
+    bool procfs_ = false;  // a real procfs, not a fixture tree
+    bool use_query_ = true;
+    size_t args_kept_ = 0;
+    std::vector<procfs::Mapping> maps_;
+    bool have_btime_ = false;
+    int64_t btime_ = 0;
+    std::string proc_prefix_;
+    Buffer buf_;
+    ModuleFiles files_;
+    std::unordered_map<uint32_t, std::string> users_;
+};
+
+}  // namespace
+
+int32_t collect_processes(const HostRoot& root, std::vector<AM::ProcessInfo>& out) {
+    try {
+        Collector c(root);
+        return c.run(out);
+    } catch (const std::bad_alloc&) {
+        out.clear();
+        return -ENOMEM;
+    } catch (...) {
+        out.clear();
+        return -EIO;
+    }
+}
 
 }  // namespace amsvc

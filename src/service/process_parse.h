@@ -1,0 +1,73 @@
+// Parsers of the /proc texts the process collector reads. Text in, values out:
+// no I/O, no exceptions for bad input (only bad_alloc can escape).
+#ifndef ASSETMAN_SERVICE_PROCESS_PARSE_H
+#define ASSETMAN_SERVICE_PROCESS_PARSE_H
+
+#include <stdint.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace amsvc {
+namespace procfs {
+
+// Per-process flag of kernel threads (include/linux/sched.h).
+constexpr uint64_t kPfKthread = 0x00200000;
+
+// The fields of /proc/<pid>/stat the collector uses.
+struct Stat {
+    std::string comm;  // between the first '(' and the LAST ')'; may hold any byte
+    char state = '?';
+    int64_t ppid = 0;
+    uint64_t flags = 0;      // field 9
+    uint64_t utime = 0;      // field 14, clock ticks
+    uint64_t stime = 0;      // field 15, clock ticks
+    uint64_t starttime = 0;  // field 22, clock ticks after boot
+};
+
+// False when the text is too short or a needed field is not a number; `out`
+// then holds whatever was parsed before the fault.
+bool parse_stat(std::string_view text, Stat& out);
+
+// Real uid from the "Uid:" line of /proc/<pid>/status.
+bool parse_status_uid(std::string_view text, uint32_t& uid);
+
+// "btime" of /proc/stat: boot time in seconds since the epoch.
+bool parse_btime(std::string_view text, int64_t& btime);
+
+// NUL-separated list (cmdline, environ) to one text: NULs between items become
+// `sep`, trailing NULs are dropped. Other bytes pass unchanged.
+std::string join_nul(std::string_view raw, char sep);
+
+// One distinct file-backed executable mapping of /proc/<pid>/maps.
+struct Mapping {
+    std::string path;  // as the kernel prints it, " (deleted)" included
+    bool deleted = false;
+    uint64_t start = 0, end = 0;  // first range that maps the file
+    uint64_t dev_major = 0, dev_minor = 0, inode = 0;
+};
+
+// Executable ('x' in perms) mappings whose pathname is absolute, in order of
+// first appearance, one per path. Malformed lines are skipped.
+std::vector<Mapping> parse_maps(std::string_view text);
+
+// The same list through the PROCMAP_QUERY ioctl on an open /proc/<pid>/maps
+// (Linux 6.11+), which hands out only executable file-backed mappings instead
+// of formatting every mapping as text. Returns 0, or a negative errno: -ENOTTY
+// or -EINVAL where the kernel (or a fixture file) lacks it.
+int query_maps(int maps_fd, std::vector<Mapping>& out);
+
+// Name of a mapping's entry in /proc/<pid>/map_files ("7f00-7f10": no padding).
+std::string map_files_name(uint64_t start, uint64_t end);
+
+// True (and the suffix removed from `path`) when it ends in " (deleted)".
+bool strip_deleted(std::string& path);
+
+// Clock ticks as "HH:MM:SS"; hours grow past two digits when they need to.
+std::string format_cpu_time(uint64_t ticks, long ticks_per_second);
+
+}  // namespace procfs
+}  // namespace amsvc
+
+#endif

@@ -1,0 +1,560 @@
+// Process collector: parsers on fixture text, a fixture /proc tree with
+// hostile entries, and the live host compared with ps.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "collectors.h"
+#include "common.h"
+#include "process_parse.h"
+
+namespace fs = std::filesystem;
+using namespace amsvc;
+using namespace amsvc::procfs;
+
+namespace {
+
+const char kSleepStat[] =
+    "4242 (sleep) S 100 4242 100 34816 4242 4194304 100 0 0 0 250 130 0 0 20 0 1 0 123456 8413184 208 "
+    "18446744073709551615 1 1 0 0 0 0 0 0 0 0 0 0 17 1 0 0 0 0 0 0 0 0 0 0 0 0 0\n";
+
+TEST(ProcessParse, Stat) {
+    Stat st;
+    ASSERT_TRUE(parse_stat(kSleepStat, st));
+    EXPECT_EQ(st.comm, "sleep");
+    EXPECT_EQ(st.state, 'S');
+    EXPECT_EQ(st.ppid, 100);
+    EXPECT_EQ(st.flags, 4194304u);
+    EXPECT_EQ(st.utime, 250u);
+    EXPECT_EQ(st.stime, 130u);
+    EXPECT_EQ(st.starttime, 123456u);
+
+    // A name made to look like the end of the name and more fields.
+    const std::string hostile =
+        "7 (a) (b) S 9 9 9 0 -1 2097152 0 0 0 0 1 2 0 0 20 0 1 0 77 0 0\n"
+        "x) R 55 7 7 0 -1 64 0 0 0 0 3 4 0 0 20 0 1 0 88 0 0\n";
+    // Everything up to the LAST ')' is the name, including the newline.
+    ASSERT_TRUE(parse_stat(hostile, st));
+    EXPECT_EQ(st.comm.substr(0, 6), "a) (b)");
+    EXPECT_NE(st.comm.find('\n'), std::string::npos);
+    EXPECT_EQ(st.state, 'R');
+    EXPECT_EQ(st.ppid, 55);
+    EXPECT_EQ(st.flags, 64u);
+    EXPECT_EQ(st.starttime, 88u);
+
+    ASSERT_TRUE(parse_stat("5 ( sp ace ) S 1 0 0 0 0 2097216 0 0 0 0 0 0 0 0 0 0 0 0 9", st));
+    EXPECT_EQ(st.comm, " sp ace ");
+    EXPECT_TRUE(st.flags & kPfKthread);
+
+    // NUL and invalid UTF-8 in the name: cut at NUL, other bytes kept.
+    const std::string odd =
+        std::string("6 (ab\xff\xfe") + '\0' + "zz) S 1 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 9";
+    ASSERT_TRUE(parse_stat(odd, st));
+    EXPECT_EQ(st.comm, "ab\xff\xfe");
+}
+
+TEST(ProcessParse, StatMalformed) {
+    Stat st;
+    EXPECT_FALSE(parse_stat("", st));
+    EXPECT_FALSE(parse_stat("12 (x", st));
+    EXPECT_FALSE(parse_stat("12 x) S 1", st));  // truncated after ppid
+    EXPECT_FALSE(parse_stat(")12 (x S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20", st));
+    // Truncated in the middle: the name survives for a partial record.
+    std::string cut(kSleepStat, 60);
+    EXPECT_FALSE(parse_stat(cut, st));
+    EXPECT_EQ(st.comm, "sleep");
+    EXPECT_FALSE(parse_stat("1 (x) S -1x 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 9", st));
+    EXPECT_FALSE(parse_stat("1 (x) S 1 0 0 0 0 99999999999999999999999 0 0 0 0 0 0 0 0 0 0 0 0 9", st));
+}
+
+TEST(ProcessParse, StatusAndBtime) {
+    uint32_t uid = 7;
+    EXPECT_TRUE(parse_status_uid("Name:\tx\nUmask:\t0022\nUid:\t1000\t0\t0\t0\nGid:\t5\t5\t5\t5\n", uid));
+    EXPECT_EQ(uid, 1000u);  // real uid, not the effective 0
+    EXPECT_FALSE(parse_status_uid("Name:\tx\nGid:\t0\n", uid));
+    EXPECT_FALSE(parse_status_uid("Uid:\t-1\t0\n", uid));
+    EXPECT_FALSE(parse_status_uid("Uid:\t99999999999\n", uid));
+    EXPECT_FALSE(parse_status_uid("Uid:", uid));
+
+    int64_t bt = 0;
+    EXPECT_TRUE(parse_btime("cpu  1 2 3\nintr 5\nbtime 1700000000\nprocesses 9\n", bt));
+    EXPECT_EQ(bt, 1700000000);
+    EXPECT_FALSE(parse_btime("cpu 1\nbtimex 5\n", bt));
+    EXPECT_FALSE(parse_btime("btime junk\n", bt));
+}
+
+TEST(ProcessParse, JoinNul) {
+    EXPECT_EQ(join_nul(std::string_view("sleep\0"
+                                        "600\0",
+                                        10),
+                       ' '),
+              "sleep 600");
+    EXPECT_EQ(join_nul(std::string_view("a\0\0b\0\0\0", 7), ' '), "a  b");
+    EXPECT_EQ(join_nul(std::string_view("A=1\0B=x y\0", 10), '\n'), "A=1\nB=x y");
+    EXPECT_EQ(join_nul("rewritten title: no nul", ' '), "rewritten title: no nul");
+    EXPECT_EQ(join_nul(std::string_view("\0\0", 2), ' '), "");
+    EXPECT_EQ(join_nul("\xff\xfe", ' '), "\xff\xfe");
+}
+
+TEST(ProcessParse, Maps) {
+    const std::string maps =
+        "00400000-00452000 r-xp 00000000 08:02 173521      /usr/bin/my prog\n"
+        "00651000-00652000 rw-p 00051000 08:02 173521      /usr/bin/my prog\n"
+        "7f10-7f20 r--p 00000000 fe:00 10 /usr/lib/data.so\n"  // not executable
+        "7f20-7f30 r-xp 00000000 fe:00 11 /usr/lib/libc.so.6\n"
+        "7f30-7f40 r-xp 00010000 fe:00 11 /usr/lib/libc.so.6\n"  // same file again
+        "7f40-7f50 r-xp 00000000 00:05 99 /tmp/old.so (deleted)\n"
+        "7f50-7f60 r-xp 00000000 00:00 0 \n"
+        "7f60-7f70 r-xp 00000000 00:00 0                  [vdso]\n"
+        "7f70-7f80 r-xp 00000000 00:00 0                  [vsyscall]\n"
+        "7f80-7f90 r-xp 00000000 00:01 5 /memfd:jit (deleted)\n"
+        "7f90-7fa0 r-xp 00000000 fe:00 12 relative/path.so\n"
+        "garbage line\n"
+        "zz-7fb0 r-xp 00000000 fe:00 13 /bad/range.so\n"
+        "7fb0-7fc0 r-x 00000000 fe:00 14 /short/perms.so\n"
+        "7fc0-7fd0 r-xp 0 fe:00 15 /no/newline.so";
+    const std::vector<Mapping> m = parse_maps(maps);
+    ASSERT_EQ(m.size(), 5u);
+    EXPECT_EQ(m[0].path, "/usr/bin/my prog");
+    EXPECT_EQ(m[0].start, 0x400000u);
+    EXPECT_EQ(m[0].inode, 173521u);
+    EXPECT_EQ(m[0].dev_major, 8u);
+    EXPECT_EQ(m[1].path, "/usr/lib/libc.so.6");
+    EXPECT_EQ(m[1].start, 0x7f20u);  // first range of the file
+    EXPECT_EQ(m[2].path, "/tmp/old.so (deleted)");
+    EXPECT_TRUE(m[2].deleted);
+    EXPECT_FALSE(m[1].deleted);
+    EXPECT_EQ(m[3].path, "/memfd:jit (deleted)");
+    EXPECT_EQ(m[4].path, "/no/newline.so");
+    EXPECT_TRUE(parse_maps("").empty());
+    EXPECT_TRUE(parse_maps("\n\n\n").empty());
+
+    EXPECT_EQ(map_files_name(0x400000, 0x452000), "400000-452000");  // no zero padding
+    std::string p = "/a (deleted)";
+    EXPECT_TRUE(strip_deleted(p));
+    EXPECT_EQ(p, "/a");
+    EXPECT_FALSE(strip_deleted(p));
+
+    EXPECT_EQ(format_cpu_time(0, 100), "00:00:00");
+    EXPECT_EQ(format_cpu_time(100 * 3723 + 99, 100), "01:02:03");
+    EXPECT_EQ(format_cpu_time(100ull * 3600 * 150, 100), "150:00:00");
+}
+
+TEST(ProcessParse, QueryMatchesText) {
+    // The ioctl and the text must name the same files in the same order.
+    std::string text;
+    ASSERT_EQ(read_file("/proc/self/maps", text), 0);
+    const std::vector<Mapping> parsed = parse_maps(text);
+    const int fd = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    std::vector<Mapping> queried;
+    const int rc = query_maps(fd, queried);
+    close(fd);
+    if (rc == -ENOTTY || rc == -EINVAL) GTEST_SKIP() << "kernel without PROCMAP_QUERY";
+    ASSERT_EQ(rc, 0);
+    ASSERT_EQ(queried.size(), parsed.size());
+    for (size_t i = 0; i < parsed.size(); ++i) {
+        EXPECT_EQ(queried[i].path, parsed[i].path);
+        EXPECT_EQ(queried[i].start, parsed[i].start);
+        EXPECT_EQ(queried[i].end, parsed[i].end);
+        EXPECT_EQ(queried[i].inode, parsed[i].inode);
+        EXPECT_EQ(queried[i].dev_major, parsed[i].dev_major);
+    }
+    const int nfd = open("/etc/hostname", O_RDONLY | O_CLOEXEC);
+    if (nfd >= 0) {
+        EXPECT_LT(query_maps(nfd, queried), 0);  // not a maps file: the caller falls back to the text
+        EXPECT_TRUE(queried.empty());
+        close(nfd);
+    }
+}
+
+// --- fixture /proc tree ----------------------------------------------------
+
+class TempRoot {
+public:
+    TempRoot() {
+        char tmpl[] = "/tmp/amproc.XXXXXX";
+        const char* d = mkdtemp(tmpl);
+        if (d) path_ = d;
+    }
+    ~TempRoot() {
+        std::error_code ec;
+        fs::remove_all(path_, ec);
+    }
+    const std::string& path() const { return path_; }
+    void write(const std::string& rel, const std::string& data) {
+        fs::create_directories(fs::path(path_ + "/" + rel).parent_path());
+        std::ofstream(path_ + "/" + rel, std::ios::binary) << data;
+    }
+    void link(const std::string& target, const std::string& rel) {
+        fs::create_directories(fs::path(path_ + "/" + rel).parent_path());
+        fs::create_symlink(target, path_ + "/" + rel);
+    }
+
+private:
+    std::string path_;
+};
+
+std::string stat_line(int pid, const std::string& comm, int ppid, unsigned flags, unsigned long start) {
+    return std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid) + " 1 1 0 -1 " +
+           std::to_string(flags) + " 0 0 0 0 360000 6000 0 0 20 0 1 0 " + std::to_string(start) + " 0 0\n";
+}
+
+const AM::ProcessInfo* find_pid(const std::vector<AM::ProcessInfo>& list, int pid) {
+    for (const auto& p : list)
+        if (p.pid == pid) return &p;
+    return nullptr;
+}
+
+TEST(ProcessFixture, HostileTree) {
+    TempRoot r;
+    ASSERT_FALSE(r.path().empty());
+    r.write("etc/passwd", "root:x:0:0::/root:/bin/sh\nalice:x:1000:1000::/home/alice:/bin/sh\n");
+    r.write("proc/stat", "cpu 1 2 3\nbtime 1700000000\n");
+    r.write("usr/bin/app", "binary");
+    fs::create_directories(r.path() + "/usr/lib");
+    ASSERT_EQ(mkfifo((r.path() + "/usr/lib/fifo.so").c_str(), 0644), 0);
+    r.link("/dev/zero", "usr/lib/zero.so");
+    const bool have_node = mknod((r.path() + "/usr/lib/node.so").c_str(), S_IFCHR | 0644, makedev(1, 5)) == 0;
+
+    // 100: a user process mapping a FIFO and a link to /dev/zero as libraries.
+    r.write("proc/100/stat", stat_line(100, "my app) (x", 1, 0, 12345));
+    r.write("proc/100/status", "Name:\tapp\nUid:\t1000\t0\t0\t0\n");
+    r.write("proc/100/cmdline", std::string("/usr/bin/app\0--flag\0", 20));
+    r.write("proc/100/environ", std::string("HOME=/home/alice\0LANG=C\0", 24));
+    r.link("/usr/bin/app", "proc/100/exe");
+    r.link("/home/alice", "proc/100/cwd");
+    r.link(r.path(), "proc/100/root");
+    r.write("proc/100/maps",
+            "1000-2000 r-xp 00000000 fe:00 1 /usr/bin/app\n"
+            "2000-3000 r-xp 00000000 fe:00 2 /usr/lib/fifo.so\n"
+            "3000-4000 r-xp 00000000 fe:00 3 /usr/lib/zero.so\n"
+            "4000-5000 r-xp 00000000 00:00 0 [vdso]\n"
+            "5000-6000 r-xp 00000000 fe:00 2 /usr/lib/fifo.so\n"
+            "5800-5900 r-xp 00000000 fe:00 4 /usr/lib/node.so\n"
+            "00006000-00007000 r-xp 00000000 fe:00 9 /usr/lib/gone.so (deleted)\n");
+    // A deleted library is read through map_files, named without zero padding.
+    r.write("gone-inode", "gone");
+    r.link(r.path() + "/gone-inode", "proc/100/map_files/6000-7000");
+    // 2: a kernel thread.
+    r.write("proc/2/stat", stat_line(2, "kthreadd", 0, 0x208040, 1));
+    r.write("proc/2/status", "Uid:\t0\t0\t0\t0\n");
+    r.write("proc/2/cmdline", "");
+    // 300: unknown uid, 10 MB command line, stat truncated, files unreadable.
+    r.write("proc/300/stat", "300 (big) S 1 1");
+    r.write("proc/300/status", "Uid:\t4242\t4242\t4242\t4242\n");
+    r.write("proc/300/cmdline", std::string(10u << 20, 'a'));
+    mkfifo((r.path() + "/proc/300/environ").c_str(), 0644);
+    r.link("/dev/zero", "proc/300/maps");
+    // 400: gone between the listing and the read (empty directory).
+    fs::create_directories(r.path() + "/proc/400");
+    // Not processes.
+    fs::create_directories(r.path() + "/proc/self");
+    fs::create_directories(r.path() + "/proc/0123");
+    r.link("100", "proc/500");
+
+    std::vector<AM::ProcessInfo> out(3);  // replaced, not appended to
+    // A read blocking on the FIFO or endless on /dev/zero would never return.
+    ASSERT_EQ(collect_processes(HostRoot(r.path()), out), 0);
+
+    ASSERT_EQ(out.size(), 3u);
+    EXPECT_EQ(out[0].pid, 2);
+    EXPECT_EQ(out[1].pid, 100);
+    EXPECT_EQ(out[2].pid, 300);
+
+    const AM::ProcessInfo& k = out[0];
+    EXPECT_EQ(k.name, "kthreadd");
+    EXPECT_EQ(k.user, "root");
+    EXPECT_EQ(k.cmd_line, "");
+    EXPECT_TRUE(k.modules.empty());
+    EXPECT_EQ(k.stime, "2023-11-14 22:13:20");
+
+    const AM::ProcessInfo& a = out[1];
+    EXPECT_EQ(a.user, "alice");
+    EXPECT_EQ(a.ppid, 1);
+    EXPECT_EQ(a.name, "my app) (x");
+    EXPECT_EQ(a.stime, format_time(1700000000 + 123));
+    EXPECT_EQ(a.rtime, "01:01:00");
+    EXPECT_EQ(a.cmd_line, "/usr/bin/app --flag");
+    EXPECT_EQ(a.env, "HOME=/home/alice\nLANG=C");
+    EXPECT_EQ(a.path, "/usr/bin/app");
+    EXPECT_EQ(a.current_dir, "/home/alice");
+    ASSERT_EQ(a.modules.size(), 5u);
+    EXPECT_EQ(a.modules[0].path, "/usr/bin/app");
+    EXPECT_EQ(a.modules[0].md5, "9d7183f16acce70658f686ae7f1a4d20");  // read through /proc/100/root
+    EXPECT_EQ(a.modules[3].path, "/usr/lib/node.so");                 // a character device (or nothing)
+    EXPECT_EQ(a.modules[3].md5, "") << have_node;
+    EXPECT_EQ(a.modules[4].path, "/usr/lib/gone.so (deleted)");
+    EXPECT_EQ(a.modules[4].md5, "50c1f58be7f5e47e0f53d64c094783c2");
+    EXPECT_EQ(a.modules[4].sha256, "283bb9deef02e6843abfb538efa1eca70801bd8a701c3f98191e123496339247");
+    EXPECT_EQ(a.modules[1].path, "/usr/lib/fifo.so");
+    EXPECT_EQ(a.modules[2].path, "/usr/lib/zero.so");
+    EXPECT_EQ(a.modules[1].md5, "");
+    EXPECT_EQ(a.modules[1].sha256, "");
+    EXPECT_FALSE(a.modules[1].verified);
+    EXPECT_EQ(a.modules[2].sha256, "");
+    EXPECT_FALSE(a.modules[2].verified);
+
+    const AM::ProcessInfo& b = out[2];
+    EXPECT_EQ(b.user, "4242");
+    EXPECT_EQ(b.name, "big");  // partial stat still names it
+    EXPECT_EQ(b.ppid, 0);
+    EXPECT_EQ(b.stime, "");
+    EXPECT_EQ(b.cmd_line.size(), 1u << 20);
+    EXPECT_EQ(b.env, "");
+    EXPECT_TRUE(b.modules.empty());
+}
+
+TEST(ProcessFixture, MissingProc) {
+    TempRoot r;
+    std::vector<AM::ProcessInfo> out(1);
+    EXPECT_EQ(collect_processes(HostRoot(r.path()), out), -ENOENT);
+    EXPECT_TRUE(out.empty());
+    r.write("proc", "not a directory");
+    EXPECT_EQ(collect_processes(HostRoot(r.path()), out), -ENOENT);
+    // An unreadable /proc; root reads a mode-000 directory anyway, so the
+    // check runs in a child that gave up root.
+    TempRoot r2;
+    fs::create_directories(r2.path() + "/proc/1");
+    chmod(r2.path().c_str(), 0755);
+    chmod((r2.path() + "/proc").c_str(), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0) _exit(2);
+        std::vector<AM::ProcessInfo> list;
+        _exit(collect_processes(HostRoot(r2.path()), list) == -EACCES ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    chmod((r2.path() + "/proc").c_str(), 0755);
+}
+
+TEST(ProcessFixture, ArgumentBudget) {
+    // Many processes with huge command lines: the first 32 MiB are kept at up
+    // to 1 MiB each, the rest at 64 KiB each.
+    TempRoot r;
+    r.write("big", std::string(2u << 20, 'x'));
+    r.write("stat", stat_line(9, "big", 1, 0, 1));
+    for (int pid = 10; pid < 46; ++pid) {
+        const std::string dir = r.path() + "/proc/" + std::to_string(pid);
+        fs::create_directories(dir);
+        fs::create_hard_link(r.path() + "/big", dir + "/cmdline");
+        fs::create_hard_link(r.path() + "/stat", dir + "/stat");
+    }
+    std::vector<AM::ProcessInfo> out;
+    ASSERT_EQ(collect_processes(HostRoot(r.path()), out), 0);
+    ASSERT_EQ(out.size(), 36u);
+    EXPECT_EQ(out[0].cmd_line.size(), 1u << 20);
+    EXPECT_EQ(out[31].cmd_line.size(), 1u << 20);
+    EXPECT_EQ(out[32].cmd_line.size(), 64u << 10);
+    EXPECT_EQ(out[35].cmd_line.size(), 64u << 10);
+}
+
+// --- the live host ---------------------------------------------------------
+
+struct Child {
+    pid_t pid = -1;
+    ~Child() {
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    }
+};
+
+// Starts `exe` with `argv`, in `cwd`, with `env`; returns once its command
+// line starts with `ready` (argv[0] when empty).
+void spawn(Child& c, const std::string& exe, std::vector<std::string> argv, const std::string& cwd,
+           std::vector<std::string> env, std::string ready = "") {
+    std::vector<char*> av, ev;
+    for (auto& s : argv) av.push_back(&s[0]);
+    av.push_back(nullptr);
+    for (auto& s : env) ev.push_back(&s[0]);
+    ev.push_back(nullptr);
+    c.pid = fork();
+    if (c.pid == 0) {
+        if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
+        execve(exe.c_str(), av.data(), ev.data());
+        _exit(127);
+    }
+    // Exec'ed once the command line is the new one.
+    const std::string want = ready.empty() ? argv[0] : ready;
+    for (int i = 0; i < 500; ++i) {
+        std::string cl;
+        read_file("/proc/" + std::to_string(c.pid) + "/cmdline", cl, 4096);
+        if (cl.compare(0, want.size(), want) == 0) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+std::map<int, std::string> ps_lines() {
+    std::map<int, std::string> rows;
+    FILE* p = popen("ps -ww -eo pid=,ppid=,user:32=,args= 2>/dev/null", "r");
+    if (!p) return rows;
+    char line[65536];
+    while (fgets(line, sizeof line, p)) {
+        std::string_view s = trim(line);
+        int pid = atoi(std::string(s.substr(0, s.find(' '))).c_str());
+        rows[pid] = std::string(s);
+    }
+    pclose(p);
+    return rows;
+}
+
+// First word of a command's output.
+std::string run_word(const std::string& cmd) {
+    std::string out;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return out;
+    char buf[512];
+    if (fgets(buf, sizeof buf, p)) out = std::string(split_ws(trim(buf)).at(0));
+    pclose(p);
+    return out;
+}
+
+bool printable(const std::string& s) {
+    for (unsigned char c : s)
+        if (c < 0x20 || c >= 0x7f) return false;
+    return true;
+}
+
+TEST(ProcessLive, ChildrenAndPs) {
+    TempRoot dir;
+    const std::string copy = dir.path() + "/amtest-sleep";
+    fs::copy_file("/bin/sleep", copy);
+    chmod(copy.c_str(), 0755);
+    std::ofstream(copy, std::ios::app) << "made distinct";  // ELF ignores trailing bytes
+    const std::string copy_md5 = run_word("md5sum " + copy);
+    const std::string copy_sha = run_word("sha256sum " + copy);
+
+    Child plain, deleted, env;
+    spawn(plain, "/bin/sleep", {"sleep", "3601", "0.125"}, "", {});
+    spawn(deleted, copy, {copy, "3602"}, "", {});
+    unlink(copy.c_str());
+    spawn(env, "/bin/sleep", {"sleep", "3603"}, dir.path(), {"AMTEST_MARK=hello world", "PATH=/bin"});
+
+    std::vector<AM::ProcessInfo> before;
+    ASSERT_EQ(collect_processes(HostRoot("/"), before), 0);
+    const std::map<int, std::string> ps = ps_lines();
+    std::vector<AM::ProcessInfo> after;
+    ASSERT_EQ(collect_processes(HostRoot("/"), after), 0);
+
+    const AM::ProcessInfo* p = find_pid(after, plain.pid);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->cmd_line, "sleep 3601 0.125");
+    EXPECT_EQ(p->ppid, getpid());
+    EXPECT_EQ(p->name, "sleep");
+    EXPECT_EQ(p->path, fs::canonical("/bin/sleep").string());
+    EXPECT_EQ(p->rtime, "00:00:00");
+    ASSERT_GE(p->modules.size(), 2u);
+    EXPECT_EQ(p->modules[0].path, p->path);
+    std::set<std::string> paths;
+    bool libc = false;
+    for (const auto& m : p->modules) {
+        EXPECT_TRUE(paths.insert(m.path).second) << m.path;
+        libc |= m.path.find("libc.so") != std::string::npos;
+    }
+    EXPECT_TRUE(libc);
+    EXPECT_EQ(p->modules[0].md5, run_word("md5sum /bin/sleep"));
+    EXPECT_EQ(p->modules[0].sha256, run_word("sha256sum /bin/sleep"));
+    for (const auto& m : p->modules) {
+        EXPECT_EQ(m.sha256.size(), 64u) << m.path;
+        if (!m.company.empty()) {
+            EXPECT_TRUE(m.verified) << m.path;  // untouched package files
+        }
+    }
+    // Started within the last minutes, by the same clock as ours.
+    const time_t now = time(nullptr);
+    EXPECT_GE(p->stime, format_time(now - 120));
+    EXPECT_LE(p->stime, format_time(now + 2));
+
+    const AM::ProcessInfo* d = find_pid(after, deleted.pid);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->path, copy + " (deleted)");
+    EXPECT_EQ(d->name, "amtest-sleep");
+    ASSERT_FALSE(d->modules.empty());
+    EXPECT_EQ(d->modules[0].path, copy + " (deleted)");
+    EXPECT_EQ(d->modules[0].md5, copy_md5);  // through /proc/<pid>/exe
+    EXPECT_EQ(d->modules[0].sha256, copy_sha);
+    EXPECT_FALSE(d->modules[0].verified);
+
+    const AM::ProcessInfo* e = find_pid(after, env.pid);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->env, "AMTEST_MARK=hello world\nPATH=/bin");
+    EXPECT_EQ(e->current_dir, dir.path());
+
+    const AM::ProcessInfo* init = find_pid(after, 1);
+    ASSERT_NE(init, nullptr);  // listed even where its exe and maps are denied
+    EXPECT_EQ(init->ppid, 0);
+    EXPECT_FALSE(init->name.empty());
+
+    // Processes present in both collections and in ps, unchanged between them.
+    size_t compared = 0;
+    for (const AM::ProcessInfo& a : after) {
+        const AM::ProcessInfo* b = find_pid(before, a.pid);
+        auto row = ps.find(a.pid);
+        if (!b || row == ps.end() || b->ppid != a.ppid || b->cmd_line != a.cmd_line) continue;
+        const std::vector<std::string_view> f = split_ws(row->second);
+        ASSERT_GE(f.size(), 3u);
+        EXPECT_EQ(std::to_string(a.ppid), f[1]) << row->second;
+        EXPECT_EQ(a.user, f[2]) << row->second;
+        if (!a.cmd_line.empty() && printable(a.cmd_line)) {
+            const size_t at = static_cast<size_t>(f[2].data() - row->second.data()) + f[2].size();
+            EXPECT_EQ(a.cmd_line, trim(std::string_view(row->second).substr(at))) << row->second;
+        }
+        ++compared;
+    }
+    EXPECT_GE(compared, 5u);
+    EXPECT_TRUE(ps.count(1));
+}
+
+}  // namespace
+
+namespace {
+
+// A process in its own mount namespace (as in a container) sees a file the
+// host does not: its modules are read through /proc/<pid>/root.
+TEST(ProcessLive, OtherMountNamespace) {
+    TempRoot dir;
+    const std::string src = dir.path() + "/src", dst = dir.path() + "/dst";
+    fs::create_directories(src);
+    fs::create_directories(dst);
+    fs::copy_file("/bin/sleep", src + "/nsleep");
+    chmod((src + "/nsleep").c_str(), 0755);
+    std::ofstream(src + "/nsleep", std::ios::app) << "namespace copy";
+    const std::string md5 = run_word("md5sum " + src + "/nsleep");
+
+    Child c;
+    spawn(c, "/usr/bin/unshare",
+          {"unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
+           "mount --bind " + src + " " + dst + " && exec " + dst + "/nsleep 3605"},
+          "", {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"}, dst + "/nsleep");
+    std::vector<AM::ProcessInfo> out;
+    ASSERT_EQ(collect_processes(HostRoot("/"), out), 0);
+    const AM::ProcessInfo* p = find_pid(out, c.pid);
+    ASSERT_NE(p, nullptr);
+    if (p->cmd_line != dst + "/nsleep 3605") GTEST_SKIP() << "no mount namespace here: " << p->cmd_line;
+    ASSERT_FALSE(fs::exists(dst + "/nsleep"));  // not on the host's side
+    EXPECT_EQ(p->path, dst + "/nsleep");
+    ASSERT_FALSE(p->modules.empty());
+    EXPECT_EQ(p->modules[0].path, dst + "/nsleep");
+    EXPECT_EQ(p->modules[0].md5, md5);
+}
+
+}  // namespace
