@@ -1,0 +1,287 @@
+#include "digest_cache.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace amsvc {
+
+namespace {
+
+// A file is the same file with the same content as long as none of these
+// change; ctime moves on any write, even one that restores the mtime.
+struct FileId {
+    uint64_t dev, ino, size;
+    int64_t mtime_s, mtime_ns, ctime_s, ctime_ns;
+    bool operator==(const FileId& o) const {
+        return dev == o.dev && ino == o.ino && size == o.size && mtime_s == o.mtime_s &&
+               mtime_ns == o.mtime_ns && ctime_s == o.ctime_s && ctime_ns == o.ctime_ns;
+    }
+};
+
+struct FileIdHash {
+    size_t operator()(const FileId& k) const {
+        uint64_t h = 1469598103934665603ull;
+        for (uint64_t v : {k.dev, k.ino, k.size, static_cast<uint64_t>(k.mtime_s),
+                           static_cast<uint64_t>(k.mtime_ns), static_cast<uint64_t>(k.ctime_ns)}) {
+            h ^= v + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
+        }
+        return static_cast<size_t>(h);
+    }
+};
+
+FileId id_of(const struct stat& st) {
+    return FileId{static_cast<uint64_t>(st.st_dev),         static_cast<uint64_t>(st.st_ino),
+                  static_cast<uint64_t>(st.st_size),        static_cast<int64_t>(st.st_mtim.tv_sec),
+                  static_cast<int64_t>(st.st_mtim.tv_nsec), static_cast<int64_t>(st.st_ctim.tv_sec),
+                  static_cast<int64_t>(st.st_ctim.tv_nsec)};
+}
+
+// ~200 bytes an entry: 32768 entries stay under 8 MiB.
+constexpr size_t kMaxEntries = 32768;
+
+class DigestCache {
+public:
+    // True and `out` filled when cached with what `extra` needs. When another
+    // thread is hashing the same file, waits for it instead of reading twice.
+    // False means the caller now owns hashing `id` and must call finish().
+    bool lookup_or_claim(const FileId& id, DigestAlgo extra, FileDigests& out) {
+        std::unique_lock<std::mutex> lock(mu_);
+        for (;;) {
+            auto it = map_.find(id);
+            if (it != map_.end() && satisfies(it->second.digests, extra)) {
+                lru_.splice(lru_.begin(), lru_, it->second.pos);
+                out = it->second.digests;
+                return true;
+            }
+            if (!busy_.count(id)) break;
+            cv_.wait(lock);
+        }
+        busy_.insert(id);
+        return false;
+    }
+
+    void finish(const FileId& id, const FileDigests* digests) {
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            busy_.erase(id);
+            if (digests) store(id, *digests);
+        }
+        cv_.notify_all();
+    }
+
+    void clear() {
+        std::lock_guard<std::mutex> lock(mu_);
+        map_.clear();
+        lru_.clear();
+    }
+
+private:
+    struct Entry {
+        FileDigests digests;
+        std::list<FileId>::iterator pos;
+    };
+
+    static bool satisfies(const FileDigests& d, DigestAlgo extra) {
+        if (extra == DigestAlgo::kNone || extra == DigestAlgo::kMd5 || extra == DigestAlgo::kSha256)
+            return true;
+        return d.extra_algo == extra;
+    }
+
+    void store(const FileId& id, const FileDigests& d) {
+        auto it = map_.find(id);
+        if (it != map_.end()) {
+            it->second.digests = d;
+            lru_.splice(lru_.begin(), lru_, it->second.pos);
+            return;
+        }
+        lru_.push_front(id);
+        map_.emplace(id, Entry{d, lru_.begin()});
+        while (map_.size() > kMaxEntries) {
+            map_.erase(lru_.back());
+            lru_.pop_back();
+        }
+    }
+
+    std::mutex mu_;
+    std::condition_variable cv_;
+    std::unordered_map<FileId, Entry, FileIdHash> map_;
+    std::list<FileId> lru_;  // most recently used first
+    std::unordered_set<FileId, FileIdHash> busy_;
+};
+
+// Never destroyed: hashing threads of a caller may outlive static destruction.
+DigestCache& cache() {
+    static DigestCache* c = new DigestCache();
+    return *c;
+}
+
+std::atomic<uint64_t> g_files_hashed{0};
+std::atomic<uint64_t> g_bytes_hashed{0};
+std::atomic<uint64_t> g_cache_hits{0};
+
+const EVP_MD* md_of(DigestAlgo a) {
+    switch (a) {
+        case DigestAlgo::kSha1:
+            return EVP_sha1();
+        case DigestAlgo::kSha224:
+            return EVP_sha224();
+        case DigestAlgo::kSha384:
+            return EVP_sha384();
+        case DigestAlgo::kSha512:
+            return EVP_sha512();
+        default:
+            return nullptr;
+    }
+}
+
+struct MdCtx {
+    EVP_MD_CTX* ctx = EVP_MD_CTX_new();
+    ~MdCtx() { EVP_MD_CTX_free(ctx); }
+};
+
+struct Fd {
+    int fd;
+    ~Fd() {
+        if (fd >= 0) ::close(fd);
+    }
+};
+
+// Reads the whole file once through every digest. False on a read error.
+bool hash_fd(int fd, DigestAlgo extra, FileDigests& out, uint64_t& bytes) {
+    MdCtx md5, sha256, more;
+    const EVP_MD* extra_md = md_of(extra);
+    if (!md5.ctx || !sha256.ctx || !more.ctx) return false;
+    if (EVP_DigestInit_ex(md5.ctx, EVP_md5(), nullptr) != 1 ||
+        EVP_DigestInit_ex(sha256.ctx, EVP_sha256(), nullptr) != 1)
+        return false;
+    if (extra_md && EVP_DigestInit_ex(more.ctx, extra_md, nullptr) != 1) return false;
+    constexpr size_t kBuf = 128 * 1024;
+    std::unique_ptr<unsigned char[]> buf(new unsigned char[kBuf]);
+    bytes = 0;
+    for (;;) {
+        const ssize_t n = ::read(fd, buf.get(), kBuf);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        if (n == 0) break;
+        bytes += static_cast<uint64_t>(n);
+        // A file that grows while it is read must not keep us reading forever.
+        if (bytes > kMaxHashedFileSize) return false;
+        EVP_DigestUpdate(md5.ctx, buf.get(), static_cast<size_t>(n));
+        EVP_DigestUpdate(sha256.ctx, buf.get(), static_cast<size_t>(n));
+        if (extra_md) EVP_DigestUpdate(more.ctx, buf.get(), static_cast<size_t>(n));
+    }
+    unsigned int len = 0;
+    if (EVP_DigestFinal_ex(md5.ctx, out.md5, &len) != 1 || len != sizeof out.md5) return false;
+    if (EVP_DigestFinal_ex(sha256.ctx, out.sha256, &len) != 1 || len != sizeof out.sha256) return false;
+    out.extra_algo = DigestAlgo::kNone;
+    if (extra_md) {
+        if (EVP_DigestFinal_ex(more.ctx, out.extra, &len) != 1 || len != digest_size(extra)) return false;
+        out.extra_algo = extra;
+    }
+    return true;
+}
+
+}  // namespace
+
+size_t digest_size(DigestAlgo algo) {
+    switch (algo) {
+        case DigestAlgo::kMd5:
+            return 16;
+        case DigestAlgo::kSha1:
+            return 20;
+        case DigestAlgo::kSha224:
+            return 28;
+        case DigestAlgo::kSha256:
+            return 32;
+        case DigestAlgo::kSha384:
+            return 48;
+        case DigestAlgo::kSha512:
+            return 64;
+        default:
+            return 0;
+    }
+}
+
+bool digest_file(const std::string& open_path, bool no_follow, DigestAlgo extra, FileDigests& out) {
+    int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+    if (no_follow) flags |= O_NOFOLLOW;
+    Fd f{::open(open_path.c_str(), flags)};
+    if (f.fd < 0) return false;
+    struct stat st;
+    if (::fstat(f.fd, &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    if (static_cast<uint64_t>(st.st_size) > kMaxHashedFileSize) return false;
+    const FileId id = id_of(st);
+    try {
+        if (cache().lookup_or_claim(id, extra, out)) {
+            g_cache_hits.fetch_add(1, std::memory_order_relaxed);
+            return true;
+        }
+    } catch (...) {
+        return false;
+    }
+    // We own hashing `id` now: every path below must call finish().
+    FileDigests d;
+    uint64_t bytes = 0;
+    bool ok = false;
+    try {
+        // A regular file opened O_NONBLOCK still reads blocking; drop the flag
+        // anyway so no filesystem ever answers EAGAIN.
+        const int fl = ::fcntl(f.fd, F_GETFL);
+        if (fl >= 0) ::fcntl(f.fd, F_SETFL, fl & ~O_NONBLOCK);
+        ::posix_fadvise(f.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+        ok = hash_fd(f.fd, extra, d, bytes);
+    } catch (...) {
+        ok = false;
+    }
+    g_files_hashed.fetch_add(1, std::memory_order_relaxed);
+    g_bytes_hashed.fetch_add(bytes, std::memory_order_relaxed);
+    // Cache only what is surely the content of `id`: a file written while we
+    // read it may give a torn digest, which is fine to hand out once, never to keep.
+    struct stat after;
+    const bool stable =
+        ok && ::fstat(f.fd, &after) == 0 && id_of(after) == id && bytes == static_cast<uint64_t>(st.st_size);
+    try {
+        cache().finish(id, stable ? &d : nullptr);
+    } catch (...) {
+        cache().finish(id, nullptr);
+    }
+    if (!ok) return false;
+    out = d;
+    return true;
+}
+
+DigestStats digest_stats() {
+    DigestStats s;
+    s.files_hashed = g_files_hashed.load();
+    s.bytes_hashed = g_bytes_hashed.load();
+    s.cache_hits = g_cache_hits.load();
+    return s;
+}
+
+void digest_cache_clear() { cache().clear(); }
+
+std::string to_hex(const unsigned char* bytes, size_t n) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string s(n * 2, '0');
+    for (size_t i = 0; i < n; ++i) {
+        s[2 * i] = kHex[bytes[i] >> 4];
+        s[2 * i + 1] = kHex[bytes[i] & 15];
+    }
+    return s;
+}
+
+}  // namespace amsvc

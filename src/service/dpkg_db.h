@@ -1,0 +1,60 @@
+// Readers of dpkg's database: the status file, and the per-package file lists
+// and md5sums under info/.
+#ifndef ASSETMAN_SERVICE_DPKG_DB_H
+#define ASSETMAN_SERVICE_DPKG_DB_H
+
+#include <stdint.h>
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace amsvc {
+
+struct DpkgConffile {
+    std::string path;
+    std::string md5;  // hex as dpkg wrote it; "newconffile" or junk is not a digest
+};
+
+struct DpkgPackage {
+    std::string name;
+    std::string arch;
+    std::string version;  // full Debian version, epoch and revision included
+    std::string status;   // "want eflag state", e.g. "install ok installed"
+    std::string maintainer;
+    std::string summary;  // first line of Description
+    std::string source;   // source package name, without a "(version)"
+    std::string multi_arch;
+    uint64_t installed_size_kib = 0;
+    std::vector<DpkgConffile> conffiles;
+};
+
+// Parses the text of a status file. Stanzas without a Package field are
+// skipped; a truncated last stanza keeps what it has. Never throws for
+// malformed input.
+std::vector<DpkgPackage> parse_dpkg_status(std::string_view text);
+
+// Whether a Status value means the package's files are on disk and configured:
+// error flag "ok" and state installed (or only awaiting trigger processing),
+// whatever the selection (install, hold, deinstall, purge).
+bool dpkg_is_installed(std::string_view status);
+
+// "1:2.36-9+deb12u1" -> version "1:2.36", release "9+deb12u1" (split at the
+// last '-'; a native package has no release).
+void split_deb_version(std::string_view full, std::string& version, std::string& release);
+
+// Base name of a package's files under info/ ("libc6:amd64" for Multi-Arch:
+// same packages, "bash" otherwise); callers fall back to the other form.
+std::string dpkg_info_name(const DpkgPackage& p, bool with_arch);
+
+// Calls fn(path, digest) for every well-formed line "<32 hex>  <path>" of an
+// md5sums file; `path` is made absolute. Lines with bad hex are skipped.
+void parse_md5sums(std::string_view text,
+                   const std::function<void(std::string_view path, const unsigned char* md5)>& fn);
+
+bool hex_to_bytes(std::string_view hex, unsigned char* out, size_t n);
+
+}  // namespace amsvc
+
+#endif

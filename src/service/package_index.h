@@ -1,0 +1,27 @@
+// Which installed package owns a file, that package's vendor, and the digest
+// its package manager recorded for the file (dpkg, rpm and apk databases).
+#ifndef ASSETMAN_SERVICE_PACKAGE_INDEX_H
+#define ASSETMAN_SERVICE_PACKAGE_INDEX_H
+
+#include <string>
+
+#include "common.h"
+#include "digest_cache.h"
+
+namespace amsvc {
+
+struct FileOwner {
+    std::string package;
+    std::string company;                  // vendor of the owning package
+    DigestAlgo algo = DigestAlgo::kNone;  // kind of the recorded digest, kNone: none recorded
+    unsigned char digest[64] = {};        // the recorded digest, digest_size(algo) bytes
+};
+
+// Owner of `host_path` under `root`; false when no installed package owns it.
+// The index is built on first use per root and rebuilt when a package
+// database changes. Never throws.
+bool package_owner(const HostRoot& root, const std::string& host_path, FileOwner& out);
+
+}  // namespace amsvc
+
+#endif

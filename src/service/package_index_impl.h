@@ -1,0 +1,84 @@
+// The package ownership index itself, for package_index.cpp, its tests and
+// the benchmark.
+#ifndef ASSETMAN_SERVICE_PACKAGE_INDEX_IMPL_H
+#define ASSETMAN_SERVICE_PACKAGE_INDEX_IMPL_H
+
+#include <stdint.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "common.h"
+#include "package_index.h"
+
+namespace amsvc {
+
+// "/a/./b//../c" -> "/a/c"; ".." never climbs above "/".
+std::string normalize_path(std::string_view path);
+
+// Resolves symbolic links among the directories of a host path, inside the
+// root (an absolute link target is taken relative to the root). Remembers
+// what it resolved; one instance per thread.
+class DirCanon {
+public:
+    explicit DirCanon(const HostRoot& root) : root_(root) {}
+    std::string canon(const std::string& dir, int depth = 0);
+
+private:
+    const HostRoot& root_;
+    std::unordered_map<std::string, std::string> memo_;
+};
+
+// File -> owning package, keyed by (directory, base name). Directories are
+// stored once each, under their canonical name and under every other name a
+// package database used for them, so /lib/x/libc.so.6 and
+// /usr/lib/x/libc.so.6 meet on a merged-/usr host. Immutable once built.
+class PackageIndex {
+public:
+    uint32_t add_package(std::string name, std::string company);
+    void add_file(uint32_t pkg, std::string_view path, DigestAlgo algo, const unsigned char* digest,
+                  DirCanon& canon);
+    void shrink();
+
+    bool find(const HostRoot& root, const std::string& host_path, FileOwner& out) const;
+    size_t files() const { return entries_.size(); }
+    size_t packages() const { return packages_.size(); }
+    size_t memory_bytes() const;  // estimate of what the index holds on the heap
+
+private:
+    struct Package {
+        std::string name, company;
+    };
+    struct Entry {
+        uint32_t dir;
+        uint32_t base_off;
+        uint32_t pkg;
+        uint32_t digest_off;
+        uint16_t base_len;
+        uint8_t algo;
+    };
+    uint32_t dir_id(std::string_view dir, DirCanon& canon);
+    uint32_t* probe(uint32_t dir, std::string_view base);
+    const uint32_t* probe(uint32_t dir, std::string_view base) const;
+    void grow();
+
+    std::vector<Package> packages_;
+    std::unordered_map<std::string, uint32_t> dirs_;
+    size_t dir_count_ = 0;
+    std::vector<Entry> entries_;
+    std::vector<uint32_t> table_;  // open addressing: entry index + 1, 0 empty
+    std::string names_;            // base names, back to back
+    std::string digests_;          // recorded digests, back to back
+};
+
+// Builds the index of every package database under `root` (uncached).
+std::shared_ptr<const PackageIndex> build_package_index(const HostRoot& root);
+// The shared index of `root`: built once, rebuilt when a database changes.
+std::shared_ptr<const PackageIndex> package_index(const HostRoot& root);
+
+}  // namespace amsvc
+
+#endif

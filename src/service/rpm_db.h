@@ -1,0 +1,48 @@
+// Reader of rpm databases through librpm, so every database format that rpm
+// itself reads (sqlite, ndb, Berkeley DB) is read.
+#ifndef ASSETMAN_SERVICE_RPM_DB_H
+#define ASSETMAN_SERVICE_RPM_DB_H
+
+#include <stdint.h>
+#include <time.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "common.h"
+#include "digest_cache.h"
+
+namespace amsvc {
+
+struct RpmFile {
+    std::string path;
+    DigestAlgo algo = DigestAlgo::kNone;  // kNone: no digest recorded (directory, link, ghost)
+    unsigned char digest[64] = {};
+};
+
+struct RpmPackage {
+    std::string name;
+    std::string version;  // "epoch:version" when the package has an epoch
+    std::string release;
+    time_t installtime = 0;
+    uint64_t size = 0;  // bytes
+    std::string summary;
+    std::string sourcerpm;
+    std::string prefix;  // first relocation prefix
+    std::string vendor;
+    std::vector<RpmFile> files;  // only when asked for
+};
+
+// Where the rpm database lives under `root` ("/var/lib/rpm", ...), empty when
+// there is none.
+std::string rpm_db_dir(const HostRoot& root);
+
+// Calls fn for every installed package. Returns 0, -ENOENT when there is no
+// database, or -EACCES/-EIO when it cannot be opened. Serialised: librpm
+// keeps global state.
+int read_rpm_db(const HostRoot& root, bool with_files, const std::function<void(RpmPackage&)>& fn);
+
+}  // namespace amsvc
+
+#endif

@@ -1,0 +1,210 @@
+// Installed packages: the dpkg and apk parsers on fixtures and hostile input,
+// and the collector against dpkg-query on this host.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/stat.h>
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "apk_db.h"
+#include "collectors.h"
+#include "dpkg_db.h"
+
+using namespace amsvc;
+
+namespace {
+
+const std::string kFixtures = std::string(ASSETMAN_FIXTURES) + "/packages";
+
+std::string run(const std::string& cmd) {
+    std::string out;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return out;
+    char buf[65536];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    pclose(p);
+    return out;
+}
+
+const AM::SysInstallPackageInfo* by_name(const std::vector<AM::SysInstallPackageInfo>& v,
+                                         const std::string& n) {
+    for (const auto& r : v)
+        if (r.name == n) return &r;
+    return nullptr;
+}
+
+}  // namespace
+
+TEST(DpkgStatus, FixtureFieldsAndStates) {
+    const HostRoot root(kFixtures + "/dpkg_root");
+    std::vector<AM::SysInstallPackageInfo> out(3);  // replaced, not appended to
+    ASSERT_EQ(collect_packages(root, out), 0);
+    std::set<std::string> names;
+    for (const auto& r : out) names.insert(r.name);
+    // Configured (or only awaiting triggers) packages, whatever their selection;
+    // config-files, half-configured, reinstreq and nameless stanzas are not there,
+    // and the truncated last stanza keeps what it had (it was installed).
+    EXPECT_EQ(names, (std::set<std::string>{"libfoo1", "nativetool", "pending", "crlf", "truncated"}));
+
+    const auto* foo = by_name(out, "libfoo1");
+    ASSERT_TRUE(foo);
+    EXPECT_EQ(foo->version, "1:2.0");
+    EXPECT_EQ(foo->release, "3+b1");
+    EXPECT_EQ(foo->type, "deb");
+    EXPECT_EQ(foo->size, 120u * 1024);
+    EXPECT_EQ(foo->summary, "library of foo");
+    EXPECT_EQ(foo->source, "foo");
+    EXPECT_EQ(foo->company, "Foo Maintainers <foo@example.org>");
+    EXPECT_EQ(foo->installdir, "");
+    struct stat st;
+    ASSERT_EQ(stat((root.root() + "/var/lib/dpkg/info/libfoo1:amd64.list").c_str(), &st), 0);
+    EXPECT_EQ(foo->installtime, format_time(st.st_mtime));  // multiarch list name found
+
+    const auto* native = by_name(out, "nativetool");
+    ASSERT_TRUE(native);
+    EXPECT_EQ(native->version, "0.9");
+    EXPECT_EQ(native->release, "");
+    EXPECT_EQ(native->source, "nativetool");  // no Source field: the package itself
+    EXPECT_FALSE(native->installtime.empty());
+
+    const auto* crlf = by_name(out, "crlf");
+    ASSERT_TRUE(crlf);
+    EXPECT_EQ(crlf->version, "5.0");
+    EXPECT_EQ(crlf->release, "2");
+    EXPECT_EQ(crlf->summary, "crlf stanza");
+    EXPECT_EQ(crlf->company, "Win Dows <w@example.org>");
+
+    const auto* cut = by_name(out, "truncated");
+    ASSERT_TRUE(cut);
+    EXPECT_EQ(cut->installtime, "");  // no .list file
+    EXPECT_EQ(cut->size, 3u * 1024);
+}
+
+TEST(DpkgStatus, HostileInput) {
+    // NUL bytes, a huge line, junk lines, continuation before any field.
+    std::string text;
+    text.assign(" continuation first\nPackage: a", 30);
+    text.push_back('\0');
+    text += "b\nStatus: install ok installed\nVersion: 1-1\njunk line without colon\n:empty name\n";
+    text += "Description: " + std::string(8u << 20, 'x') + "\n\n";
+    text += "Package: second\nStatus: install ok installed\nInstalled-Size: 99999999999999999999999\n";
+    text += "Version: -\nConffiles:\n /etc/a newconffile\n relative 0123\n /etc/b\n\n\n\n";
+    const std::vector<DpkgPackage> pkgs = parse_dpkg_status(text);
+    ASSERT_EQ(pkgs.size(), 2u);
+    EXPECT_EQ(pkgs[0].name, std::string("a\0b", 3));
+    EXPECT_EQ(pkgs[0].summary.size(), 8u << 20);
+    EXPECT_EQ(pkgs[1].installed_size_kib, 0u);  // overflow: no size rather than a wrong one
+    ASSERT_EQ(pkgs[1].conffiles.size(), 1u);
+    EXPECT_EQ(pkgs[1].conffiles[0].path, "/etc/a");
+    std::string v, r;
+    split_deb_version(pkgs[1].version, v, r);
+    EXPECT_EQ(v, "-");
+    EXPECT_EQ(r, "");
+
+    EXPECT_TRUE(parse_dpkg_status("").empty());
+    EXPECT_TRUE(parse_dpkg_status("\n\n\r\n").empty());
+    EXPECT_TRUE(dpkg_is_installed("hold ok installed"));
+    EXPECT_TRUE(dpkg_is_installed("deinstall ok installed"));
+    EXPECT_FALSE(dpkg_is_installed("install reinstreq installed"));
+    EXPECT_FALSE(dpkg_is_installed("install ok unpacked"));
+    EXPECT_FALSE(dpkg_is_installed("install ok installed extra"));
+}
+
+TEST(DpkgMd5sums, BadLinesAreSkipped) {
+    const std::string good = "d41d8cd98f00b204e9800998ecf8427e  usr/share/a b.txt\r\n";
+    const std::string text = good + "D41D8CD98F00B204E9800998ECF8427E */abs/path\n" +
+                             "zz1d8cd98f00b204e9800998ecf8427e  usr/bad-hex\n" + "d41d8cd98f  usr/short\n" +
+                             "d41d8cd98f00b204e9800998ecf8427e\n" + std::string(1, '\0') + "garbage\n" +
+                             "d41d8cd98f00b204e9800998ecf8427e  \n";
+    std::vector<std::string> paths;
+    parse_md5sums(text, [&](std::string_view p, const unsigned char* md5) {
+        paths.emplace_back(p);
+        EXPECT_EQ(md5[0], 0xd4);
+        EXPECT_EQ(md5[15], 0x7e);
+    });
+    EXPECT_EQ(paths, (std::vector<std::string>{"/usr/share/a b.txt", "/abs/path"}));
+}
+
+TEST(Apk, FixtureAndJunk) {
+    const HostRoot root(kFixtures + "/apk_root");
+    std::vector<AM::SysInstallPackageInfo> out;
+    ASSERT_EQ(collect_packages(root, out), 0);
+    ASSERT_EQ(out.size(), 3u);  // the record without P: is dropped
+    const auto* bb = by_name(out, "busybox");
+    ASSERT_TRUE(bb);
+    EXPECT_EQ(bb->version, "1.36.1");
+    EXPECT_EQ(bb->release, "r5");
+    EXPECT_EQ(bb->type, "apk");
+    EXPECT_EQ(bb->size, 946176u);
+    EXPECT_EQ(bb->summary, "Size optimized toolbox of many common UNIX utilities");
+    EXPECT_EQ(bb->source, "busybox");
+    EXPECT_EQ(bb->company, "Soren Tempel <soeren+alpine@example.org>");
+    EXPECT_EQ(bb->installtime, "");
+    const auto* base = by_name(out, "alpine-baselayout");
+    ASSERT_TRUE(base);
+    EXPECT_EQ(base->size, 0u);
+
+    std::string text;
+    ASSERT_EQ(read_file(root.path("/lib/apk/db/installed"), text), 0);
+    const std::vector<ApkPackage> pkgs = parse_apk_installed(text, true);
+    ASSERT_EQ(pkgs.size(), 3u);
+    ASSERT_EQ(pkgs[0].files.size(), 3u);
+    EXPECT_EQ(pkgs[0].files[0].path, "/bin/busybox");
+    EXPECT_TRUE(pkgs[0].files[0].has_sha1);
+    EXPECT_EQ(pkgs[0].files[1].path, "/etc/motd");
+    EXPECT_FALSE(pkgs[0].files[2].has_sha1);
+    EXPECT_TRUE(pkgs[1].files.empty());  // bad checksum, R: with a slash
+    unsigned char sha1[20];
+    EXPECT_FALSE(decode_apk_checksum("Q2AAAAAAAAAAAAAAAAAAAAAAAAAAAA=", sha1));
+    EXPECT_FALSE(decode_apk_checksum("Q1", sha1));
+    EXPECT_FALSE(parse_apk_installed(std::string("P:x\0y\nV:\n\n\n", 11), true).empty());
+}
+
+TEST(Collector, NoDatabaseIsENOENT) {
+    std::vector<AM::SysInstallPackageInfo> out(1);
+    EXPECT_EQ(collect_packages(HostRoot(kFixtures + "/no-such-root"), out), -ENOENT);
+    EXPECT_TRUE(out.empty());
+}
+
+// The same packages and versions as dpkg-query reports for the states we take
+// as installed (second letter of the abbreviation: i, t or W, no error flag).
+TEST(Collector, MatchesDpkgQueryOnThisHost) {
+    if (access("/var/lib/dpkg/status", R_OK) != 0) GTEST_SKIP() << "no dpkg database on this host";
+    const std::string listing =
+        run("dpkg-query -W -f '${Package}\\t${Version}\\t${db:Status-Abbrev}\\t${Installed-Size}\\n' "
+            "2>/dev/null");
+    ASSERT_FALSE(listing.empty());
+    std::multiset<std::string> expected;
+    std::map<std::string, uint64_t> sizes;
+    for (std::string_view line : split_lines(listing)) {
+        const size_t t1 = line.find('\t'), t2 = line.find('\t', t1 + 1), t3 = line.find('\t', t2 + 1);
+        ASSERT_NE(t3, std::string_view::npos) << line;
+        const std::string_view abbrev = line.substr(t2 + 1, t3 - t2 - 1);
+        if (abbrev.size() < 3 || std::string_view("itW").find(abbrev[1]) == std::string_view::npos ||
+            abbrev[2] != ' ')
+            continue;
+        std::string v, r;
+        split_deb_version(line.substr(t1 + 1, t2 - t1 - 1), v, r);
+        const std::string name(line.substr(0, t1));
+        expected.insert(name + " " + v + " " + r);
+        uint64_t kib = 0;
+        parse_u64(line.substr(t3 + 1), kib);
+        sizes[name] = kib * 1024;
+    }
+    std::vector<AM::SysInstallPackageInfo> out;
+    ASSERT_EQ(collect_packages(HostRoot("/"), out), 0);
+    std::multiset<std::string> got;
+    for (const auto& r : out) {
+        if (r.type != "deb") continue;
+        got.insert(r.name + " " + r.version + " " + r.release);
+        EXPECT_EQ(r.size, sizes[r.name]) << r.name;
+        EXPECT_FALSE(r.installtime.empty()) << r.name;
+        EXPECT_FALSE(r.source.empty()) << r.name;
+    }
+    EXPECT_EQ(got, expected);
+    EXPECT_GT(got.size(), 100u);
+}
