@@ -102,8 +102,10 @@ std::vector<std::string> ini_lines(std::string_view text) {
         if (!cont && (t.empty() || t[0] == '#' || t[0] == ';')) continue;
         const bool more = !t.empty() && t.back() == '\\';
         if (more) t.remove_suffix(1);
-        if (cont) cur += ' ';
-        else cur.clear();
+        if (cont)
+            cur += ' ';
+        else
+            cur.clear();
         cur.append(t.data(), t.size());
         cont = more;
         if (!more) out.push_back(cur);
@@ -135,7 +137,8 @@ std::string resolve_host_path(const HostRoot& root, std::string_view host_path, 
         const std::string cand = done + "/" + comp;
         if (is_special_tree(cand)) {
             // Only a device path itself (a mask's /dev/null) may be named, never looked into.
-            if (allow_dev && starts_with(cand, "/dev/") && pos >= todo.size()) return cand;
+            const std::string full = normalize(cand + todo.substr(pos));
+            if (allow_dev && starts_with(full, "/dev/")) return full;
             return std::string();
         }
         struct stat st;
@@ -185,12 +188,18 @@ UnitFile parse_unit_file(std::string_view text) {
             }
         } else if (section == "Install") {
             std::vector<std::string>* list = nullptr;
-            if (key == "WantedBy") list = &u.wanted_by;
-            else if (key == "RequiredBy") list = &u.required_by;
-            else if (key == "UpheldBy") list = &u.upheld_by;
-            else if (key == "Alias") list = &u.aliases;
-            else if (key == "Also") list = &u.also;
-            else if (key == "DefaultInstance") u.default_instance = std::string(val);
+            if (key == "WantedBy")
+                list = &u.wanted_by;
+            else if (key == "RequiredBy")
+                list = &u.required_by;
+            else if (key == "UpheldBy")
+                list = &u.upheld_by;
+            else if (key == "Alias")
+                list = &u.aliases;
+            else if (key == "Also")
+                list = &u.also;
+            else if (key == "DefaultInstance")
+                u.default_instance = std::string(val);
             if (list) {
                 if (val.empty()) list->clear();
                 for (std::string& w : words(val)) list->push_back(std::move(w));
@@ -223,9 +232,12 @@ LsbHeader parse_lsb_header(std::string_view script) {
         if (colon == std::string_view::npos) continue;
         const std::string_view key = trim(body.substr(0, colon));
         const std::string_view val = trim(body.substr(colon + 1));
-        if (in && key == "Short-Description") h.short_description = std::string(val);
-        else if (in && key == "Default-Start") h.default_start = std::string(val);
-        else if (!in && key == "description" && chk_desc.empty()) chk_desc = std::string(val);  // chkconfig style
+        if (in && key == "Short-Description")
+            h.short_description = std::string(val);
+        else if (in && key == "Default-Start")
+            h.default_start = std::string(val);
+        else if (!in && key == "description" && chk_desc.empty())
+            chk_desc = std::string(val);  // chkconfig style
     }
     if (h.short_description.empty()) h.short_description = chk_desc;
     return h;
@@ -246,12 +258,18 @@ DesktopEntry parse_desktop_entry(std::string_view text) {
         if (eq == std::string_view::npos) continue;
         const std::string_view key = trim(line.substr(0, eq));
         const std::string_view val = trim(line.substr(eq + 1));
-        if (key == "Name") d.name = std::string(val);
-        else if (key == "Exec") d.exec = std::string(val);
-        else if (key == "Comment") d.comment = std::string(val);
-        else if (key == "Hidden") d.hidden = truthy(val);
-        else if (key == "X-GNOME-Autostart-enabled") d.autostart_enabled = truthy(val);
-        else if (key == "OnlyShowIn") d.only_show_in = std::string(val);
+        if (key == "Name")
+            d.name = std::string(val);
+        else if (key == "Exec")
+            d.exec = std::string(val);
+        else if (key == "Comment")
+            d.comment = std::string(val);
+        else if (key == "Hidden")
+            d.hidden = truthy(val);
+        else if (key == "X-GNOME-Autostart-enabled")
+            d.autostart_enabled = truthy(val);
+        else if (key == "OnlyShowIn")
+            d.only_show_in = std::string(val);
     }
     return d;
 }
@@ -276,8 +294,8 @@ struct UnitDir {
 };
 
 bool valid_unit_name(std::string_view n) {
-    static const char* const kTypes[] = {".service", ".socket", ".target", ".timer",  ".path", ".mount",
-                                         ".automount", ".swap", ".slice", ".scope", ".device"};
+    static const char* const kTypes[] = {".service",   ".socket", ".target", ".timer", ".path",  ".mount",
+                                         ".automount", ".swap",   ".slice",  ".scope", ".device"};
     if (n.empty() || n.size() > 255 || n[0] == '.') return false;
     for (const char* t : kTypes)
         if (ends_with(n, t) && n.size() > std::string_view(t).size()) return true;
@@ -334,7 +352,8 @@ std::vector<UnitDir> scan_unit_dirs(const HostRoot& root) {
             struct stat es;
             if (::lstat((top + "/" + n).c_str(), &es) != 0) continue;
             if (S_ISDIR(es.st_mode)) {
-                if (!(ends_with(n, ".wants") || ends_with(n, ".requires") || ends_with(n, ".upholds"))) continue;
+                if (!(ends_with(n, ".wants") || ends_with(n, ".requires") || ends_with(n, ".upholds")))
+                    continue;
                 for (const std::string& ln : list_dir(top + "/" + n)) {
                     const std::string t = read_link(top + "/" + n + "/" + ln);
                     if (!t.empty()) d.links.push_back(Link{ln, std::string(base_name(t)), n});
@@ -431,8 +450,8 @@ bool known_link_name(const std::string& name, const Discovered& u, const std::st
     if (link == name) return true;
     if (std::find(u.unit.aliases.begin(), u.unit.aliases.end(), link) != u.unit.aliases.end()) return true;
     if (!u.unit.default_instance.empty() && is_template(name)) {
-        const std::string inst = name.substr(0, name.find('@') + 1) + u.unit.default_instance +
-                                 name.substr(name.rfind('.'));
+        const std::string inst =
+            name.substr(0, name.find('@') + 1) + u.unit.default_instance + name.substr(name.rfind('.'));
         return link == inst;
     }
     return false;
@@ -458,11 +477,15 @@ std::string link_state(const std::vector<UnitDir>& dirs, const std::string& name
         }
         if (found) {
             if (d.persistent_config) return "enabled";
-            if (d.runtime) enabled_runtime = true;
-            else enabled_elsewhere = true;
+            if (d.runtime)
+                enabled_runtime = true;
+            else
+                enabled_elsewhere = true;
         } else if (same) {
-            if (d.persistent_config) same_config = true;
-            else if (d.runtime) same_runtime = true;
+            if (d.persistent_config)
+                same_config = true;
+            else if (d.runtime)
+                same_runtime = true;
         }
         if (!ignore_same_name && starts_with(u.path, d.path + "/")) ignore_same_name = true;
     }
@@ -547,8 +570,9 @@ void collect_units(const HostRoot& root, std::vector<Pending>& out, bool& any_so
             p.rec.comment = u.unit.description;
             p.rec.verified = false;
             if (u.kind == Discovered::kRegular) {
-                p.facts_path = program_path(root, exec_program(u.unit.exec_start));
-                if (p.facts_path.empty()) p.facts_path = u.path;
+                // A unit that runs nothing itself (target, timer, socket) carries its own file's facts.
+                p.facts_path =
+                    u.unit.exec_start.empty() ? u.path : program_path(root, exec_program(u.unit.exec_start));
             }
             out.push_back(std::move(p));
         }
@@ -565,7 +589,7 @@ void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_sou
     std::sort(scripts.begin(), scripts.end());
     // runlevel -> names started there
     std::map<std::string, std::string> levels;
-    for (const char* lv : {"S", "0", "1", "2", "3", "4", "5", "6"}) {
+    for (const char* lv : {"0", "1", "2", "3", "4", "5", "6", "S"}) {
         const std::string rcd = "/etc/rc" + std::string(lv) + ".d";
         for (const std::string& n : list_dir(root.path(rcd))) {
             if (n.size() < 4 || n[0] != 'S' || !isdigit(static_cast<unsigned char>(n[1])) ||
