@@ -32,9 +32,6 @@ struct ProcModule {
 // /proc/modules: "name size refcount users state address [taint]". `by` is
 // the users list without its trailing comma, empty for "-".
 std::vector<ProcModule> parse_proc_modules(std::string_view text);
-// Key/value strings of a module's .modinfo section, read from the ELF bytes
-// of an uncompressed module. Empty for anything that is not such an ELF file.
-std::vector<std::pair<std::string, std::string>> parse_modinfo_elf(std::string_view elf);
 // The trailer a signed module file ends with.
 bool has_module_signature(std::string_view file_tail);
 
