@@ -276,3 +276,37 @@ TEST_F(LiveHost, DisksMatchDf) {
     EXPECT_GT(rows, 0);
     for (const auto& d : si_.disk) EXPECT_FALSE(is_pseudo_fs(d.fs)) << d.name;
 }
+
+// facter (Debian's, when installed) reads the same facts its own way.
+TEST_F(LiveHost, MatchesFacter) {
+    if (system("command -v facter >/dev/null 2>&1") != 0) GTEST_SKIP() << "facter not installed";
+    const auto j = nlohmann::json::parse(
+        run("facter -j hostname kernelrelease memory processors networking os 2>/dev/null"), nullptr, false);
+    ASSERT_TRUE(j.is_object());
+    EXPECT_EQ(si_.kernel_version, j.value("kernelrelease", ""));
+    EXPECT_EQ(si_.host.substr(0, si_.host.find('.')), j.value("hostname", ""));
+    EXPECT_EQ(si_.arch, j["os"].value("hardware", ""));
+    EXPECT_EQ(si_.version, j["os"]["distro"].value("description", ""));
+    const std::string total = std::to_string(j["memory"]["system"].value("total_bytes", 0LL));
+    EXPECT_NE(si_.mem.find("(" + total + " bytes)"), std::string::npos) << si_.mem;
+    EXPECT_NE(si_.cpu.find(" x " + std::to_string(j["processors"].value("count", 0)) + " ("),
+              std::string::npos);
+    for (const auto& [name, itf] : j["networking"]["interfaces"].items()) {
+        const AM::NetworkCardInfo* c = nullptr;
+        for (const auto& n : si_.network_card)
+            if (n.name == name) c = &n;
+        ASSERT_NE(c, nullptr) << name;
+        EXPECT_EQ(c->mtu, itf.value("mtu", -2)) << name;
+        if (itf.contains("mac")) {
+            EXPECT_EQ(c->mac, itf.value("mac", "")) << name;
+        }
+        // IPv4 addresses and masks pair up by position.
+        std::string ips, masks;
+        for (const auto& b : itf.value("bindings", nlohmann::json::array())) {
+            ips += (ips.empty() ? "" : ",") + b.value("address", "");
+            masks += (masks.empty() ? "" : ",") + b.value("netmask", "");
+        }
+        EXPECT_EQ(c->ipv4, ips) << name;
+        EXPECT_EQ(c->mask, masks) << name;
+    }
+}
