@@ -5,6 +5,7 @@
 #define ASSETMAN_SERVICE_SYSFACTS_H
 
 #include <stdint.h>
+#include <sys/statvfs.h>
 
 #include <map>
 #include <string>
@@ -86,6 +87,10 @@ std::vector<MountEntry> parse_mounts(std::string_view text);
 bool is_pseudo_fs(std::string_view fs_type);
 // File systems whose statvfs may block on a remote server or a user daemon.
 bool is_remote_fs(std::string_view fs_type);
+
+// statvfs, run on a worker with a deadline when `may_hang`; false on failure
+// or timeout (the worker is then left behind; past a few, none is started).
+bool statvfs_guarded(const std::string& path, bool may_hang, struct statvfs& st);
 
 // Default gateways by interface, from /proc/net/route and /proc/net/ipv6_route.
 std::map<std::string, std::string> parse_route_v4(std::string_view text);

@@ -450,6 +450,8 @@ bool arch_is_64(const std::string& a) {
 // stays parked; past a few of those remote file systems are not asked at all.
 std::atomic<int> g_stuck_workers{0};
 
+}  // namespace
+
 bool statvfs_guarded(const std::string& path, bool may_hang, struct statvfs& st) {
     if (!may_hang) return ::statvfs(path.c_str(), &st) == 0;
     if (g_stuck_workers.load() >= 4) return false;
@@ -485,6 +487,8 @@ bool statvfs_guarded(const std::string& path, bool may_hang, struct statvfs& st)
     if (sh->ok) st = sh->st;
     return sh->ok;
 }
+
+namespace {
 
 void collect_disks(const HostRoot& root, std::vector<AM::DiskInfo>& out) {
     std::string text;

@@ -100,6 +100,16 @@ TEST(SystemParse, MountsEscapesAndPseudo) {
     EXPECT_FALSE(is_remote_fs("xfs"));
 }
 
+TEST(SystemParse, GuardedStatvfsAgreesWithDirect) {
+    struct statvfs direct, worker;
+    ASSERT_EQ(statvfs("/", &direct), 0);
+    ASSERT_TRUE(statvfs_guarded("/", true, worker));
+    EXPECT_EQ(worker.f_blocks, direct.f_blocks);
+    EXPECT_EQ(worker.f_frsize, direct.f_frsize);
+    EXPECT_FALSE(statvfs_guarded("/nonexistent/path", true, worker));
+    EXPECT_FALSE(statvfs_guarded("/nonexistent/path", false, worker));
+}
+
 TEST(SystemParse, RoutesAndInet6) {
     const auto v4 = parse_route_v4(
         "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n"
