@@ -583,15 +583,17 @@ void collect_units(const HostRoot& root, std::vector<Pending>& out, bool& any_so
 // ---- SysV, rc.local, XDG -------------------------------------------------
 
 void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
-    const std::string initd = root.path("/etc/init.d");
-    std::vector<std::string> scripts = list_dir(initd);
+    const std::string initd = resolve_host_path(root, "/etc/init.d");
+    if (initd.empty()) return;
+    std::vector<std::string> scripts = list_dir(root.path(initd));
     if (scripts.empty()) return;
     any_source = true;
     std::sort(scripts.begin(), scripts.end());
     // runlevel -> names started there
     std::map<std::string, std::string> levels;
     for (const char* lv : {"0", "1", "2", "3", "4", "5", "6", "S"}) {
-        const std::string rcd = "/etc/rc" + std::string(lv) + ".d";
+        const std::string rcd = resolve_host_path(root, "/etc/rc" + std::string(lv) + ".d");
+        if (rcd.empty()) continue;
         for (const std::string& n : list_dir(root.path(rcd))) {
             if (n.size() < 4 || n[0] != 'S' || !isdigit(static_cast<unsigned char>(n[1])) ||
                 !isdigit(static_cast<unsigned char>(n[2])))
@@ -606,7 +608,7 @@ void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_sou
         if (n == "README" || n == "skeleton" || n.find(".dpkg-") != std::string::npos || ends_with(n, "~") ||
             n[0] == '.')
             continue;
-        const std::string host = "/etc/init.d/" + n;
+        const std::string host = initd + "/" + n;
         struct stat st;
         if (::lstat(root.path(host).c_str(), &st) != 0) continue;
         const std::string real = S_ISLNK(st.st_mode) ? resolve_host_path(root, host) : host;
@@ -642,14 +644,17 @@ void collect_rc_local(const HostRoot& root, std::vector<Pending>& out, bool& any
 }
 
 void collect_xdg(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
-    std::vector<std::string> names = list_dir(root.path("/etc/xdg/autostart"));
+    const std::string dir = resolve_host_path(root, "/etc/xdg/autostart");
+    if (dir.empty()) return;
+    std::vector<std::string> names = list_dir(root.path(dir));
     std::sort(names.begin(), names.end());
     for (const std::string& n : names) {
         if (!ends_with(n, ".desktop")) continue;
         any_source = true;
-        const std::string host = "/etc/xdg/autostart/" + n;
+        const std::string host = dir + "/" + n;
+        const std::string real = resolve_host_path(root, host);
         std::string text;
-        if (read_file(root.path(host), text, kConfigMax) != 0) continue;
+        if (real.empty() || read_file(root.path(real), text, kConfigMax) != 0) continue;
         const DesktopEntry e = parse_desktop_entry(text);
         Pending p;
         p.rec.name = n;

@@ -136,6 +136,20 @@ std::string first_line(const std::string& path) {
     return std::string(trim(text));
 }
 
+// Reads a configuration file of the host. Under an image root its links are
+// followed inside that root, so "/etc/os-release -> /usr/lib/os-release"
+// reads the image's file, never the running host's.
+int read_config(const HostRoot& root, const std::string& host_path, std::string& out,
+                size_t max = kSmallFile) {
+    if (root.is_live_host()) return read_file(host_path, out, max);
+    const std::string p = resolve_host_path(root, host_path);
+    if (p.empty()) {
+        out.clear();
+        return -ENOENT;
+    }
+    return read_file(root.path(p), out, max);
+}
+
 }  // namespace
 
 // ---- parsers -------------------------------------------------------------
@@ -625,7 +639,7 @@ int32_t collect_system_facts(const HostRoot& root, AM::SystemInfo& out) {
                 if (uname(&u) == 0) out.host = u.nodename;
             }
         } else {
-            if (read_file(root.path("/etc/hostname"), text, 4096) == 0) {
+            if (read_config(root, "/etc/hostname", text, 4096) == 0) {
                 for (std::string_view line : split_lines(text)) {
                     line = trim(line);
                     if (line.empty() || line[0] == '#') continue;
@@ -634,8 +648,7 @@ int32_t collect_system_facts(const HostRoot& root, AM::SystemInfo& out) {
                 }
             }
         }
-        if (read_file(root.path("/etc/os-release"), text, kSmallFile) != 0)
-            read_file(root.path("/usr/lib/os-release"), text, kSmallFile);
+        if (read_config(root, "/etc/os-release", text) != 0) read_config(root, "/usr/lib/os-release", text);
         out.version = parse_os_release(text);
         out.kernel_version = first_line(root.path("/proc/sys/kernel/osrelease"));
         if (out.kernel_version.empty() && root.is_live_host()) {
@@ -649,12 +662,11 @@ int32_t collect_system_facts(const HostRoot& root, AM::SystemInfo& out) {
         out.Serial = first_line(root.path("/sys/class/dmi/id/product_serial"));
         if (read_file(root.path("/proc/meminfo"), text, kSmallFile) == 0) out.mem = parse_meminfo(text);
         if (read_file(root.path("/proc/cpuinfo"), text, 16u << 20) == 0) out.cpu = parse_cpuinfo(text);
-        if (read_file(root.path("/etc/environment"), text, kSmallFile) == 0)
-            out.envs = parse_environment(text);
+        if (read_config(root, "/etc/environment", text) == 0) out.envs = parse_environment(text);
         collect_cards(root, out.network_card);
         collect_disks(root, out.disk);
-        if (read_file(root.path("/etc/exports"), text, kSmallFile) == 0) out.net_share = parse_exports(text);
-        if (read_file(root.path("/etc/samba/smb.conf"), text, kSmallFile) == 0) {
+        if (read_config(root, "/etc/exports", text) == 0) out.net_share = parse_exports(text);
+        if (read_config(root, "/etc/samba/smb.conf", text) == 0) {
             for (AM::NetShareInfo& s : parse_smb_conf(text)) out.net_share.push_back(std::move(s));
         }
         if (out.host.empty() && out.version.empty() && out.kernel_version.empty() && out.disk.empty() &&

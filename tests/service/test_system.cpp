@@ -172,6 +172,8 @@ TEST(SystemCollect, FixtureRoot) {
     const std::string r = tmpl;
     write(r + "/etc/hostname", "# set by installer\nfixture-host\n");
     write(r + "/usr/lib/os-release", "PRETTY_NAME=\"Fixture OS 1\"\n");
+    // An absolute link means the image's file, not the running host's.
+    ASSERT_EQ(symlink("/usr/lib/os-release", (r + "/etc/os-release").c_str()), 0);
     write(r + "/proc/sys/kernel/osrelease", "5.10.0-fixture\n");
     write(r + "/proc/meminfo", "MemTotal: 1048576 kB\n");
     write(r + "/proc/self/mounts", "/dev/sda1 / ext4 rw 0 0\nproc /proc proc rw 0 0\n");
