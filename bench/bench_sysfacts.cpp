@@ -39,7 +39,7 @@ int shell(const std::string& cmd) {
 bool have(const char* tool) { return shell(std::string("command -v ") + tool + " >/dev/null") == 0; }
 
 void report(const char* what, double mine, const std::string& peer, double theirs, int peer_status) {
-    printf("%-22s %9.2f ms   %-48s %9.2f ms%s   ratio %.3f\n", what, mine, peer.c_str(), theirs,
+    printf("%-22s %9.2f ms   %-48s %9.2f ms%s   ratio %.3g\n", what, mine, peer.c_str(), theirs,
            peer_status == 0 ? "" : " (exit!=0)", theirs > 0 ? mine / theirs : 0.0);
 }
 
