@@ -93,7 +93,7 @@ ModuleFile module_file(const HostRoot& root, struct kmod_ctx* ctx, const std::st
         if (starts_with(kp, prefix))
             host = moddir + "/" + kp.substr(prefix.size());
         else if (kp[0] == '/')
-            host = root.is_live_host() ? kp : std::string();  // absolute entry of the index
+            host = kp;  // an absolute index entry names a path of that host, resolved under the root below
     }
     kmod_module_unref(mod);
     if (host.empty()) return mf;
