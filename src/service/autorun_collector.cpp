@@ -1,10 +1,719 @@
+// Auto-start entries: systemd unit files with the state `systemctl
+// list-unit-files` gives them, SysV init scripts with their runlevels,
+// /etc/rc.local and XDG autostart entries.
 #include <errno.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+#include <map>
+#include <new>
+#include <set>
+#include <utility>
 
 #include "collectors.h"
+#include "file_facts.h"
+#include "sysfacts.h"
 
 namespace amsvc {
 
-// Not collected yet.
-int32_t collect_autoruns(const HostRoot&, std::vector<AM::AutoRunServInfo>&) { return -ENOSYS; }
+namespace {
+
+constexpr size_t kConfigMax = 1u << 20;
+constexpr int kMaxLinks = 40;
+
+std::string_view base_name(std::string_view p) {
+    const size_t s = p.rfind('/');
+    return s == std::string_view::npos ? p : p.substr(s + 1);
+}
+
+std::string dir_name(const std::string& p) {
+    const size_t s = p.rfind('/');
+    if (s == std::string::npos || s == 0) return "/";
+    return p.substr(0, s);
+}
+
+// Collapses "." and ".." and repeated slashes of an absolute path.
+std::string normalize(std::string_view p) {
+    std::vector<std::string_view> parts;
+    size_t i = 0;
+    while (i < p.size()) {
+        while (i < p.size() && p[i] == '/') ++i;
+        size_t j = i;
+        while (j < p.size() && p[j] != '/') ++j;
+        const std::string_view c = p.substr(i, j - i);
+        if (c == "..") {
+            if (!parts.empty()) parts.pop_back();
+        } else if (!c.empty() && c != ".") {
+            parts.push_back(c);
+        }
+        i = j;
+    }
+    std::string out;
+    for (std::string_view c : parts) {
+        out += '/';
+        out.append(c.data(), c.size());
+    }
+    return out.empty() ? "/" : out;
+}
+
+bool is_special_tree(const std::string& p) {
+    for (const char* t : {"/proc", "/sys", "/dev"})
+        if (p == t || starts_with(p, std::string(t) + "/")) return true;
+    return false;
+}
+
+std::string lower(std::string_view s) {
+    std::string out(s);
+    for (char& c : out) c = static_cast<char>((c >= 'A' && c <= 'Z') ? c - 'A' + 'a' : c);
+    return out;
+}
+
+bool truthy(std::string_view v) {
+    const std::string l = lower(trim(v));
+    return l == "true" || l == "yes" || l == "1" || l == "on";
+}
+
+// First word of a command line, honouring one level of quotes.
+std::string first_word(std::string_view s) {
+    s = trim(s);
+    if (s.empty()) return std::string();
+    if (s[0] == '"' || s[0] == '\'') {
+        const size_t end = s.find(s[0], 1);
+        return std::string(s.substr(1, end == std::string_view::npos ? std::string_view::npos : end - 1));
+    }
+    size_t end = 0;
+    while (end < s.size() && s[end] != ' ' && s[end] != '\t') ++end;
+    return std::string(s.substr(0, end));
+}
+
+std::vector<std::string> words(std::string_view s) {
+    std::vector<std::string> out;
+    for (std::string_view w : split_ws(s)) out.emplace_back(w);
+    return out;
+}
+
+// Lines of an ini-style file with backslash continuations joined.
+std::vector<std::string> ini_lines(std::string_view text) {
+    std::vector<std::string> out;
+    std::string cur;
+    bool cont = false;
+    for (std::string_view line : split_lines(text)) {
+        std::string_view t = trim(line);
+        if (!cont && (t.empty() || t[0] == '#' || t[0] == ';')) continue;
+        const bool more = !t.empty() && t.back() == '\\';
+        if (more) t.remove_suffix(1);
+        if (cont)
+            cur += ' ';
+        else
+            cur.clear();
+        cur.append(t.data(), t.size());
+        cont = more;
+        if (!more) out.push_back(cur);
+    }
+    if (cont) out.push_back(cur);
+    return out;
+}
+
+}  // namespace
+
+std::string resolve_host_path(const HostRoot& root, std::string_view host_path, bool allow_dev) {
+    std::string todo = normalize(host_path);
+    std::string done;  // resolved prefix, "" meaning "/"
+    int links = 0;
+    size_t pos = 0;
+    while (pos < todo.size()) {
+        while (pos < todo.size() && todo[pos] == '/') ++pos;
+        if (pos >= todo.size()) break;
+        size_t end = todo.find('/', pos);
+        if (end == std::string::npos) end = todo.size();
+        const std::string comp = todo.substr(pos, end - pos);
+        pos = end;
+        if (comp == ".") continue;
+        if (comp == "..") {
+            done = done.empty() ? done : dir_name(done);
+            if (done == "/") done.clear();
+            continue;
+        }
+        const std::string cand = done + "/" + comp;
+        if (is_special_tree(cand)) {
+            // Only a device path itself (a mask's /dev/null) may be named, never looked into.
+            const std::string full = normalize(cand + todo.substr(pos));
+            if (allow_dev && starts_with(full, "/dev/")) return full;
+            return std::string();
+        }
+        struct stat st;
+        if (::lstat(root.path(cand).c_str(), &st) != 0) return std::string();
+        if (S_ISLNK(st.st_mode)) {
+            if (++links > kMaxLinks) return std::string();
+            const std::string target = read_link(root.path(cand));
+            if (target.empty()) return std::string();
+            const std::string rest = todo.substr(pos);
+            todo = normalize((target[0] == '/' ? target : (done.empty() ? "/" : done) + "/" + target)) + rest;
+            done.clear();
+            pos = 0;
+            continue;
+        }
+        done = cand;
+    }
+    return done.empty() ? "/" : done;
+}
+
+// ---- parsers -------------------------------------------------------------
+
+UnitFile parse_unit_file(std::string_view text) {
+    UnitFile u;
+    std::string section;
+    bool exec_done = false;
+    for (const std::string& l : ini_lines(text)) {
+        const std::string_view line = trim(l);
+        if (line.empty()) continue;
+        if (line[0] == '[') {
+            const size_t end = line.find(']');
+            section = end == std::string_view::npos ? std::string() : std::string(line.substr(1, end - 1));
+            continue;
+        }
+        const size_t eq = line.find('=');
+        if (eq == std::string_view::npos) continue;
+        const std::string_view key = trim(line.substr(0, eq));
+        const std::string_view val = trim(line.substr(eq + 1));
+        if (section == "Unit" && key == "Description") {
+            u.description = std::string(val);
+        } else if (section == "Service" && key == "ExecStart") {
+            if (val.empty()) {  // an empty assignment resets the list
+                u.exec_start.clear();
+                exec_done = false;
+            } else if (!exec_done) {
+                u.exec_start = std::string(val);
+                exec_done = true;
+            }
+        } else if (section == "Install") {
+            std::vector<std::string>* list = nullptr;
+            if (key == "WantedBy")
+                list = &u.wanted_by;
+            else if (key == "RequiredBy")
+                list = &u.required_by;
+            else if (key == "UpheldBy")
+                list = &u.upheld_by;
+            else if (key == "Alias")
+                list = &u.aliases;
+            else if (key == "Also")
+                list = &u.also;
+            else if (key == "DefaultInstance")
+                u.default_instance = std::string(val);
+            if (list) {
+                if (val.empty()) list->clear();
+                for (std::string& w : words(val)) list->push_back(std::move(w));
+            }
+        }
+    }
+    return u;
+}
+
+std::string exec_program(std::string_view exec_start) {
+    std::string_view s = trim(exec_start);
+    while (!s.empty() && std::string_view("-@:+!|").find(s[0]) != std::string_view::npos) s.remove_prefix(1);
+    return first_word(s);
+}
+
+LsbHeader parse_lsb_header(std::string_view script) {
+    LsbHeader h;
+    bool in = false;
+    std::string chk_desc;
+    for (std::string_view line : split_lines(script)) {
+        line = trim(line);
+        if (line == "### BEGIN INIT INFO") {
+            in = true;
+            continue;
+        }
+        if (line == "### END INIT INFO") break;
+        if (!starts_with(line, "#")) continue;
+        std::string_view body = trim(line.substr(1));
+        const size_t colon = body.find(':');
+        if (colon == std::string_view::npos) continue;
+        const std::string_view key = trim(body.substr(0, colon));
+        const std::string_view val = trim(body.substr(colon + 1));
+        if (in && key == "Short-Description")
+            h.short_description = std::string(val);
+        else if (in && key == "Default-Start")
+            h.default_start = std::string(val);
+        else if (!in && key == "description" && chk_desc.empty())
+            chk_desc = std::string(val);  // chkconfig style
+    }
+    if (h.short_description.empty()) h.short_description = chk_desc;
+    return h;
+}
+
+DesktopEntry parse_desktop_entry(std::string_view text) {
+    DesktopEntry d;
+    bool in = false;
+    for (std::string_view line : split_lines(text)) {
+        line = trim(line);
+        if (line.empty() || line[0] == '#') continue;
+        if (line[0] == '[') {
+            in = line == "[Desktop Entry]";
+            continue;
+        }
+        if (!in) continue;
+        const size_t eq = line.find('=');
+        if (eq == std::string_view::npos) continue;
+        const std::string_view key = trim(line.substr(0, eq));
+        const std::string_view val = trim(line.substr(eq + 1));
+        if (key == "Name")
+            d.name = std::string(val);
+        else if (key == "Exec")
+            d.exec = std::string(val);
+        else if (key == "Comment")
+            d.comment = std::string(val);
+        else if (key == "Hidden")
+            d.hidden = truthy(val);
+        else if (key == "X-GNOME-Autostart-enabled")
+            d.autostart_enabled = truthy(val);
+        else if (key == "OnlyShowIn")
+            d.only_show_in = std::string(val);
+    }
+    return d;
+}
+
+// ---- systemd units ------------------------------------------------------
+
+namespace {
+
+struct Link {
+    std::string name;       // name of the link
+    std::string dest_base;  // last component of its target, as written
+    std::string subdir;     // "multi-user.target.wants", empty at top level
+};
+
+struct UnitDir {
+    std::string path;  // canonical host path
+    bool persistent_config = false;
+    bool runtime = false;
+    bool transient = false;
+    std::vector<Link> links;
+    std::set<std::string> names;  // unit names (files and links) at top level
+};
+
+bool valid_unit_name(std::string_view n) {
+    static const char* const kTypes[] = {".service",   ".socket", ".target", ".timer", ".path",  ".mount",
+                                         ".automount", ".swap",   ".slice",  ".scope", ".device"};
+    if (n.empty() || n.size() > 255 || n[0] == '.') return false;
+    for (const char* t : kTypes)
+        if (ends_with(n, t) && n.size() > std::string_view(t).size()) return true;
+    return false;
+}
+
+bool is_template(std::string_view n) {
+    const size_t at = n.find('@');
+    const size_t dot = n.rfind('.');
+    return at != std::string_view::npos && dot == at + 1;
+}
+
+bool is_instance(std::string_view n) {
+    const size_t at = n.find('@');
+    const size_t dot = n.rfind('.');
+    return at != std::string_view::npos && dot != std::string_view::npos && dot > at + 1;
+}
+
+std::string template_of(std::string_view instance) {
+    const size_t at = instance.find('@');
+    const size_t dot = instance.rfind('.');
+    return std::string(instance.substr(0, at + 1)) + std::string(instance.substr(dot));
+}
+
+std::vector<UnitDir> scan_unit_dirs(const HostRoot& root) {
+    struct Spec {
+        const char* path;
+        bool persistent, runtime, transient;
+    };
+    static const Spec kDirs[] = {
+        {"/etc/systemd/system.control", false, false, false},
+        {"/run/systemd/system.control", false, true, false},
+        {"/run/systemd/transient", false, true, true},
+        {"/etc/systemd/system", true, false, false},
+        {"/run/systemd/system", false, true, false},
+        {"/usr/local/lib/systemd/system", false, false, false},
+        {"/lib/systemd/system", false, false, false},
+        {"/usr/lib/systemd/system", false, false, false},
+    };
+    std::vector<UnitDir> dirs;
+    std::set<std::string> seen;
+    for (const Spec& s : kDirs) {
+        const std::string canon = resolve_host_path(root, s.path);
+        if (canon.empty() || !seen.insert(canon).second) continue;  // /lib -> /usr/lib on merged hosts
+        struct stat st;
+        if (::stat(root.path(canon).c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) continue;
+        UnitDir d;
+        d.path = canon;
+        d.persistent_config = s.persistent;
+        d.runtime = s.runtime;
+        d.transient = s.transient;
+        const std::string top = root.path(canon);
+        for (const std::string& n : list_dir(top)) {
+            struct stat es;
+            if (::lstat((top + "/" + n).c_str(), &es) != 0) continue;
+            if (S_ISDIR(es.st_mode)) {
+                if (!(ends_with(n, ".wants") || ends_with(n, ".requires") || ends_with(n, ".upholds")))
+                    continue;
+                for (const std::string& ln : list_dir(top + "/" + n)) {
+                    const std::string t = read_link(top + "/" + n + "/" + ln);
+                    if (!t.empty()) d.links.push_back(Link{ln, std::string(base_name(t)), n});
+                }
+            } else if (S_ISLNK(es.st_mode) || S_ISREG(es.st_mode)) {
+                if (!valid_unit_name(n)) continue;
+                d.names.insert(n);
+                if (S_ISLNK(es.st_mode)) {
+                    const std::string t = read_link(top + "/" + n);
+                    if (!t.empty()) d.links.push_back(Link{n, std::string(base_name(t)), ""});
+                }
+            }
+        }
+        dirs.push_back(std::move(d));
+    }
+    return dirs;
+}
+
+struct Discovered {
+    enum Kind { kRegular, kMasked, kBad } kind = kBad;
+    std::string name;  // name of the unit file finally loaded
+    std::string path;  // its host path (the masking link for a masked unit)
+    UnitFile unit;
+};
+
+// Where a unit name leads: following links to a file of the same name
+// ("linked") or to another unit name (an alias, looked up afresh).
+Discovered discover(const HostRoot& root, const std::vector<UnitDir>& dirs, const std::string& start) {
+    Discovered d;
+    std::string name = start;
+    std::string path;
+    for (int hop = 0; hop < kMaxLinks; ++hop) {
+        if (path.empty()) {
+            for (const UnitDir& u : dirs)
+                if (u.names.count(name)) {
+                    path = u.path + "/" + name;
+                    break;
+                }
+            if (path.empty() && is_instance(name)) {
+                const std::string t = template_of(name);
+                for (const UnitDir& u : dirs)
+                    if (u.names.count(t)) {
+                        path = u.path + "/" + t;
+                        break;
+                    }
+            }
+            if (path.empty()) return d;
+        }
+        struct stat st;
+        if (is_special_tree(path) || ::lstat(root.path(path).c_str(), &st) != 0) return d;
+        if (S_ISLNK(st.st_mode)) {
+            const std::string t = read_link(root.path(path));
+            if (t.empty()) return d;
+            const std::string target = normalize(t[0] == '/' ? t : dir_name(path) + "/" + t);
+            if (target == "/dev/null" || resolve_host_path(root, target, true) == "/dev/null") {
+                d.kind = Discovered::kMasked;
+                d.name = name;
+                d.path = path;
+                return d;
+            }
+            const std::string tb(base_name(target));
+            if (tb == name || (is_instance(name) && tb == template_of(name))) {
+                // linked unit file; its directories may be links themselves
+                const std::string dir = resolve_host_path(root, dir_name(target));
+                if (dir.empty()) return d;
+                path = (dir == "/" ? "" : dir) + "/" + tb;
+            } else {
+                if (!valid_unit_name(tb)) return d;
+                // alias: foo@x.service -> bar@.service names bar@x.service
+                name = (is_instance(name) && is_template(tb))
+                           ? tb.substr(0, tb.find('@') + 1) + name.substr(name.find('@') + 1)
+                           : tb;
+                path.clear();
+            }
+            continue;
+        }
+        if (!S_ISREG(st.st_mode)) return d;
+        d.name = name;
+        d.path = path;
+        if (st.st_size == 0) {
+            d.kind = Discovered::kMasked;
+            return d;
+        }
+        std::string text;
+        if (read_file(root.path(path), text, kConfigMax, kNoFollow) != 0) return d;
+        d.unit = parse_unit_file(text);
+        d.kind = Discovered::kRegular;
+        return d;
+    }
+    return d;
+}
+
+bool known_link_name(const std::string& name, const Discovered& u, const std::string& link) {
+    if (link == name) return true;
+    if (std::find(u.unit.aliases.begin(), u.unit.aliases.end(), link) != u.unit.aliases.end()) return true;
+    if (!u.unit.default_instance.empty() && is_template(name)) {
+        const std::string inst =
+            name.substr(0, name.find('@') + 1) + u.unit.default_instance + name.substr(name.rfind('.'));
+        return link == inst;
+    }
+    return false;
+}
+
+// State of a unit from the links that point at it, in search-path order.
+// Returns empty when no link decides.
+std::string link_state(const std::vector<UnitDir>& dirs, const std::string& name, const Discovered& u,
+                       bool match_names) {
+    bool ignore_same_name = false, enabled_runtime = false, enabled_elsewhere = false;
+    bool same_config = false, same_runtime = false;
+    for (const UnitDir& d : dirs) {
+        bool found = false, same = false;
+        for (const Link& l : d.links) {
+            const bool found_path = !ignore_same_name && l.name == name;
+            const bool found_dest = l.dest_base == name;
+            if (found_path && found_dest && l.subdir.empty()) {
+                same = true;
+            } else if ((found_path || found_dest) && (!match_names || known_link_name(name, u, l.name))) {
+                found = true;
+                break;
+            }
+        }
+        if (found) {
+            if (d.persistent_config) return "enabled";
+            if (d.runtime)
+                enabled_runtime = true;
+            else
+                enabled_elsewhere = true;
+        } else if (same) {
+            if (d.persistent_config)
+                same_config = true;
+            else if (d.runtime)
+                same_runtime = true;
+        }
+        if (!ignore_same_name && starts_with(u.path, d.path + "/")) ignore_same_name = true;
+    }
+    if (enabled_runtime) return "enabled-runtime";
+    if (enabled_elsewhere && is_instance(name)) return "static";
+    if (same_config) return "linked";
+    if (same_runtime) return "linked-runtime";
+    return std::string();
+}
+
+bool under_runtime(const std::vector<UnitDir>& dirs, const std::string& path) {
+    for (const UnitDir& d : dirs)
+        if (d.runtime && starts_with(path, d.path + "/")) return true;
+    return starts_with(path, "/run/");
+}
+
+std::string unit_state(const std::vector<UnitDir>& dirs, const std::string& name, const Discovered& u) {
+    switch (u.kind) {
+        case Discovered::kBad:
+            return "bad";
+        case Discovered::kMasked:
+            return under_runtime(dirs, u.path) ? "masked-runtime" : "masked";
+        case Discovered::kRegular:
+            break;
+    }
+    if (name != base_name(u.path) && !is_instance(u.name)) return "alias";
+    if (starts_with(u.path, "/run/systemd/transient/")) return "transient";
+    std::string s = link_state(dirs, name, u, true);
+    if (!s.empty()) return s;
+    if (!link_state(dirs, name, u, false).empty()) return "indirect";
+    if (u.unit.has_install_rules()) return "disabled";
+    if (!u.unit.also.empty()) return "indirect";
+    return "static";
+}
+
+// The target units whose .wants/.requires directories start this unit.
+std::string unit_levels(const std::vector<UnitDir>& dirs, const std::string& name) {
+    std::vector<std::string> out;
+    for (const UnitDir& d : dirs)
+        for (const Link& l : d.links) {
+            if (l.subdir.empty() || (l.name != name && l.dest_base != name)) continue;
+            const std::string target = l.subdir.substr(0, l.subdir.rfind('.'));
+            if (std::find(out.begin(), out.end(), target) == out.end()) out.push_back(target);
+        }
+    std::string s;
+    for (const std::string& t : out) s += (s.empty() ? "" : ",") + t;
+    return s;
+}
+
+// Host path of a program named by a command line: absolute as given, or
+// searched the way systemd and session managers search PATH.
+std::string program_path(const HostRoot& root, const std::string& prog) {
+    if (prog.empty()) return std::string();
+    if (prog[0] == '/') return resolve_host_path(root, prog);
+    if (prog.find('/') != std::string::npos) return std::string();
+    for (const char* dir : {"/usr/local/sbin", "/usr/local/bin", "/usr/sbin", "/usr/bin", "/sbin", "/bin"}) {
+        const std::string p = resolve_host_path(root, std::string(dir) + "/" + prog);
+        struct stat st;
+        if (!p.empty() && ::stat(root.path(p).c_str(), &st) == 0 && S_ISREG(st.st_mode)) return p;
+    }
+    return std::string();
+}
+
+struct Pending {
+    AM::AutoRunServInfo rec;
+    std::string facts_path;  // host path whose facts the record carries
+};
+
+void collect_units(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
+    const std::vector<UnitDir> dirs = scan_unit_dirs(root);
+    if (!dirs.empty()) any_source = true;
+    std::set<std::string> done;
+    for (const UnitDir& d : dirs) {
+        for (const std::string& name : d.names) {
+            if (!done.insert(name).second) continue;  // a higher directory already named it
+            const Discovered u = discover(root, dirs, name);
+            Pending p;
+            p.rec.name = name;
+            p.rec.script_path = u.path.empty() ? d.path + "/" + name : u.path;
+            p.rec.status = unit_state(dirs, name, u);
+            p.rec.level = unit_levels(dirs, name);
+            p.rec.comment = u.unit.description;
+            p.rec.verified = false;
+            if (u.kind == Discovered::kRegular) {
+                // A unit that runs nothing itself (target, timer, socket) carries its own file's facts.
+                p.facts_path =
+                    u.unit.exec_start.empty() ? u.path : program_path(root, exec_program(u.unit.exec_start));
+            }
+            out.push_back(std::move(p));
+        }
+    }
+}
+
+// ---- SysV, rc.local, XDG -------------------------------------------------
+
+void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
+    const std::string initd = resolve_host_path(root, "/etc/init.d");
+    if (initd.empty()) return;
+    std::vector<std::string> scripts = list_dir(root.path(initd));
+    if (scripts.empty()) return;
+    any_source = true;
+    std::sort(scripts.begin(), scripts.end());
+    // runlevel -> names started there
+    std::map<std::string, std::string> levels;
+    for (const char* lv : {"0", "1", "2", "3", "4", "5", "6", "S"}) {
+        const std::string rcd = resolve_host_path(root, "/etc/rc" + std::string(lv) + ".d");
+        if (rcd.empty()) continue;
+        for (const std::string& n : list_dir(root.path(rcd))) {
+            if (n.size() < 4 || n[0] != 'S' || !isdigit(static_cast<unsigned char>(n[1])) ||
+                !isdigit(static_cast<unsigned char>(n[2])))
+                continue;
+            const std::string target = read_link(root.path(rcd + "/" + n));
+            const std::string script = target.empty() ? n.substr(3) : std::string(base_name(target));
+            std::string& l = levels[script];
+            if (l.find(lv) == std::string::npos) l += lv;
+        }
+    }
+    for (const std::string& n : scripts) {
+        if (n == "README" || n == "skeleton" || n.find(".dpkg-") != std::string::npos || ends_with(n, "~") ||
+            n[0] == '.')
+            continue;
+        const std::string host = initd + "/" + n;
+        struct stat st;
+        if (::lstat(root.path(host).c_str(), &st) != 0) continue;
+        const std::string real = S_ISLNK(st.st_mode) ? resolve_host_path(root, host) : host;
+        if (real.empty() || ::stat(root.path(real).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        std::string text;
+        read_file(root.path(real), text, 64u << 10);  // the LSB header sits at the top
+        const LsbHeader h = parse_lsb_header(text);
+        Pending p;
+        p.rec.name = n;
+        p.rec.script_path = host;
+        p.rec.level = levels.count(n) ? levels[n] : std::string();
+        p.rec.comment = h.short_description;
+        p.rec.status = p.rec.level.empty() ? "disabled" : "enabled";
+        p.rec.verified = false;
+        p.facts_path = real;
+        out.push_back(std::move(p));
+    }
+}
+
+void collect_rc_local(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
+    const std::string real = resolve_host_path(root, "/etc/rc.local");
+    struct stat st;
+    if (real.empty() || ::stat(root.path(real).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return;
+    any_source = true;
+    if (!(st.st_mode & 0111)) return;  // not executable: never run
+    Pending p;
+    p.rec.name = "rc.local";
+    p.rec.script_path = "/etc/rc.local";
+    p.rec.status = "enabled";
+    p.rec.verified = false;
+    p.facts_path = real;
+    out.push_back(std::move(p));
+}
+
+void collect_xdg(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
+    const std::string dir = resolve_host_path(root, "/etc/xdg/autostart");
+    if (dir.empty()) return;
+    std::vector<std::string> names = list_dir(root.path(dir));
+    std::sort(names.begin(), names.end());
+    for (const std::string& n : names) {
+        if (!ends_with(n, ".desktop")) continue;
+        any_source = true;
+        const std::string host = dir + "/" + n;
+        const std::string real = resolve_host_path(root, host);
+        std::string text;
+        if (real.empty() || read_file(root.path(real), text, kConfigMax) != 0) continue;
+        const DesktopEntry e = parse_desktop_entry(text);
+        Pending p;
+        p.rec.name = n;
+        p.rec.script_path = host;
+        p.rec.comment = e.comment.empty() ? e.name : e.comment;
+        p.rec.status = (e.hidden || !e.autostart_enabled) ? "disabled" : "enabled";
+        p.rec.level = e.only_show_in;
+        p.rec.verified = false;
+        // "env VAR=x prog": the program is the first word that is not an assignment.
+        std::vector<std::string> w = words(e.exec);
+        size_t i = 0;
+        if (i < w.size() && (w[i] == "env" || ends_with(w[i], "/env"))) {
+            ++i;
+            while (i < w.size() && w[i].find('=') != std::string::npos) ++i;
+        }
+        std::string prog = i < w.size() ? first_word(e.exec.substr(e.exec.find(w[i]))) : std::string();
+        p.facts_path = program_path(root, prog);
+        out.push_back(std::move(p));
+    }
+}
+
+}  // namespace
+
+int32_t collect_autoruns(const HostRoot& root, std::vector<AM::AutoRunServInfo>& out) {
+    try {
+        out.clear();
+        std::vector<Pending> found;
+        bool any = false;
+        collect_units(root, found, any);
+        collect_sysv(root, found, any);
+        collect_rc_local(root, found, any);
+        collect_xdg(root, found, any);
+        std::vector<FileRef> refs;
+        std::vector<size_t> idx;
+        for (size_t i = 0; i < found.size(); ++i) {
+            if (found[i].facts_path.empty()) continue;
+            FileRef r;
+            r.host_path = found[i].facts_path;
+            refs.push_back(std::move(r));
+            idx.push_back(i);
+        }
+        const std::vector<FileFacts> facts = file_facts_many(root, refs);
+        for (size_t k = 0; k < idx.size() && k < facts.size(); ++k) {
+            AM::AutoRunServInfo& r = found[idx[k]].rec;
+            r.md5 = facts[k].md5;
+            r.sha256 = facts[k].sha256;
+            r.company = facts[k].company;
+            r.verified = facts[k].verified;
+        }
+        out.reserve(found.size());
+        for (Pending& p : found) out.push_back(std::move(p.rec));
+        return any ? 0 : -ENOENT;
+    } catch (const std::bad_alloc&) {
+        out.clear();
+        return -ENOMEM;
+    } catch (...) {
+        out.clear();
+        return -EIO;
+    }
+}
 
 }  // namespace amsvc

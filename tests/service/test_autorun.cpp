@@ -1,0 +1,251 @@
+// Auto-start entries: unit-file states against `systemctl list-unit-files
+// --root` on a tree built here and on this host; SysV, rc.local, XDG; hostile trees.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <map>
+#include <string>
+
+#include "sysfacts.h"
+
+using namespace amsvc;
+
+namespace {
+
+std::string run(const std::string& cmd) {
+    std::string out;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return out;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    pclose(p);
+    return out;
+}
+
+struct Tree {
+    std::string root;
+    Tree() {
+        char tmpl[] = "/tmp/amauto_XXXXXX";
+        root = mkdtemp(tmpl) ? tmpl : "";
+    }
+    ~Tree() { run("rm -rf '" + root + "'"); }
+    void file(const std::string& p, const std::string& text, mode_t mode = 0644) const {
+        run("mkdir -p '" + root + p.substr(0, p.rfind('/')) + "'");
+        std::ofstream(root + p) << text;
+        chmod((root + p).c_str(), mode);
+    }
+    void link(const std::string& p, const std::string& target) const {
+        run("mkdir -p '" + root + p.substr(0, p.rfind('/')) + "'");
+        ASSERT_EQ(symlink(target.c_str(), (root + p).c_str()), 0) << p;
+    }
+};
+
+std::map<std::string, std::string> systemctl_states(const std::string& root) {
+    std::map<std::string, std::string> m;
+    const std::string out =
+        run("systemctl list-unit-files --root='" + root + "' --no-legend --no-pager 2>/dev/null");
+    for (std::string_view line : split_lines(out)) {
+        const auto f = split_ws(line);
+        if (f.size() >= 2) m[std::string(f[0])] = std::string(f[1]);
+    }
+    return m;
+}
+
+std::map<std::string, const AM::AutoRunServInfo*> by_name(const std::vector<AM::AutoRunServInfo>& v) {
+    std::map<std::string, const AM::AutoRunServInfo*> m;
+    for (const auto& r : v) m[r.name] = &r;
+    return m;
+}
+
+bool is_unit(const std::string& n) {
+    for (const char* t : {".service", ".socket", ".target", ".timer", ".path", ".mount", ".automount",
+                          ".swap", ".slice", ".scope", ".device"})
+        if (ends_with(n, t)) return true;
+    return false;
+}
+
+}  // namespace
+
+TEST(AutorunParse, UnitLsbDesktopExec) {
+    const UnitFile u = parse_unit_file(
+        "# c\n[Unit]\nDescription=My\\\n  daemon\n[Service]\nExecStart=\nExecStart=-@/usr/bin/d d --x\n"
+        "ExecStart=/bin/second\n[Install]\nWantedBy=multi-user.target graphical.target\nAlias=x.service\n"
+        "Also=y.socket\nDefaultInstance=tty1\nRequiredBy=\n");
+    EXPECT_EQ(u.description, "My daemon");
+    EXPECT_EQ(u.exec_start, "-@/usr/bin/d d --x");
+    EXPECT_EQ(u.wanted_by.size(), 2u);
+    EXPECT_EQ(u.aliases, std::vector<std::string>{"x.service"});
+    EXPECT_EQ(u.default_instance, "tty1");
+    EXPECT_TRUE(u.has_install_rules());
+    EXPECT_FALSE(parse_unit_file("[Unit]\nDescription=x\n[Install]\nAlso=a.service\n").has_install_rules());
+    EXPECT_EQ(exec_program("-@/usr/bin/d d --x"), "/usr/bin/d");
+    EXPECT_EQ(exec_program("+!!\"/opt/my app/bin\" -a"), "/opt/my app/bin");
+    EXPECT_EQ(exec_program(":-"), "");
+    const LsbHeader h = parse_lsb_header(
+        "#!/bin/sh\n### BEGIN INIT INFO\n# Provides: foo\n# Default-Start:     2 3 4 5\n"
+        "# Short-Description: Foo daemon\n### END INIT INFO\n# Short-Description: later, ignored\n");
+    EXPECT_EQ(h.short_description, "Foo daemon");
+    EXPECT_EQ(h.default_start, "2 3 4 5");
+    EXPECT_EQ(parse_lsb_header("#!/bin/sh\n# description: old style\n").short_description, "old style");
+    const DesktopEntry d = parse_desktop_entry(
+        "[Desktop Entry]\nName=N\nComment=C\nExec=env A=1 prog\nHidden=true\n"
+        "X-GNOME-Autostart-enabled=false\n[Desktop Action x]\nName=Other\n");
+    EXPECT_EQ(d.name, "N");
+    EXPECT_EQ(d.exec, "env A=1 prog");
+    EXPECT_TRUE(d.hidden);
+    EXPECT_FALSE(d.autostart_enabled);
+}
+
+TEST(AutorunParse, ResolveStaysInsideRoot) {
+    Tree t;
+    t.file("/usr/bin/real", "x");
+    t.link("/bin", "usr/bin");
+    t.link("/etc/abs", "/usr/bin/real");
+    t.link("/etc/up", "../../../../../../usr/bin/real");
+    t.link("/etc/loop1", "loop2");
+    t.link("/etc/loop2", "loop1");
+    t.link("/etc/proc", "/proc/self/environ");
+    t.link("/etc/null", "/dev/null");
+    const HostRoot r(t.root);
+    EXPECT_EQ(resolve_host_path(r, "/bin/real"), "/usr/bin/real");
+    EXPECT_EQ(resolve_host_path(r, "/etc/abs"), "/usr/bin/real");
+    EXPECT_EQ(resolve_host_path(r, "/etc/up"), "/usr/bin/real");
+    EXPECT_EQ(resolve_host_path(r, "/etc/loop1"), "");
+    EXPECT_EQ(resolve_host_path(r, "/etc/proc"), "");
+    EXPECT_EQ(resolve_host_path(r, "/etc/null"), "");
+    EXPECT_EQ(resolve_host_path(r, "/etc/null", true), "/dev/null");
+    EXPECT_EQ(resolve_host_path(r, "/etc/missing"), "");
+}
+
+TEST(AutorunCollect, FixtureMatchesSystemctl) {
+    Tree t;
+    const std::string lib = "/lib/systemd/system", etc = "/etc/systemd/system";
+    t.file("/usr/bin/a-daemon", "#!/bin/sh\necho a\n", 0755);
+    t.file(lib + "/multi-user.target", "[Unit]\nDescription=Multi-User\n");
+    t.file(lib + "/a.service",
+           "[Unit]\nDescription=Service A\n[Service]\nExecStart=-/usr/bin/a-daemon --x\n"
+           "[Install]\nWantedBy=multi-user.target\n");
+    t.link(etc + "/multi-user.target.wants/a.service", lib + "/a.service");
+    t.file(lib + "/b.service", "[Service]\nExecStart=b-prog\n[Install]\nWantedBy=multi-user.target\n");
+    t.file(lib + "/c.service", "[Unit]\nDescription=static one\n[Service]\nExecStart=/bin/true\n");
+    t.file(lib + "/m.service", "[Service]\nExecStart=/bin/true\n[Install]\nWantedBy=multi-user.target\n");
+    t.link(etc + "/m.service", "/dev/null");
+    t.link(lib + "/alias-of-a.service", "a.service");
+    t.file(lib + "/d.service", "[Service]\nExecStart=/bin/true\n[Install]\nAlias=dee.service\n");
+    t.link(etc + "/dee.service", lib + "/d.service");
+    t.file("/opt/units/e.service", "[Service]\nExecStart=/bin/true\n[Install]\nWantedBy=multi-user.target\n");
+    t.link(etc + "/e.service", "/opt/units/e.service");
+    t.file(lib + "/t@.service",
+           "[Service]\nExecStart=/bin/true\n[Install]\nWantedBy=multi-user.target\n"
+           "DefaultInstance=x\n");
+    t.link(etc + "/multi-user.target.wants/t@x.service", lib + "/t@.service");
+    t.file(lib + "/u@.service", "[Service]\nExecStart=/bin/true\n[Install]\nWantedBy=multi-user.target\n");
+    t.link(etc + "/multi-user.target.wants/u@y.service", lib + "/u@.service");
+    t.file(lib + "/f.timer", "[Unit]\nDescription=timer\n[Timer]\nOnCalendar=daily\n");
+    t.file(lib + "/g.socket", "[Socket]\nListenStream=1\n[Install]\nAlso=g2.service\n");
+    t.file(lib + "/empty.service", "");
+    t.file(etc + "/local.service", "[Service]\nExecStart=/bin/true\n[Install]\nWantedBy=multi-user.target\n");
+    t.link(etc + "/multi-user.target.wants/local.service", "../local.service");
+    // SysV, rc.local, XDG
+    t.file("/etc/init.d/foo", "#!/bin/sh\n### BEGIN INIT INFO\n# Short-Description: Foo\n### END INIT INFO\n",
+           0755);
+    t.file("/etc/init.d/bar", "#!/bin/sh\n", 0755);
+    t.file("/etc/init.d/README", "docs");
+    for (const char* lv : {"2", "3", "5", "S"})
+        t.link(std::string("/etc/rc") + lv + ".d/S01foo", "../init.d/foo");
+    t.link("/etc/rc0.d/K01foo", "../init.d/foo");
+    t.file("/etc/rc.local", "#!/bin/sh\nexit 0\n", 0755);
+    t.file("/etc/xdg/autostart/x.desktop", "[Desktop Entry]\nName=X\nExec=a-daemon --y\nHidden=true\n");
+    t.file("/etc/xdg/autostart/y.desktop",
+           "[Desktop Entry]\nName=Y\nComment=Why\nExec=env A=1 /usr/bin/a-daemon\n");
+
+    std::vector<AM::AutoRunServInfo> v;
+    ASSERT_EQ(collect_autoruns(HostRoot(t.root), v), 0);
+    const auto m = by_name(v);
+    const auto want = systemctl_states(t.root);
+    ASSERT_GE(want.size(), 10u) << "systemctl list-unit-files --root did not run";
+    size_t units = 0;
+    for (const auto& r : v) {
+        if (!is_unit(r.name)) continue;
+        ++units;
+        ASSERT_TRUE(want.count(r.name)) << r.name;
+        EXPECT_EQ(r.status, want.at(r.name)) << r.name;
+    }
+    EXPECT_EQ(units, want.size());
+    // The states this tree was built to show.
+    EXPECT_EQ(m.at("a.service")->status, "enabled");
+    EXPECT_EQ(m.at("m.service")->status, "masked");
+    EXPECT_EQ(m.at("alias-of-a.service")->status, "alias");
+    EXPECT_EQ(m.at("e.service")->status, "linked");
+    EXPECT_EQ(m.at("c.service")->status, "static");
+
+    const auto* a = m.at("a.service");
+    EXPECT_EQ(a->script_path, lib + "/a.service");
+    EXPECT_EQ(a->comment, "Service A");
+    EXPECT_EQ(a->level, "multi-user.target");
+    // Digests are those of the program the unit starts.
+    const std::string md5 = run("md5sum '" + t.root + "/usr/bin/a-daemon' | cut -d' ' -f1");
+    EXPECT_EQ(a->md5 + "\n", md5);
+    EXPECT_EQ(m.at("y.desktop")->md5 + "\n", md5);
+    EXPECT_EQ(m.at("x.desktop")->md5 + "\n", md5);  // found on PATH under the root
+    EXPECT_EQ(m.at("x.desktop")->status, "disabled");
+    EXPECT_EQ(m.at("y.desktop")->comment, "Why");
+    EXPECT_EQ(m.at("y.desktop")->status, "enabled");
+    EXPECT_EQ(m.at("b.service")->md5, "");  // b-prog exists nowhere: nothing to hash
+    EXPECT_EQ(m.at("foo")->level, "235S");
+    EXPECT_EQ(m.at("foo")->status, "enabled");
+    EXPECT_EQ(m.at("foo")->comment, "Foo");
+    EXPECT_EQ(m.at("bar")->status, "disabled");
+    EXPECT_EQ(m.count("README"), 0u);
+    EXPECT_EQ(m.at("rc.local")->status, "enabled");
+    EXPECT_EQ(m.at("rc.local")->sha256.size(), 64u);
+}
+
+TEST(AutorunCollect, HostileTree) {
+    Tree t;
+    const std::string lib = "/lib/systemd/system";
+    t.link(lib + "/loop1.service", "loop2.service");
+    t.link(lib + "/loop2.service", "loop1.service");
+    t.link(lib + "/proc.service", "/proc/self/environ");
+    t.link(lib + "/dangling.service", "/nowhere/x.service");
+    ASSERT_EQ(mkfifo((t.root + lib + "/fifo.service").c_str(), 0644), 0);
+    t.file(lib + "/huge.service", "[Unit]\nDescription=" + std::string(4 << 20, 'x') + "\n");
+    t.file(lib + "/escape.service", "[Service]\nExecStart=/../../../../etc/shadow\n");
+    t.link("/etc/init.d/evil", "/proc/1/environ");
+    ASSERT_EQ(mkfifo((t.root + "/etc/rc.local").c_str(), 0755), 0);
+    t.link("/etc/xdg/autostart/z.desktop", "/dev/zero");
+    std::vector<AM::AutoRunServInfo> v;
+    EXPECT_EQ(collect_autoruns(HostRoot(t.root), v), 0);
+    const auto m = by_name(v);
+    EXPECT_EQ(m.at("loop1.service")->status, "bad");
+    EXPECT_EQ(m.at("proc.service")->status, "bad");
+    EXPECT_EQ(m.at("dangling.service")->status, "bad");
+    EXPECT_EQ(m.count("fifo.service"), 0u);                     // not a unit file
+    EXPECT_LE(m.at("huge.service")->comment.size(), 1u << 20);  // read bounded, kept as far as read
+    // The host's /etc/shadow is outside the root: the record names no digest of it.
+    EXPECT_EQ(m.at("escape.service")->md5, "");
+    EXPECT_EQ(m.count("evil"), 0u);
+    EXPECT_EQ(m.count("rc.local"), 0u);
+    EXPECT_EQ(collect_autoruns(HostRoot("/nonexistent/root"), v), -ENOENT);
+    EXPECT_TRUE(v.empty());
+}
+
+TEST(AutorunCollect, HostMatchesSystemctl) {
+    std::vector<AM::AutoRunServInfo> v;
+    ASSERT_EQ(collect_autoruns(HostRoot("/"), v), 0);
+    const auto want = systemctl_states("/");
+    if (want.empty()) GTEST_SKIP() << "no systemctl here";
+    size_t units = 0;
+    for (const auto& r : v) {
+        if (!is_unit(r.name)) continue;
+        ++units;
+        ASSERT_TRUE(want.count(r.name)) << r.name;
+        EXPECT_EQ(r.status, want.at(r.name)) << r.name;
+    }
+    EXPECT_EQ(units, want.size());
+}
