@@ -7,7 +7,7 @@ PACKAGES=(
   liblua5.1-0-dev lua5.1 luajit libtolua++5.1-dev lua-busted lua-cjson
   libboost-thread-dev libssl-dev libkmod-dev librpm-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  rpm kmod systemd iproute2 procps passwd login cron debsums python3-psutil
+  rpm kmod systemd iproute2 procps passwd login cron debsums python3-psutil facter
 )
 
 missing=()
