@@ -11,39 +11,13 @@
 #include <string>
 
 #include "sysfacts.h"
+#include "test_util.h"
 
 using namespace amsvc;
 
 namespace {
 
-std::string run(const std::string& cmd) {
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    pclose(p);
-    return out;
-}
-
-struct Tree {
-    std::string root;
-    Tree() {
-        char tmpl[] = "/tmp/amauto_XXXXXX";
-        root = mkdtemp(tmpl) ? tmpl : "";
-    }
-    ~Tree() { run("rm -rf '" + root + "'"); }
-    void file(const std::string& p, const std::string& text, mode_t mode = 0644) const {
-        run("mkdir -p '" + root + p.substr(0, p.rfind('/')) + "'");
-        std::ofstream(root + p) << text;
-        chmod((root + p).c_str(), mode);
-    }
-    void link(const std::string& p, const std::string& target) const {
-        run("mkdir -p '" + root + p.substr(0, p.rfind('/')) + "'");
-        ASSERT_EQ(symlink(target.c_str(), (root + p).c_str()), 0) << p;
-    }
-};
+using amtest::run;
 
 std::map<std::string, std::string> systemctl_states(const std::string& root) {
     std::map<std::string, std::string> m;
@@ -102,7 +76,7 @@ TEST(AutorunParse, UnitLsbDesktopExec) {
 }
 
 TEST(AutorunParse, ResolveStaysInsideRoot) {
-    Tree t;
+    amtest::TempDir t("amauto");
     t.file("/usr/bin/real", "x");
     t.link("/bin", "usr/bin");
     t.link("/etc/abs", "/usr/bin/real");
@@ -111,7 +85,7 @@ TEST(AutorunParse, ResolveStaysInsideRoot) {
     t.link("/etc/loop2", "loop1");
     t.link("/etc/proc", "/proc/self/environ");
     t.link("/etc/null", "/dev/null");
-    const HostRoot r(t.root);
+    const HostRoot r(t.path);
     EXPECT_EQ(resolve_host_path(r, "/bin/real"), "/usr/bin/real");
     EXPECT_EQ(resolve_host_path(r, "/etc/abs"), "/usr/bin/real");
     EXPECT_EQ(resolve_host_path(r, "/etc/up"), "/usr/bin/real");
@@ -123,7 +97,7 @@ TEST(AutorunParse, ResolveStaysInsideRoot) {
 }
 
 TEST(AutorunCollect, FixtureMatchesSystemctl) {
-    Tree t;
+    amtest::TempDir t("amauto");
     const std::string lib = "/lib/systemd/system", etc = "/etc/systemd/system";
     t.file("/usr/bin/a-daemon", "#!/bin/sh\necho a\n", 0755);
     t.file(lib + "/multi-user.target", "[Unit]\nDescription=Multi-User\n");
@@ -165,9 +139,9 @@ TEST(AutorunCollect, FixtureMatchesSystemctl) {
            "[Desktop Entry]\nName=Y\nComment=Why\nExec=env A=1 /usr/bin/a-daemon\n");
 
     std::vector<AM::AutoRunServInfo> v;
-    ASSERT_EQ(collect_autoruns(HostRoot(t.root), v), 0);
+    ASSERT_EQ(collect_autoruns(HostRoot(t.path), v), 0);
     const auto m = by_name(v);
-    const auto want = systemctl_states(t.root);
+    const auto want = systemctl_states(t.path);
     ASSERT_GE(want.size(), 10u) << "systemctl list-unit-files --root did not run";
     size_t units = 0;
     for (const auto& r : v) {
@@ -189,7 +163,7 @@ TEST(AutorunCollect, FixtureMatchesSystemctl) {
     EXPECT_EQ(a->comment, "Service A");
     EXPECT_EQ(a->level, "multi-user.target");
     // Digests are those of the program the unit starts.
-    const std::string md5 = run("md5sum '" + t.root + "/usr/bin/a-daemon' | cut -d' ' -f1");
+    const std::string md5 = run("md5sum '" + t.path + "/usr/bin/a-daemon' | cut -d' ' -f1");
     EXPECT_EQ(a->md5 + "\n", md5);
     EXPECT_EQ(m.at("y.desktop")->md5 + "\n", md5);
     EXPECT_EQ(m.at("x.desktop")->md5 + "\n", md5);  // found on PATH under the root
@@ -207,20 +181,20 @@ TEST(AutorunCollect, FixtureMatchesSystemctl) {
 }
 
 TEST(AutorunCollect, HostileTree) {
-    Tree t;
+    amtest::TempDir t("amauto");
     const std::string lib = "/lib/systemd/system";
     t.link(lib + "/loop1.service", "loop2.service");
     t.link(lib + "/loop2.service", "loop1.service");
     t.link(lib + "/proc.service", "/proc/self/environ");
     t.link(lib + "/dangling.service", "/nowhere/x.service");
-    ASSERT_EQ(mkfifo((t.root + lib + "/fifo.service").c_str(), 0644), 0);
+    ASSERT_EQ(mkfifo((t.path + lib + "/fifo.service").c_str(), 0644), 0);
     t.file(lib + "/huge.service", "[Unit]\nDescription=" + std::string(4 << 20, 'x') + "\n");
     t.file(lib + "/escape.service", "[Service]\nExecStart=/../../../../etc/shadow\n");
     t.link("/etc/init.d/evil", "/proc/1/environ");
-    ASSERT_EQ(mkfifo((t.root + "/etc/rc.local").c_str(), 0755), 0);
+    ASSERT_EQ(mkfifo((t.path + "/etc/rc.local").c_str(), 0755), 0);
     t.link("/etc/xdg/autostart/z.desktop", "/dev/zero");
     std::vector<AM::AutoRunServInfo> v;
-    EXPECT_EQ(collect_autoruns(HostRoot(t.root), v), 0);
+    EXPECT_EQ(collect_autoruns(HostRoot(t.path), v), 0);
     const auto m = by_name(v);
     EXPECT_EQ(m.at("loop1.service")->status, "bad");
     EXPECT_EQ(m.at("proc.service")->status, "bad");

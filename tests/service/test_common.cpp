@@ -8,25 +8,13 @@
 #include <fstream>
 
 #include "common.h"
+#include "test_util.h"
 
 namespace {
 
 using namespace amsvc;
 
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/amsvc_common_XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempDir() { (void)!system(("rm -rf '" + path + "'").c_str()); }
-    std::string write(const std::string& rel, const std::string& text) const {
-        const std::string p = path + rel;
-        (void)!system(("mkdir -p \"$(dirname '" + p + "')\"").c_str());
-        std::ofstream(p, std::ios::binary) << text;
-        return p;
-    }
-};
+using amtest::TempDir;
 
 TEST(HostRoot, PlacesHostPathsUnderTheRoot) {
     EXPECT_EQ("/etc/passwd", HostRoot().path("/etc/passwd"));
@@ -39,7 +27,7 @@ TEST(HostRoot, PlacesHostPathsUnderTheRoot) {
 
 TEST(ReadFile, ReadsRegularFilesBoundedAndRefusesEverythingElse) {
     TempDir t;
-    const std::string f = t.write("/a.txt", std::string(100000, 'x'));
+    const std::string f = t.file("/a.txt", std::string(100000, 'x'));
     std::string out;
     EXPECT_EQ(0, read_file(f, out));
     EXPECT_EQ(100000u, out.size());
@@ -70,8 +58,8 @@ TEST(ReadFile, ReadsRegularFilesBoundedAndRefusesEverythingElse) {
 
 TEST(ReadFile, ListsDirectoriesAndLinks) {
     TempDir t;
-    t.write("/d/one", "1");
-    t.write("/d/two", "2");
+    t.file("/d/one", "1");
+    t.file("/d/two", "2");
     std::vector<std::string> names = list_dir(t.path + "/d");
     std::sort(names.begin(), names.end());
     EXPECT_EQ((std::vector<std::string>{"one", "two"}), names);
@@ -117,17 +105,17 @@ TEST(Time, FormatsUtc) {
 
 TEST(Ids, NamesComeFromTheRootsFilesAndFollowChanges) {
     TempDir t;
-    t.write("/etc/passwd",
-            "root:x:0:0::/root:/bin/sh\nbad line\nalice:x:1000:1000::/home/a:/bin/sh\n"
-            "dup:x:1000:1000::/:/bin/sh\nhuge:x:99999999999:1::/:/bin/sh\n");
-    t.write("/etc/group", "root:x:0:\nstaff:x:50:alice\n");
+    t.file("/etc/passwd",
+           "root:x:0:0::/root:/bin/sh\nbad line\nalice:x:1000:1000::/home/a:/bin/sh\n"
+           "dup:x:1000:1000::/:/bin/sh\nhuge:x:99999999999:1::/:/bin/sh\n");
+    t.file("/etc/group", "root:x:0:\nstaff:x:50:alice\n");
     const HostRoot root(t.path);
     EXPECT_EQ("root", user_name(root, 0));
     EXPECT_EQ("alice", user_name(root, 1000));  // the first entry of an id wins, as getpwuid does
     EXPECT_EQ("", user_name(root, 4242));
     EXPECT_EQ("staff", group_name(root, 50));
     sleep(1);  // a new mtime
-    t.write("/etc/passwd", "bob:x:4242:4242::/:/bin/sh\n");
+    t.file("/etc/passwd", "bob:x:4242:4242::/:/bin/sh\n");
     EXPECT_EQ("bob", user_name(root, 4242));
     EXPECT_EQ("", user_name(root, 0));
 }

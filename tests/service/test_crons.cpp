@@ -18,6 +18,7 @@
 
 #include "collectors.h"
 #include "cron_parse.h"
+#include "test_util.h"
 
 namespace fs = std::filesystem;
 using amsvc::AM;
@@ -25,34 +26,9 @@ using namespace amsvc::cron;
 
 namespace {
 
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/amtest_cron_XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempDir() {
-        std::error_code ec;
-        fs::remove_all(path, ec);
-    }
-};
-
-void write_text(const std::string& path, const std::string& text, mode_t mode = 0644) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << text;
-    chmod(path.c_str(), mode);
-}
-
-std::string run(const std::string& cmd) {
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    pclose(p);
-    return out;
-}
+using amtest::run;
+using amtest::TempDir;
+using amtest::write_file;
 
 bool ends_with_timer(const std::string& s) {
     return s.size() > 6 && s.compare(s.size() - 6, 6, ".timer") == 0;
@@ -169,13 +145,13 @@ protected:
         mkfifo((spool + "/fifo").c_str(), 0644);
         std::string garbage;
         for (int i = 0; i < 8192; ++i) garbage += static_cast<char>((i * 97 + 3) & 0xff);
-        write_text(spool + "/garbage", garbage + "\n1 1 1 1 1 /bin/after-garbage\n");
-        write_text(spool + "/huge",
+        write_file(spool + "/garbage", garbage + "\n1 1 1 1 1 /bin/after-garbage\n");
+        write_file(spool + "/huge",
                    "0 0 * * * " + std::string(10u << 20, 'a') + "\n2 2 * * * /bin/after-huge\n");
 
         // cron.d may link to a file root owns and only root writes, nothing else.
-        write_text(d + "/elsewhere/good", "5 5 * * * root /bin/linked\n", 0644);
-        write_text(d + "/elsewhere/open", "5 5 * * * root /bin/world-writable\n", 0666);
+        write_file(d + "/elsewhere/good", "5 5 * * * root /bin/linked\n", 0644);
+        write_file(d + "/elsewhere/open", "5 5 * * * root /bin/world-writable\n", 0666);
         // Link targets are host paths, resolved under the root.
         fs::create_symlink("/elsewhere/good", d + "/etc/cron.d/linked");
         fs::create_symlink("../../elsewhere/open", d + "/etc/cron.d/openlink");
@@ -249,16 +225,16 @@ TEST_F(CronTree, ResultCodes) {
 class CronHost : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (geteuid() != 0 || system("command -v crontab useradd >/dev/null 2>&1") != 0)
+        if (geteuid() != 0 || !amtest::have_tools("crontab useradd"))
             GTEST_SKIP() << "needs root, crontab and useradd";
         (void)!system("userdel amtest_cron >/dev/null 2>&1");
         ASSERT_EQ(system("useradd -M -s /bin/sh amtest_cron"), 0);
         had_root_tab = system("crontab -u root -l > " TMP_SAVED " 2>/dev/null") == 0;
-        write_text(TMP_TAB, "MAILTO=\"\"\n# every five minutes\n*/5 * * * * /usr/bin/amtest-poll --quiet\n");
+        write_file(TMP_TAB, "MAILTO=\"\"\n# every five minutes\n*/5 * * * * /usr/bin/amtest-poll --quiet\n");
         ASSERT_EQ(system("crontab -u amtest_cron " TMP_TAB), 0);
-        write_text(TMP_ROOT_TAB, "@reboot /usr/local/bin/amtest-boot\n");
+        write_file(TMP_ROOT_TAB, "@reboot /usr/local/bin/amtest-boot\n");
         ASSERT_EQ(system("crontab -u root " TMP_ROOT_TAB), 0);
-        write_text("/etc/cron.d/amtest_job", "# cleanup\n30 1 * * 0 nobody /usr/bin/amtest-clean\n");
+        write_file("/etc/cron.d/amtest_job", "# cleanup\n30 1 * * 0 nobody /usr/bin/amtest-clean\n");
     }
     void TearDown() override {
         if (geteuid() != 0) return;
@@ -313,7 +289,7 @@ TEST_F(CronHost, InstalledCrontabs) {
 }
 
 TEST(CronLive, TimersMatchSystemctl) {
-    if (system("command -v systemctl >/dev/null 2>&1") != 0) GTEST_SKIP() << "no systemctl";
+    if (!amtest::have_tools("systemctl")) GTEST_SKIP() << "no systemctl";
     std::map<std::string, std::string> state;  // unit -> enabled/static/disabled...
     std::istringstream in(run("systemctl --root=/ list-unit-files --type=timer --no-legend 2>/dev/null"));
     std::string unit, st;

@@ -11,27 +11,14 @@
 #include <string>
 
 #include "sysfacts.h"
+#include "test_util.h"
 
 using namespace amsvc;
 
 namespace {
 
-std::string run(const std::string& cmd, int* status = nullptr) {
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    const int st = pclose(p);
-    if (status) *status = st;
-    return out;
-}
-
-void write(const std::string& path, const std::string& text) {
-    run("mkdir -p '" + path.substr(0, path.rfind('/')) + "'");
-    std::ofstream(path) << text;
-}
+using amtest::run;
+using amtest::write_file;
 
 // An ELF relocatable object whose .modinfo holds the given key=value strings.
 bool build_module(const std::string& dir, const std::string& name, const std::vector<std::string>& info) {
@@ -39,7 +26,7 @@ bool build_module(const std::string& dir, const std::string& name, const std::ve
     for (size_t i = 0; i < info.size(); ++i)
         c += "static const char m" + std::to_string(i) +
              "[] __attribute__((section(\".modinfo\"), used, aligned(1))) = \"" + info[i] + "\";\n";
-    write(dir + "/" + name + ".c", c);
+    write_file(dir + "/" + name + ".c", c);
     int st = 0;
     run("gcc -c -o '" + dir + "/" + name + ".ko' '" + dir + "/" + name + ".c' 2>&1", &st);
     unlink((dir + "/" + name + ".c").c_str());
@@ -70,13 +57,12 @@ TEST(KmodParse, ProcModulesFields) {
 }
 
 TEST(KmodCollect, FixtureTreeThroughDepmodIndex) {
-    if (system("command -v depmod >/dev/null 2>&1") != 0) GTEST_SKIP() << "depmod (kmod) not installed";
-    char tmpl[] = "/tmp/amkmod_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    const std::string root = tmpl, rel = "6.1.0-fixture";
+    if (!amtest::have_tools("depmod")) GTEST_SKIP() << "depmod (kmod) not installed";
+    amtest::TempDir dir("amkmod");
+    const std::string root = dir.path, rel = "6.1.0-fixture";
     const std::string kdir = root + "/lib/modules/" + rel + "/kernel/drivers";
     run("mkdir -p '" + kdir + "'");
-    write(root + "/proc/sys/kernel/osrelease", rel + "\n");
+    write_file(root + "/proc/sys/kernel/osrelease", rel + "\n");
     ASSERT_TRUE(build_module(kdir, "alpha",
                              {"author=Jane Doe <jane@example.org>", "license=GPL", "name=alpha",
                               "vermagic=" + rel + " SMP mod_unload "}));
@@ -86,16 +72,16 @@ TEST(KmodCollect, FixtureTreeThroughDepmodIndex) {
         f << std::string(12, '\0') << "~Module signature appended~\n";
     }
     ASSERT_TRUE(build_module(kdir, "gamma", {"author=Xz Packer", "name=gamma"}));
-    const bool have_xz = system("command -v xz >/dev/null 2>&1") == 0;
+    const bool have_xz = amtest::have_tools("xz");
     if (have_xz) run("xz '" + kdir + "/gamma.ko'");
     int st = 0;
     run("depmod -b '" + root + "' " + rel + " 2>&1", &st);
     ASSERT_EQ(st, 0);
-    write(root + "/proc/modules",
-          "alpha 16384 2 beta,gamma, Live 0xffffffffc0a00000 (OE)\n"
-          "beta 20480 1 gamma, Live 0xffffffffc0b00000\n"
-          "gamma 8192 0 - Live 0xffffffffc0c00000\n"
-          "notonDisk 4096 0 - Live 0x0000000000000000\nbroken line\n");
+    write_file(root + "/proc/modules",
+               "alpha 16384 2 beta,gamma, Live 0xffffffffc0a00000 (OE)\n"
+               "beta 20480 1 gamma, Live 0xffffffffc0b00000\n"
+               "gamma 8192 0 - Live 0xffffffffc0c00000\n"
+               "notonDisk 4096 0 - Live 0x0000000000000000\nbroken line\n");
 
     std::vector<AM::SysLoadModuleInfo> v;
     ASSERT_EQ(collect_kernel_modules(HostRoot(root), v), 0);
@@ -135,7 +121,6 @@ TEST(KmodCollect, FixtureTreeThroughDepmodIndex) {
     EXPECT_EQ(v[0].path, "");
     EXPECT_EQ(v[1].path, "");
     EXPECT_EQ(v[1].md5, "");
-    run("rm -rf '" + root + "'");
 }
 
 TEST(KmodCollect, MissingSourcesAndHost) {

@@ -32,6 +32,7 @@
 #include <gtest/gtest.h>
 
 #include "netlink_collector.h"
+#include "test_util.h"
 
 using amsvc::AM;
 using amsvc::HostRoot;
@@ -334,18 +335,7 @@ TEST(NetlinkSnapshot, FixtureHostWithContainerNamespace) {
     EXPECT_EQ(out.size(), want.size() - 1);
 }
 
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/am_netlink_XXXXXX";
-        path = mkdtemp(tmpl) ? tmpl : "";
-    }
-    ~TempDir() {
-        if (!path.empty()) std::system(("rm -rf '" + path + "'").c_str());
-    }
-    void mkdir(const std::string& rel) const { ::mkdir((path + rel).c_str(), 0755); }
-    void write(const std::string& rel, const std::string& text) const { std::ofstream(path + rel) << text; }
-};
+using amtest::TempDir;
 
 TEST(NetlinkSnapshot, MissingAndHostileSources) {
     TempDir t;
@@ -368,8 +358,8 @@ TEST(NetlinkSnapshot, MissingAndHostileSources) {
     text += "   0: " + std::string(3u << 20, 'F') + "\n";
     text += "   1: 0100007F:0016 00000000:0000 0A 00000000:00000000 00:00000000 00000000 0 0 42 1\n";
     text += "   2: 0100007F:0017 00000000:00";
-    t.write("/proc/net/udp6", "");
-    t.write("/proc/net/raw", text);
+    t.file("/proc/net/udp6", "");
+    t.file("/proc/net/raw", text);
     ASSERT_EQ(amsvc::collect_netlinks(HostRoot(t.path), out), 0);
     ASSERT_EQ(out.size(), 1u);
     EXPECT_EQ(out[0].proto, "raw");

@@ -15,6 +15,7 @@
 #include "digest_cache.h"
 #include "file_facts.h"
 #include "package_index_impl.h"
+#include "test_util.h"
 
 using namespace amsvc;
 namespace fs = std::filesystem;
@@ -23,32 +24,8 @@ namespace {
 
 const std::string kFixtures = std::string(ASSETMAN_FIXTURES) + "/packages";
 
-std::string run(const std::string& cmd) {
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return out;
-    char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    pclose(p);
-    return out;
-}
-
-class TempDir {
-public:
-    TempDir() {
-        char tmpl[] = "/tmp/am_pi_XXXXXX";
-        path_ = mkdtemp(tmpl);
-    }
-    ~TempDir() {
-        std::error_code ec;
-        fs::remove_all(path_, ec);
-    }
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
+using amtest::run;
+using amtest::TempDir;
 
 FileFacts facts(const HostRoot& root, const std::string& host_path) {
     return file_facts(root, FileRef{host_path, "", false});
@@ -122,12 +99,12 @@ TEST(Ownership, NormalizeAndCanon) {
     EXPECT_EQ(normalize_path("/../../x"), "/x");
     EXPECT_EQ(normalize_path(""), "/");
     TempDir dir;
-    fs::create_directories(dir.path() + "/usr/lib/x");
-    fs::create_directory_symlink("usr/lib", dir.path() + "/lib");
-    fs::create_directory_symlink("/usr/lib/x", dir.path() + "/abs");  // absolute: inside the root
-    fs::create_directory_symlink("loop2", dir.path() + "/loop1");
-    fs::create_directory_symlink("loop1", dir.path() + "/loop2");
-    const HostRoot root(dir.path());
+    fs::create_directories(dir.path + "/usr/lib/x");
+    fs::create_directory_symlink("usr/lib", dir.path + "/lib");
+    fs::create_directory_symlink("/usr/lib/x", dir.path + "/abs");  // absolute: inside the root
+    fs::create_directory_symlink("loop2", dir.path + "/loop1");
+    fs::create_directory_symlink("loop1", dir.path + "/loop2");
+    const HostRoot root(dir.path);
     DirCanon c(root);
     EXPECT_EQ(c.canon("/lib/x"), "/usr/lib/x");
     EXPECT_EQ(c.canon("/abs"), "/usr/lib/x");
@@ -142,7 +119,7 @@ TEST(Ownership, ScratchCopyOfRealPackageAgreesWithDebsums) {
     if (access(("/var/lib/dpkg/info/" + pkg + ".md5sums").c_str(), R_OK) != 0)
         GTEST_SKIP() << "gzip not installed";
     TempDir dir;
-    const std::string r = dir.path();
+    const std::string r = dir.path;
     fs::create_directories(r + "/usr/bin");
     fs::create_directories(r + "/usr/lib");
     fs::create_directories(r + "/usr/sbin");
@@ -191,8 +168,7 @@ TEST(Ownership, ScratchCopyOfRealPackageAgreesWithDebsums) {
         EXPECT_TRUE(facts(root, "/usr" + paths[0]).verified);
     }
 
-    if (system("command -v debsums >/dev/null 2>&1") != 0)
-        GTEST_SKIP() << "debsums not installed: no second opinion";
+    if (!amtest::have_tools("debsums")) GTEST_SKIP() << "debsums not installed: no second opinion";
     const std::string report = run("debsums -r '" + r + "' " + pkg + " 2>&1");
     for (std::string_view line : split_lines(report)) {
         const std::vector<std::string_view> w = split_ws(line);
@@ -213,7 +189,7 @@ TEST(Ownership, RealHostLibc) {
     const FileFacts f = facts(HostRoot("/"), libc);
     EXPECT_FALSE(f.company.empty()) << libc;
     EXPECT_TRUE(f.verified) << libc;
-    if (system("command -v debsums >/dev/null 2>&1") == 0) {
+    if (amtest::have_tools("debsums")) {
         const std::string report = run("debsums -s libc6 2>&1");
         EXPECT_TRUE(trim(report).empty()) << report;  // debsums agrees: nothing changed
     }
@@ -229,10 +205,9 @@ TEST(Ownership, RealHostLibc) {
 
 // An rpm database made by rpm itself, with a package made by rpmbuild.
 TEST(Rpm, DatabaseMadeByRpm) {
-    if (system("command -v rpmbuild >/dev/null 2>&1 && command -v rpm >/dev/null 2>&1") != 0)
-        GTEST_SKIP() << "rpm/rpmbuild not installed";
+    if (!amtest::have_tools("rpmbuild rpm")) GTEST_SKIP() << "rpm/rpmbuild not installed";
     TempDir dir;
-    const std::string top = dir.path() + "/build", root_dir = dir.path() + "/root";
+    const std::string top = dir.path + "/build", root_dir = dir.path + "/root";
     fs::create_directories(top + "/SPECS");
     fs::create_directories(root_dir + "/var/lib/rpm");
     std::ofstream(top + "/SPECS/amtiny.spec") << R"(Name: amtiny
@@ -255,10 +230,11 @@ ln -s tool %{buildroot}/opt/amtiny/bin/tool-link
 /opt/amtiny
 )";
     const std::string q = " --define '_topdir " + top + "' --define '_build_id_links none' ";
-    ASSERT_EQ(system(("rpmbuild" + q + "-bb " + top + "/SPECS/amtiny.spec >" + dir.path() + "/build.log 2>&1")
-                         .c_str()),
-              0)
-        << run("cat " + dir.path() + "/build.log");
+    ASSERT_EQ(
+        system(
+            ("rpmbuild" + q + "-bb " + top + "/SPECS/amtiny.spec >" + dir.path + "/build.log 2>&1").c_str()),
+        0)
+        << run("cat " + dir.path + "/build.log");
     ASSERT_EQ(system(("rpm --initdb --dbpath " + root_dir + "/var/lib/rpm").c_str()), 0);
     ASSERT_EQ(
         system(("rpm --root " + root_dir + " --dbpath /var/lib/rpm -i --nodeps --noscripts --notriggers " +
@@ -298,13 +274,13 @@ ln -s tool %{buildroot}/opt/amtiny/bin/tool-link
 // After an upgrade the next asks see the new database, not the old index.
 TEST(Ownership, IndexFollowsDatabaseChanges) {
     TempDir dir;
-    fs::copy(kFixtures + "/dpkg_root", dir.path(),
+    fs::copy(kFixtures + "/dpkg_root", dir.path,
              fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-    const HostRoot root(dir.path());
+    const HostRoot root(dir.path);
     EXPECT_FALSE(facts(root, "/usr/bin/nativetool").verified);
-    const std::string md5 = run("md5sum '" + dir.path() + "/usr/bin/nativetool'").substr(0, 32);
-    std::ofstream(dir.path() + "/var/lib/dpkg/info/nativetool.md5sums") << md5 << "  usr/bin/nativetool\n";
-    std::ofstream(dir.path() + "/var/lib/dpkg/status", std::ios::app) << "\n";
+    const std::string md5 = run("md5sum '" + dir.path + "/usr/bin/nativetool'").substr(0, 32);
+    std::ofstream(dir.path + "/var/lib/dpkg/info/nativetool.md5sums") << md5 << "  usr/bin/nativetool\n";
+    std::ofstream(dir.path + "/var/lib/dpkg/status", std::ios::app) << "\n";
     sleep(3);  // the databases are looked at again at most every 2 seconds
     EXPECT_TRUE(facts(root, "/usr/bin/nativetool").verified);
 }

@@ -12,6 +12,7 @@
 #include "apk_db.h"
 #include "collectors.h"
 #include "dpkg_db.h"
+#include "test_util.h"
 
 using namespace amsvc;
 
@@ -19,16 +20,7 @@ namespace {
 
 const std::string kFixtures = std::string(ASSETMAN_FIXTURES) + "/packages";
 
-std::string run(const std::string& cmd) {
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return out;
-    char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    pclose(p);
-    return out;
-}
+using amtest::run;
 
 const AM::SysInstallPackageInfo* by_name(const std::vector<AM::SysInstallPackageInfo>& v,
                                          const std::string& n) {

@@ -11,31 +11,18 @@
 #include <string>
 
 #include "sysfacts.h"
+#include "test_util.h"
 
 using namespace amsvc;
 
 namespace {
 
-std::string run(const std::string& cmd) {
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    pclose(p);
-    return out;
-}
+using amtest::run;
+using amtest::write_file;
 
 std::string chomp(std::string s) {
     while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
     return s;
-}
-
-void write(const std::string& path, const std::string& text) {
-    std::string dir = path.substr(0, path.rfind('/'));
-    run("mkdir -p '" + dir + "'");
-    std::ofstream(path) << text;
 }
 
 }  // namespace
@@ -167,23 +154,22 @@ TEST(SystemParse, ExportsAndSmbConf) {
 }
 
 TEST(SystemCollect, FixtureRoot) {
-    char tmpl[] = "/tmp/amsys_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    const std::string r = tmpl;
-    write(r + "/etc/hostname", "# set by installer\nfixture-host\n");
-    write(r + "/usr/lib/os-release", "PRETTY_NAME=\"Fixture OS 1\"\n");
+    amtest::TempDir dir("amsys");
+    const std::string& r = dir.path;
+    write_file(r + "/etc/hostname", "# set by installer\nfixture-host\n");
+    write_file(r + "/usr/lib/os-release", "PRETTY_NAME=\"Fixture OS 1\"\n");
     // An absolute link means the image's file, not the running host's.
     ASSERT_EQ(symlink("/usr/lib/os-release", (r + "/etc/os-release").c_str()), 0);
-    write(r + "/proc/sys/kernel/osrelease", "5.10.0-fixture\n");
-    write(r + "/proc/meminfo", "MemTotal: 1048576 kB\n");
-    write(r + "/proc/self/mounts", "/dev/sda1 / ext4 rw 0 0\nproc /proc proc rw 0 0\n");
-    write(r + "/proc/net/route", "");
-    write(r + "/proc/net/if_inet6", "fd000000000000000000000000000002 02 40 00 82 eth0\n");
-    write(r + "/sys/class/net/eth0/address", "02:00:00:00:00:01\n");
-    write(r + "/sys/class/net/eth0/mtu", "9000\n");
-    write(r + "/sys/class/dmi/id/sys_vendor", "Acme\n");
-    write(r + "/etc/environment", "A=\"1\"\n");
-    write(r + "/etc/exports", "/srv *(rw)\n");
+    write_file(r + "/proc/sys/kernel/osrelease", "5.10.0-fixture\n");
+    write_file(r + "/proc/meminfo", "MemTotal: 1048576 kB\n");
+    write_file(r + "/proc/self/mounts", "/dev/sda1 / ext4 rw 0 0\nproc /proc proc rw 0 0\n");
+    write_file(r + "/proc/net/route", "");
+    write_file(r + "/proc/net/if_inet6", "fd000000000000000000000000000002 02 40 00 82 eth0\n");
+    write_file(r + "/sys/class/net/eth0/address", "02:00:00:00:00:01\n");
+    write_file(r + "/sys/class/net/eth0/mtu", "9000\n");
+    write_file(r + "/sys/class/dmi/id/sys_vendor", "Acme\n");
+    write_file(r + "/etc/environment", "A=\"1\"\n");
+    write_file(r + "/etc/exports", "/srv *(rw)\n");
     mkfifo((r + "/etc/samba").c_str(), 0600);  // not a directory: no shares from it, no hang
     AM::SystemInfo si;
     ASSERT_EQ(collect_system_facts(HostRoot(r), si), 0);
@@ -202,7 +188,6 @@ TEST(SystemCollect, FixtureRoot) {
     EXPECT_EQ(si.network_card[0].mtu, 9000);
     EXPECT_EQ(si.network_card[0].mac, "02:00:00:00:00:01");
     ASSERT_EQ(si.net_share.size(), 1u);
-    run("rm -rf '" + r + "'");
     EXPECT_EQ(collect_system_facts(HostRoot("/nonexistent/root"), si), -ENOENT);
 }
 
@@ -291,7 +276,7 @@ TEST_F(LiveHost, DisksMatchDf) {
 
 // facter (Debian's, when installed) reads the same facts its own way.
 TEST_F(LiveHost, MatchesFacter) {
-    if (system("command -v facter >/dev/null 2>&1") != 0) GTEST_SKIP() << "facter not installed";
+    if (!amtest::have_tools("facter")) GTEST_SKIP() << "facter not installed";
     const auto j = nlohmann::json::parse(
         run("facter -j hostname kernelrelease memory processors networking os 2>/dev/null"), nullptr, false);
     ASSERT_TRUE(j.is_object());

@@ -23,6 +23,7 @@
 #include <utmp.h>
 
 #include "collectors.h"
+#include "test_util.h"
 #include "user_parse.h"
 
 namespace fs = std::filesystem;
@@ -41,17 +42,8 @@ static_assert(offsetof(struct lastlog, ll_line) == 4 && offsetof(struct lastlog,
 
 namespace {
 
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/amtest_users_XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempDir() {
-        std::error_code ec;
-        fs::remove_all(path, ec);
-    }
-};
+using amtest::run;
+using amtest::TempDir;
 
 void write_bytes(const std::string& path, const std::string& data, off_t offset = 0) {
     fs::create_directories(fs::path(path).parent_path());
@@ -86,17 +78,6 @@ std::map<std::string, AM::UserInfo> by_name(const std::vector<AM::UserInfo>& v) 
     std::map<std::string, AM::UserInfo> m;
     for (const auto& u : v) m.emplace(u.name, u);
     return m;
-}
-
-std::string run(const std::string& cmd) {
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    pclose(p);
-    return out;
 }
 
 // Runs `fn` in a child as nobody; the child's exit code is fn's result.
@@ -363,7 +344,7 @@ protected:
     static constexpr const char* kA = "amtest_ua";
     static constexpr const char* kB = "amtest_ub";
     void SetUp() override {
-        if (geteuid() != 0 || system("command -v useradd chage >/dev/null 2>&1") != 0)
+        if (geteuid() != 0 || !amtest::have_tools("useradd chage"))
             GTEST_SKIP() << "needs root and the shadow tools";
         cleanup();
         ASSERT_EQ(system("useradd -M -s /bin/sh -c 'AM test A' amtest_ua"), 0);
@@ -457,7 +438,7 @@ TEST_F(UserHost, UnprivilegedRunIsPartial) {
 }
 
 TEST_F(UserHost, LastLoginMatchesLastlogTool) {
-    if (system("command -v lastlog >/dev/null 2>&1") != 0) GTEST_SKIP() << "no lastlog(8)";
+    if (!amtest::have_tools("lastlog")) GTEST_SKIP() << "no lastlog(8)";
     const std::string uid = run("id -u amtest_ua");
     const off_t off = static_cast<off_t>(std::stoul(uid)) * kLastlogRecordSize;
     const std::string path = "/var/log/lastlog";

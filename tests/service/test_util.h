@@ -1,0 +1,85 @@
+// Scaffolding the service tests share: a scratch directory that builds a fake
+// host tree, a shell command's output, and a check that a tool is installed.
+#pragma once
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace amtest {
+
+// The standard output of a shell command; its wait status in *status when asked.
+inline std::string run(const std::string& cmd, int* status = nullptr) {
+    std::string out;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return out;
+    char buf[65536];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    const int st = pclose(p);
+    if (status) *status = st;
+    return out;
+}
+
+// Whether every one of the space-separated commands is on PATH.
+inline bool have_tools(const std::string& names) {
+    std::istringstream in(names);
+    std::string name;
+    while (in >> name)
+        if (system(("command -v '" + name + "' >/dev/null 2>&1").c_str()) != 0) return false;
+    return true;
+}
+
+// Writes `text` at `path`, creating the directories above it.
+inline void write_file(const std::string& path, const std::string& text, mode_t mode = 0644) {
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+    std::ofstream(path, std::ios::binary) << text;
+    chmod(path.c_str(), mode);
+}
+
+// A directory under /tmp, removed with everything in it when the test ends.
+// Paths given to the members are relative to it ("/etc/passwd").
+class TempDir {
+public:
+    explicit TempDir(const std::string& prefix = "amtest") {
+        std::string tmpl = "/tmp/" + prefix + "_XXXXXX";
+        // No directory means the test would write at the real host's paths.
+        if (!mkdtemp(&tmpl[0])) throw std::runtime_error("mkdtemp failed for " + tmpl);
+        path = tmpl;
+    }
+    ~TempDir() {
+        std::error_code ec;
+        std::filesystem::remove_all(path, ec);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    std::string path;
+
+    // Returns the file's full path.
+    std::string file(const std::string& rel, const std::string& text, mode_t mode = 0644) const {
+        write_file(path + rel, text, mode);
+        return path + rel;
+    }
+    void mkdir(const std::string& rel) const {
+        std::error_code ec;
+        std::filesystem::create_directories(path + rel, ec);
+    }
+    // A symbolic link at `rel` holding `target` verbatim.
+    void link(const std::string& rel, const std::string& target) const {
+        mkdir(rel.substr(0, rel.rfind('/')));
+        ASSERT_EQ(symlink(target.c_str(), (path + rel).c_str()), 0) << rel;
+    }
+};
+
+}  // namespace amtest
