@@ -93,28 +93,6 @@ std::vector<std::string> words(std::string_view s) {
     return out;
 }
 
-// Lines of an ini-style file with backslash continuations joined.
-std::vector<std::string> ini_lines(std::string_view text) {
-    std::vector<std::string> out;
-    std::string cur;
-    bool cont = false;
-    for (std::string_view line : split_lines(text)) {
-        std::string_view t = trim(line);
-        if (!cont && (t.empty() || t[0] == '#' || t[0] == ';')) continue;
-        const bool more = !t.empty() && t.back() == '\\';
-        if (more) t.remove_suffix(1);
-        if (cont)
-            cur += ' ';
-        else
-            cur.clear();
-        cur.append(t.data(), t.size());
-        cont = more;
-        if (!more) out.push_back(cur);
-    }
-    if (cont) out.push_back(cur);
-    return out;
-}
-
 }  // namespace
 
 std::string resolve_host_path(const HostRoot& root, std::string_view host_path, bool allow_dev) {
@@ -165,7 +143,7 @@ UnitFile parse_unit_file(std::string_view text) {
     UnitFile u;
     std::string section;
     bool exec_done = false;
-    for (const std::string& l : ini_lines(text)) {
+    for (const std::string& l : join_continued_lines(text, true)) {
         const std::string_view line = trim(l);
         if (line.empty()) continue;
         if (line[0] == '[') {

@@ -102,6 +102,32 @@ std::string_view trim(std::string_view s) {
     return s.substr(b, e - b + 1);
 }
 
+std::vector<std::string> join_continued_lines(std::string_view text, bool ini_comments) {
+    std::vector<std::string> out;
+    std::string cur;
+    bool cont = false;
+    for (std::string_view line : split_lines(text)) {
+        std::string_view t = line;
+        if (ini_comments) {
+            t = trim(t);
+            if (!cont && (t.empty() || t[0] == '#' || t[0] == ';')) continue;
+        } else {
+            while (!t.empty() && (t.back() == ' ' || t.back() == '\t')) t.remove_suffix(1);
+        }
+        const bool more = !t.empty() && t.back() == '\\';
+        if (more) t.remove_suffix(1);
+        if (cont)
+            cur += ' ';
+        else
+            cur.clear();
+        cur.append(t.data(), t.size());
+        cont = more;
+        if (!more) out.push_back(cur);
+    }
+    if (cont) out.push_back(cur);
+    return out;
+}
+
 std::vector<std::string_view> split_ws(std::string_view s) {
     std::vector<std::string_view> out;
     size_t i = 0;

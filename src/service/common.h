@@ -65,6 +65,13 @@ std::vector<std::string_view> split_ws(std::string_view s);
 bool starts_with(std::string_view s, std::string_view prefix);
 bool ends_with(std::string_view s, std::string_view suffix);
 
+// Lines with a trailing backslash joined to the next one by a space, the
+// backslash dropped; blanks before the backslash do not count. With
+// `ini_comments` (unit files) each line is trimmed and, outside a
+// continuation, blank lines and lines starting with '#' or ';' are dropped;
+// without it only trailing blanks go and every line is kept for the caller.
+std::vector<std::string> join_continued_lines(std::string_view text, bool ini_comments);
+
 // Decimal parses that never throw; false on junk or overflow.
 bool parse_i64(std::string_view s, int64_t& out);
 bool parse_u64(std::string_view s, uint64_t& out);

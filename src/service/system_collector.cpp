@@ -335,35 +335,9 @@ std::map<std::string, std::vector<std::string>> parse_if_inet6(std::string_view 
     return out;
 }
 
-namespace {
-
-// Joins lines ending in a backslash with the next one.
-std::vector<std::string> logical_lines(std::string_view text) {
-    std::vector<std::string> out;
-    std::string cur;
-    bool cont = false;
-    for (std::string_view line : split_lines(text)) {
-        std::string_view t = line;
-        while (!t.empty() && (t.back() == ' ' || t.back() == '\t')) t.remove_suffix(1);
-        const bool more = !t.empty() && t.back() == '\\';
-        if (more) t.remove_suffix(1);
-        if (cont)
-            cur += ' ';
-        else
-            cur.clear();
-        cur.append(t.data(), t.size());
-        cont = more;
-        if (!more) out.push_back(cur);
-    }
-    if (cont) out.push_back(cur);
-    return out;
-}
-
-}  // namespace
-
 std::vector<AM::NetShareInfo> parse_exports(std::string_view text) {
     std::vector<AM::NetShareInfo> out;
-    for (const std::string& l : logical_lines(text)) {
+    for (const std::string& l : join_continued_lines(text, false)) {
         std::string_view line = trim(l);
         if (line.empty() || line[0] == '#') continue;
         std::string path;
@@ -395,7 +369,7 @@ std::vector<AM::NetShareInfo> parse_smb_conf(std::string_view text) {
     std::vector<Section> sections;
     int32_t global_max = -1;
     bool in_global = false;
-    for (const std::string& l : logical_lines(text)) {
+    for (const std::string& l : join_continued_lines(text, false)) {
         std::string_view line = trim(l);
         if (line.empty() || line[0] == '#' || line[0] == ';') continue;
         if (line[0] == '[') {

@@ -82,6 +82,15 @@ TEST(Text, SplitsLinesAndFields) {
     EXPECT_EQ("", trim("   "));
 }
 
+TEST(Text, JoinsContinuedLines) {
+    using V = std::vector<std::string>;
+    const std::string text = "  # note \\\n a=1 \\  \n   b\n\n; x\nc=\\";
+    // Unit files: comments and blank lines go unless they continue a line.
+    EXPECT_EQ((V{"a=1  b", "c="}), join_continued_lines(text, true));
+    // Everything else: each line kept with its leading blanks.
+    EXPECT_EQ((V{"  # note   a=1     b", "", "; x", "c="}), join_continued_lines(text, false));
+}
+
 TEST(Text, ParsesNumbersStrictly) {
     int64_t i = 0;
     uint64_t u = 0;
