@@ -657,7 +657,7 @@ void collect_xdg(const HostRoot& root, std::vector<Pending>& out, bool& any_sour
 }  // namespace
 
 int32_t collect_autoruns(const HostRoot& root, std::vector<AM::AutoRunServInfo>& out) {
-    try {
+    return guarded(out, [&]() -> int32_t {
         out.clear();
         std::vector<Pending> found;
         bool any = false;
@@ -685,13 +685,7 @@ int32_t collect_autoruns(const HostRoot& root, std::vector<AM::AutoRunServInfo>&
         out.reserve(found.size());
         for (Pending& p : found) out.push_back(std::move(p.rec));
         return any ? 0 : -ENOENT;
-    } catch (const std::bad_alloc&) {
-        out.clear();
-        return -ENOMEM;
-    } catch (...) {
-        out.clear();
-        return -EIO;
-    }
+    });
 }
 
 }  // namespace amsvc

@@ -3,11 +3,13 @@
 #ifndef ASSETMAN_SERVICE_COMMON_H
 #define ASSETMAN_SERVICE_COMMON_H
 
+#include <errno.h>
 #include <stdint.h>
 #include <sys/types.h>
 #include <time.h>
 
 #include <cstddef>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,6 +38,35 @@ private:
 //   -EINVAL  a null record was handed in
 //   -ENOMEM  memory ran out while collecting
 //   -EIO     any other failure inside a collector
+
+namespace detail {
+template <class F, class Undo>
+int32_t run_guarded(F& body, Undo&& undo) noexcept {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        undo();
+        return -ENOMEM;
+    } catch (...) {
+        undo();
+        return -EIO;
+    }
+}
+}  // namespace detail
+
+// Runs a collector's body so that no exception leaves it (the caller may be a
+// Lua state): bad_alloc becomes -ENOMEM, anything else -EIO.
+template <class F>
+int32_t guarded(F&& body) noexcept {
+    return detail::run_guarded(body, [] {});
+}
+
+// The same for a body that fills `out`: after an exception the list is
+// emptied, never handed back half filled.
+template <class List, class F>
+int32_t guarded(List& out, F&& body) noexcept {
+    return detail::run_guarded(body, [&out] { out.clear(); });
+}
 
 constexpr size_t kDefaultMaxFile = 64u << 20;  // 64 MiB
 

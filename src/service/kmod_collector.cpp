@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdarg>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -44,6 +45,11 @@ bool has_module_signature(std::string_view tail) { return ends_with(tail, "~Modu
 namespace {
 
 void quiet_log(void*, int, const char*, int, const char*, const char*, va_list) {}
+
+struct KmodUnref {
+    void operator()(struct kmod_ctx* c) const { kmod_unref(c); }
+};
+using KmodCtx = std::unique_ptr<struct kmod_ctx, KmodUnref>;
 
 std::string kernel_release(const HostRoot& root) {
     std::string text;
@@ -132,9 +138,9 @@ ModuleFile module_file(const HostRoot& root, struct kmod_ctx* ctx, const std::st
 }  // namespace
 
 int32_t collect_kernel_modules(const HostRoot& root, std::vector<AM::SysLoadModuleInfo>& out) {
-    struct kmod_ctx* ctx = nullptr;
-    try {
+    return guarded(out, [&]() -> int32_t {
         out.clear();
+        KmodCtx ctx;
         std::string text;
         const int rc = read_file(root.path("/proc/modules"), text, 16u << 20);
         if (rc != 0) return rc == -EACCES || rc == -EPERM ? -EACCES : -ENOENT;
@@ -145,23 +151,22 @@ int32_t collect_kernel_modules(const HostRoot& root, std::vector<AM::SysLoadModu
             moddir = resolve_host_path(root, "/lib/modules/" + rel);
             if (!moddir.empty()) {
                 static const char* const kNoConfig[] = {nullptr};  // never the host's modprobe.d
-                ctx = kmod_new(root.path(moddir).c_str(), kNoConfig);
-                if (ctx) kmod_set_log_fn(ctx, quiet_log, nullptr);
+                ctx.reset(kmod_new(root.path(moddir).c_str(), kNoConfig));
+                if (ctx) kmod_set_log_fn(ctx.get(), quiet_log, nullptr);
             }
         }
         std::vector<ModuleFile> files(mods.size());
         std::vector<FileRef> refs;
         std::vector<size_t> idx;
         for (size_t i = 0; i < mods.size(); ++i) {
-            if (ctx) files[i] = module_file(root, ctx, moddir, mods[i].name);
+            if (ctx) files[i] = module_file(root, ctx.get(), moddir, mods[i].name);
             if (files[i].host_path.empty()) continue;
             FileRef r;
             r.host_path = files[i].host_path;
             refs.push_back(std::move(r));
             idx.push_back(i);
         }
-        if (ctx) kmod_unref(ctx);
-        ctx = nullptr;
+        ctx.reset();  // the index is done with before the files are hashed
         const std::vector<FileFacts> facts = file_facts_many(root, refs);
         out.reserve(mods.size());
         for (size_t i = 0; i < mods.size(); ++i) {
@@ -184,15 +189,7 @@ int32_t collect_kernel_modules(const HostRoot& root, std::vector<AM::SysLoadModu
             m.verified = m.verified || facts[k].verified;
         }
         return 0;
-    } catch (const std::bad_alloc&) {
-        if (ctx) kmod_unref(ctx);
-        out.clear();
-        return -ENOMEM;
-    } catch (...) {
-        if (ctx) kmod_unref(ctx);
-        out.clear();
-        return -EIO;
-    }
+    });
 }
 
 }  // namespace amsvc

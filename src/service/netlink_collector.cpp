@@ -668,15 +668,7 @@ int32_t collect(const HostRoot& root, std::vector<AM::NetLinkInfo>& out, const O
 }  // namespace
 
 int32_t collect_netlinks_with(const HostRoot& root, std::vector<AM::NetLinkInfo>& out, const Options& opt) {
-    try {
-        return collect(root, out, opt);
-    } catch (const std::bad_alloc&) {
-        out.clear();
-        return -ENOMEM;
-    } catch (...) {
-        out.clear();
-        return -EIO;
-    }
+    return guarded(out, [&] { return collect(root, out, opt); });
 }
 
 }  // namespace netlink

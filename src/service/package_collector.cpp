@@ -83,7 +83,7 @@ int collect_apk(const HostRoot& root, std::vector<AM::SysInstallPackageInfo>& ou
 }  // namespace
 
 int32_t collect_packages(const HostRoot& root, std::vector<AM::SysInstallPackageInfo>& out) {
-    try {
+    return guarded(out, [&]() -> int32_t {
         std::vector<AM::SysInstallPackageInfo> found;
         int first_error = 0;
         bool any_read = false;
@@ -99,11 +99,7 @@ int32_t collect_packages(const HostRoot& root, std::vector<AM::SysInstallPackage
         if (any_read) return 0;
         if (first_error == -EACCES || first_error == -EPERM) return -EACCES;
         return first_error ? -EIO : -ENOENT;
-    } catch (const std::bad_alloc&) {
-        return -ENOMEM;
-    } catch (...) {
-        return -EIO;
-    }
+    });
 }
 
 }  // namespace amsvc

@@ -10,18 +10,6 @@
 namespace amsvc {
 namespace {
 
-// A collector must never let an exception reach the caller's Lua state.
-template <class F>
-int32_t guarded(F&& f) {
-    try {
-        return f();
-    } catch (const std::bad_alloc&) {
-        return -ENOMEM;
-    } catch (...) {
-        return -EIO;
-    }
-}
-
 HostRoot root_from_environment() {
     const char* r = getenv("ASSETMAN_HOST_ROOT");
     return HostRoot(r && *r ? r : "/");
@@ -35,26 +23,26 @@ public:
     int32_t release() override { return 0; }
 
     int32_t collect_process(std::vector<ProcessInfo>& l) override {
-        return guarded([&] { return collect_processes(root_, l); });
+        return guarded(l, [&] { return collect_processes(root_, l); });
     }
     int32_t collect_netlink(std::vector<NetLinkInfo>& l) override {
-        return guarded([&] { return collect_netlinks(root_, l); });
+        return guarded(l, [&] { return collect_netlinks(root_, l); });
     }
     int32_t collect_service(std::vector<ServiceInfo>&) override { return -ENOSYS; }
     int32_t collect_user(std::vector<UserInfo>& l) override {
-        return guarded([&] { return collect_users(root_, l); });
+        return guarded(l, [&] { return collect_users(root_, l); });
     }
     int32_t collect_sys_install_package(std::vector<SysInstallPackageInfo>& l) override {
-        return guarded([&] { return collect_packages(root_, l); });
+        return guarded(l, [&] { return collect_packages(root_, l); });
     }
     int32_t collect_auto_run_serv(std::vector<AutoRunServInfo>& l) override {
-        return guarded([&] { return collect_autoruns(root_, l); });
+        return guarded(l, [&] { return collect_autoruns(root_, l); });
     }
     int32_t collect_cron(std::vector<CronInfo>& l) override {
-        return guarded([&] { return collect_crons(root_, l); });
+        return guarded(l, [&] { return collect_crons(root_, l); });
     }
     int32_t collect_sys_module(std::vector<SysLoadModuleInfo>& l) override {
-        return guarded([&] { return collect_kernel_modules(root_, l); });
+        return guarded(l, [&] { return collect_kernel_modules(root_, l); });
     }
     int32_t collect_system(SystemInfo* info) override {
         if (!info) return -EINVAL;

@@ -603,7 +603,7 @@ void collect_cards(const HostRoot& root, std::vector<AM::NetworkCardInfo>& out) 
 }  // namespace
 
 int32_t collect_system_facts(const HostRoot& root, AM::SystemInfo& out) {
-    try {
+    return guarded([&]() -> int32_t {
         out = AM::SystemInfo();
         std::string text;
         if (root.is_live_host()) {
@@ -647,11 +647,7 @@ int32_t collect_system_facts(const HostRoot& root, AM::SystemInfo& out) {
             out.network_card.empty())
             return -ENOENT;
         return 0;
-    } catch (const std::bad_alloc&) {
-        return -ENOMEM;
-    } catch (...) {
-        return -EIO;
-    }
+    });
 }
 
 }  // namespace amsvc
