@@ -27,50 +27,14 @@ std::string_view base_name(std::string_view p) {
     return s == std::string_view::npos ? p : p.substr(s + 1);
 }
 
-std::string dir_name(const std::string& p) {
-    const size_t s = p.rfind('/');
-    if (s == std::string::npos || s == 0) return "/";
-    return p.substr(0, s);
-}
-
-// Collapses "." and ".." and repeated slashes of an absolute path.
-std::string normalize(std::string_view p) {
-    std::vector<std::string_view> parts;
-    size_t i = 0;
-    while (i < p.size()) {
-        while (i < p.size() && p[i] == '/') ++i;
-        size_t j = i;
-        while (j < p.size() && p[j] != '/') ++j;
-        const std::string_view c = p.substr(i, j - i);
-        if (c == "..") {
-            if (!parts.empty()) parts.pop_back();
-        } else if (!c.empty() && c != ".") {
-            parts.push_back(c);
-        }
-        i = j;
-    }
-    std::string out;
-    for (std::string_view c : parts) {
-        out += '/';
-        out.append(c.data(), c.size());
-    }
-    return out.empty() ? "/" : out;
-}
-
 bool is_special_tree(const std::string& p) {
     for (const char* t : {"/proc", "/sys", "/dev"})
         if (p == t || starts_with(p, std::string(t) + "/")) return true;
     return false;
 }
 
-std::string lower(std::string_view s) {
-    std::string out(s);
-    for (char& c : out) c = static_cast<char>((c >= 'A' && c <= 'Z') ? c - 'A' + 'a' : c);
-    return out;
-}
-
 bool truthy(std::string_view v) {
-    const std::string l = lower(trim(v));
+    const std::string l = ascii_lower(trim(v));
     return l == "true" || l == "yes" || l == "1" || l == "on";
 }
 
@@ -96,7 +60,7 @@ std::vector<std::string> words(std::string_view s) {
 }  // namespace
 
 std::string resolve_host_path(const HostRoot& root, std::string_view host_path, bool allow_dev) {
-    std::string todo = normalize(host_path);
+    std::string todo = normalize_path(host_path);
     std::string done;  // resolved prefix, "" meaning "/"
     int links = 0;
     size_t pos = 0;
@@ -116,7 +80,7 @@ std::string resolve_host_path(const HostRoot& root, std::string_view host_path, 
         const std::string cand = done + "/" + comp;
         if (is_special_tree(cand)) {
             // Only a device path itself (a mask's /dev/null) may be named, never looked into.
-            const std::string full = normalize(cand + todo.substr(pos));
+            const std::string full = normalize_path(cand + todo.substr(pos));
             if (allow_dev && starts_with(full, "/dev/")) return full;
             return std::string();
         }
@@ -127,7 +91,8 @@ std::string resolve_host_path(const HostRoot& root, std::string_view host_path, 
             const std::string target = read_link(root.path(cand));
             if (target.empty()) return std::string();
             const std::string rest = todo.substr(pos);
-            todo = normalize((target[0] == '/' ? target : (done.empty() ? "/" : done) + "/" + target)) + rest;
+            todo = normalize_path((target[0] == '/' ? target : (done.empty() ? "/" : done) + "/" + target)) +
+                   rest;
             done.clear();
             pos = 0;
             continue;
@@ -386,7 +351,7 @@ Discovered discover(const HostRoot& root, const std::vector<UnitDir>& dirs, cons
         if (S_ISLNK(st.st_mode)) {
             const std::string t = read_link(root.path(path));
             if (t.empty()) return d;
-            const std::string target = normalize(t[0] == '/' ? t : dir_name(path) + "/" + t);
+            const std::string target = normalize_path(t[0] == '/' ? t : dir_name(path) + "/" + t);
             if (target == "/dev/null" || resolve_host_path(root, target, true) == "/dev/null") {
                 d.kind = Discovered::kMasked;
                 d.name = name;

@@ -128,6 +128,37 @@ std::vector<std::string> join_continued_lines(std::string_view text, bool ini_co
     return out;
 }
 
+std::string ascii_lower(std::string_view s) {
+    std::string out(s);
+    for (char& c : out) c = static_cast<char>((c >= 'A' && c <= 'Z') ? c - 'A' + 'a' : c);
+    return out;
+}
+
+std::string normalize_path(std::string_view path) {
+    std::vector<std::string_view> parts;
+    size_t i = 0;
+    while (i < path.size()) {
+        size_t j = path.find('/', i);
+        if (j == std::string_view::npos) j = path.size();
+        const std::string_view c = path.substr(i, j - i);
+        if (c == "..") {
+            if (!parts.empty()) parts.pop_back();
+        } else if (!c.empty() && c != ".") {
+            parts.push_back(c);
+        }
+        i = j + 1;
+    }
+    std::string out;
+    for (std::string_view c : parts) out.append("/").append(c);
+    return out.empty() ? std::string("/") : out;
+}
+
+std::string dir_name(const std::string& path) {
+    const size_t s = path.rfind('/');
+    if (s == std::string::npos || s == 0) return "/";
+    return path.substr(0, s);
+}
+
 std::vector<std::string_view> split_ws(std::string_view s) {
     std::vector<std::string_view> out;
     size_t i = 0;

@@ -103,6 +103,15 @@ bool ends_with(std::string_view s, std::string_view suffix);
 // without it only trailing blanks go and every line is kept for the caller.
 std::vector<std::string> join_continued_lines(std::string_view text, bool ini_comments);
 
+// ASCII letters in lower case, nothing else changed (no locale).
+std::string ascii_lower(std::string_view s);
+
+// "/a/./b//../c" -> "/a/c", lexically; ".." never climbs above "/" and a
+// relative path is taken as absolute.
+std::string normalize_path(std::string_view path);
+// Directory part of a host path: "/a/b" -> "/a", "/a" and "a" -> "/".
+std::string dir_name(const std::string& path);
+
 // Decimal parses that never throw; false on junk or overflow.
 bool parse_i64(std::string_view s, int64_t& out);
 bool parse_u64(std::string_view s, uint64_t& out);

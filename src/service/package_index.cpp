@@ -17,25 +17,6 @@ namespace amsvc {
 
 // ---- path canonicalisation inside a root -----------------------------------
 
-std::string normalize_path(std::string_view path) {
-    std::vector<std::string_view> parts;
-    size_t i = 0;
-    while (i < path.size()) {
-        size_t j = path.find('/', i);
-        if (j == std::string_view::npos) j = path.size();
-        const std::string_view c = path.substr(i, j - i);
-        if (c == "..") {
-            if (!parts.empty()) parts.pop_back();
-        } else if (!c.empty() && c != ".") {
-            parts.push_back(c);
-        }
-        i = j + 1;
-    }
-    std::string out;
-    for (std::string_view c : parts) out.append("/").append(c);
-    return out.empty() ? std::string("/") : out;
-}
-
 std::string DirCanon::canon(const std::string& dir, int depth) {
     if (dir.empty() || dir == "/") return "/";
     // Bounded work whatever links a hostile user laid out (chains, loops,

@@ -31,12 +31,6 @@ namespace {
 
 constexpr size_t kSmallFile = 1u << 20;  // config and /proc texts of this kind are far smaller
 
-std::string lower(std::string_view s) {
-    std::string out(s);
-    for (char& c : out) c = static_cast<char>((c >= 'A' && c <= 'Z') ? c - 'A' + 'a' : c);
-    return out;
-}
-
 // Shell-style value of os-release and /etc/environment: one pair of outer
 // quotes removed; inside double quotes (and unquoted) a backslash escapes the
 // next character.
@@ -376,7 +370,7 @@ std::vector<AM::NetShareInfo> parse_smb_conf(std::string_view text) {
             const size_t end = line.find(']');
             // A broken header opens a section whose parameters are ignored.
             const std::string name(end == std::string_view::npos ? "" : trim(line.substr(1, end - 1)));
-            in_global = lower(name) == "global";
+            in_global = ascii_lower(name) == "global";
             if (!in_global && !name.empty())
                 sections.push_back(Section{name, "", -1, true});
             else if (!in_global)
@@ -402,7 +396,7 @@ std::vector<AM::NetShareInfo> parse_smb_conf(std::string_view text) {
         } else if (key == "path" || key == "directory") {
             sections.back().path = std::string(val);
         } else if (key == "available") {
-            const std::string v = lower(val);
+            const std::string v = ascii_lower(val);
             sections.back().available = !(v == "no" || v == "false" || v == "0");
         }
     }

@@ -463,37 +463,6 @@ constexpr size_t kMaxSudoersFile = 4u << 20;
 constexpr size_t kWtmpTail = 8u << 20;
 constexpr int kMaxIncludeDepth = 8;
 
-std::string dir_of(const std::string& host_path) {
-    const size_t s = host_path.rfind('/');
-    if (s == std::string::npos || s == 0) return "/";
-    return host_path.substr(0, s);
-}
-
-// Lexical clean-up of an absolute host path; ".." stops at "/" so an include
-// never leaves the host root.
-std::string normalize(const std::string& path) {
-    std::vector<std::string_view> parts;
-    std::string_view p(path);
-    size_t pos = 0;
-    while (pos <= p.size()) {
-        size_t slash = p.find('/', pos);
-        if (slash == std::string_view::npos) slash = p.size();
-        const std::string_view part = p.substr(pos, slash - pos);
-        if (part == "..") {
-            if (!parts.empty()) parts.pop_back();
-        } else if (!part.empty() && part != ".") {
-            parts.push_back(part);
-        }
-        pos = slash + 1;
-    }
-    std::string out;
-    for (std::string_view part : parts) {
-        out += '/';
-        out.append(part.data(), part.size());
-    }
-    return out.empty() ? "/" : out;
-}
-
 struct SudoersReader {
     const HostRoot& root;
     SudoersParser parser;
@@ -504,10 +473,10 @@ struct SudoersReader {
         if (depth >= kMaxIncludeDepth || !seen.insert(host_path).second) return;
         std::string text;
         if (read_file(root.path(host_path), text, kMaxSudoersFile) != 0) return;
-        const std::string base = dir_of(host_path);
+        const std::string base = dir_name(host_path);
         ++depth;
         parser.parse(text, [&](const std::string& p, bool is_dir) {
-            const std::string abs = normalize((!p.empty() && p[0] == '/') ? p : base + "/" + p);
+            const std::string abs = normalize_path((!p.empty() && p[0] == '/') ? p : base + "/" + p);
             if (!is_dir) {
                 read(abs);
                 return;
