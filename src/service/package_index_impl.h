@@ -16,9 +16,6 @@
 
 namespace amsvc {
 
-// "/a/./b//../c" -> "/a/c"; ".." never climbs above "/".
-std::string normalize_path(std::string_view path);
-
 // Resolves symbolic links among the directories of a host path, inside the
 // root (an absolute link target is taken relative to the root). Remembers
 // what it resolved; one instance per thread.
