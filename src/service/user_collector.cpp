@@ -72,28 +72,7 @@ int32_t load_i32(const char* p) {
     return v;
 }
 
-// Splits on unescaped `sep` outside parentheses.
-std::vector<std::string_view> split_top(std::string_view s, char sep) {
-    std::vector<std::string_view> out;
-    int depth = 0;
-    size_t start = 0;
-    for (size_t i = 0; i < s.size(); ++i) {
-        const char c = s[i];
-        if (c == '\\') {
-            ++i;
-        } else if (c == '(') {
-            ++depth;
-        } else if (c == ')') {
-            if (depth > 0) --depth;
-        } else if (c == sep && depth == 0) {
-            out.push_back(s.substr(start, i - start));
-            start = i + 1;
-        }
-    }
-    out.push_back(s.substr(start));
-    return out;
-}
-
+// Position of the first `ch` that is neither escaped nor inside parentheses.
 size_t find_top(std::string_view s, char ch) {
     int depth = 0;
     for (size_t i = 0; i < s.size(); ++i) {
@@ -109,6 +88,17 @@ size_t find_top(std::string_view s, char ch) {
         }
     }
     return std::string_view::npos;
+}
+
+// Splits on unescaped `sep` outside parentheses.
+std::vector<std::string_view> split_top(std::string_view s, char sep) {
+    std::vector<std::string_view> out;
+    for (size_t at = find_top(s, sep); at != std::string_view::npos; at = find_top(s, sep)) {
+        out.push_back(s.substr(0, at));
+        s.remove_prefix(at + 1);
+    }
+    out.push_back(s);
+    return out;
 }
 
 std::string_view unquote(std::string_view s) {
