@@ -62,15 +62,21 @@ int read_file(const std::string& path, std::string& out, size_t max_bytes, unsig
 
 std::vector<std::string> list_dir(const std::string& path) {
     std::vector<std::string> names;
+    list_dir(path, names);
+    return names;
+}
+
+int list_dir(const std::string& path, std::vector<std::string>& names) {
+    names.clear();
     DIR* d = ::opendir(path.c_str());
-    if (!d) return names;
+    if (!d) return -errno;
     while (struct dirent* e = ::readdir(d)) {
         const char* n = e->d_name;
         if (n[0] == '.' && (n[1] == 0 || (n[1] == '.' && n[2] == 0))) continue;
         names.emplace_back(n);
     }
     ::closedir(d);
-    return names;
+    return 0;
 }
 
 std::string read_link(const std::string& path) {
@@ -157,6 +163,13 @@ std::string dir_name(const std::string& path) {
     const size_t s = path.rfind('/');
     if (s == std::string::npos || s == 0) return "/";
     return path.substr(0, s);
+}
+
+int hex_value(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
 }
 
 std::vector<std::string_view> split_ws(std::string_view s) {

@@ -84,6 +84,8 @@ int read_file(const std::string& path, std::string& out, size_t max_bytes = kDef
 
 // Entry names of a directory, without "." and "..". Empty when unreadable.
 std::vector<std::string> list_dir(const std::string& path);
+// The same into `names`; -errno when the directory cannot be opened.
+int list_dir(const std::string& path, std::vector<std::string>& names);
 
 // Target of a symbolic link, or empty.
 std::string read_link(const std::string& path);
@@ -111,6 +113,9 @@ std::string ascii_lower(std::string_view s);
 std::string normalize_path(std::string_view path);
 // Directory part of a host path: "/a/b" -> "/a", "/a" and "a" -> "/".
 std::string dir_name(const std::string& path);
+
+// Value of a hexadecimal digit, -1 for any other character.
+int hex_value(char c);
 
 // Decimal parses that never throw; false on junk or overflow.
 bool parse_i64(std::string_view s, int64_t& out);

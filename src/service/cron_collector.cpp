@@ -293,18 +293,11 @@ struct Sources {
     }
 };
 
+// Entry names in sorted order, or -errno.
 int list_names(const std::string& path, std::vector<std::string>& names) {
-    names.clear();
-    DIR* d = ::opendir(path.c_str());
-    if (!d) return -errno;
-    while (struct dirent* e = ::readdir(d)) {
-        const char* n = e->d_name;
-        if (n[0] == '.' && (n[1] == 0 || (n[1] == '.' && n[2] == 0))) continue;
-        names.emplace_back(n);
-    }
-    ::closedir(d);
+    const int rc = list_dir(path, names);
     std::sort(names.begin(), names.end());
-    return 0;
+    return rc;
 }
 
 // Reads the crontab at `real` (a path under the host root), reporting jobs as

@@ -13,13 +13,6 @@ bool field_is(std::string_view name, const char* want) {
     return name.size() == n && strncasecmp(name.data(), want, n) == 0;
 }
 
-int hexval(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 void parse_conffiles(std::string_view value, std::vector<DpkgConffile>& out) {
     for (std::string_view line : split_lines(value)) {
         const std::vector<std::string_view> w = split_ws(line);
@@ -135,7 +128,7 @@ std::string dpkg_info_name(const DpkgPackage& p, bool with_arch) {
 bool hex_to_bytes(std::string_view hex, unsigned char* out, size_t n) {
     if (hex.size() != 2 * n) return false;
     for (size_t i = 0; i < n; ++i) {
-        const int hi = hexval(hex[2 * i]), lo = hexval(hex[2 * i + 1]);
+        const int hi = hex_value(hex[2 * i]), lo = hex_value(hex[2 * i + 1]);
         if (hi < 0 || lo < 0) return false;
         out[i] = static_cast<unsigned char>(hi << 4 | lo);
     }

@@ -49,18 +49,11 @@ constexpr int kDiagTimeoutSec = 5;             // a silent kernel ends a dump
 // sockets (13) are left out, as /proc/net/tcp leaves them out.
 constexpr uint32_t kDiagStates = 0x1fffu;
 
-int hexval(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 bool parse_hex32(std::string_view s, uint32_t& out) {
     if (s.empty() || s.size() > 8) return false;
     uint32_t v = 0;
     for (char c : s) {
-        const int h = hexval(c);
+        const int h = hex_value(c);
         if (h < 0) return false;
         v = (v << 4) | static_cast<uint32_t>(h);
     }
