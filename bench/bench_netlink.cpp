@@ -11,21 +11,12 @@
 #include <functional>
 #include <vector>
 
+#include "bench_util.h"
 #include "collectors.h"
 
 namespace {
 
-double median_ms(const std::function<void()>& fn) {
-    std::vector<double> t;
-    for (int i = 0; i < 5; ++i) {
-        const auto a = std::chrono::steady_clock::now();
-        fn();
-        const auto b = std::chrono::steady_clock::now();
-        t.push_back(std::chrono::duration<double, std::milli>(b - a).count());
-    }
-    std::sort(t.begin(), t.end());
-    return t[2];
-}
+using ambench::median_ms;
 
 sockaddr_in loopback(uint16_t port) {
     sockaddr_in a{};
@@ -76,14 +67,7 @@ int main() {
         records = out.size();
     });
     size_t lines = 0;
-    const double ss = median_ms([&] {
-        FILE* p = popen("ss -tunap", "r");
-        if (!p) return;
-        char buf[4096];
-        lines = 0;
-        while (fgets(buf, sizeof buf, p)) ++lines;
-        pclose(p);
-    });
+    const double ss = median_ms([&] { lines = ambench::run_peer("ss -tunap").lines; });
     printf("collect_netlinks: %8.2f ms median of 5 (%zu records)\n", ours, records);
     printf("ss -tunap:        %8.2f ms median of 5 (%zu lines)\n", ss, lines);
     printf("ratio collect_netlinks / ss: %.2f (target <= 1)\n", ss > 0 ? ours / ss : 0.0);

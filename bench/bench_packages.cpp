@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "collectors.h"
 #include "digest_cache.h"
 #include "file_facts.h"
@@ -24,24 +25,15 @@
 extern char** environ;
 
 using namespace amsvc;
-using Clock = std::chrono::steady_clock;
+using ambench::Clock;
 
 namespace {
 
-double seconds_since(Clock::time_point t0) {
-    return std::chrono::duration<double>(Clock::now() - t0).count();
-}
+using ambench::seconds_since;
 
 template <class F>
 double median_of_5(F f) {
-    std::vector<double> t;
-    for (int i = 0; i < 5; ++i) {
-        const auto t0 = Clock::now();
-        f();
-        t.push_back(seconds_since(t0));
-    }
-    std::sort(t.begin(), t.end());
-    return t[2];
+    return ambench::median_ms(f) / 1e3;
 }
 
 void run_dpkg_query() {

@@ -9,32 +9,17 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "collectors.h"
 
 using namespace amsvc;
 
 namespace {
 
-double median_ms(int n, const std::function<void()>& f) {
-    std::vector<double> t;
-    for (int i = 0; i < n; ++i) {
-        const auto a = std::chrono::steady_clock::now();
-        f();
-        t.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - a).count());
-    }
-    std::sort(t.begin(), t.end());
-    return t[t.size() / 2];
-}
+double median_ms(int n, const std::function<void()>& f) { return ambench::median_ms(f, n); }
 
 // Runs a shell command, reading all it prints; returns its exit status.
-int shell(const std::string& cmd) {
-    FILE* p = popen(("{ " + cmd + "; } 2>/dev/null").c_str(), "r");
-    if (!p) return -1;
-    char buf[65536];
-    while (fread(buf, 1, sizeof buf, p) > 0) {
-    }
-    return pclose(p);
-}
+int shell(const std::string& cmd) { return ambench::run_peer("{ " + cmd + "; } 2>/dev/null").status; }
 
 bool have(const char* tool) { return shell(std::string("command -v ") + tool + " >/dev/null") == 0; }
 

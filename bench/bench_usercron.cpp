@@ -9,30 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "collectors.h"
 
 namespace {
 
-double median_ms(const std::function<void()>& fn) {
-    std::vector<double> t;
-    for (int i = 0; i < 5; ++i) {
-        const auto a = std::chrono::steady_clock::now();
-        fn();
-        t.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - a).count());
-    }
-    std::sort(t.begin(), t.end());
-    return t[2];
-}
+using ambench::median_ms;
 
-size_t run_tool(const char* cmd) {
-    FILE* p = popen(cmd, "r");
-    if (!p) return 0;
-    char buf[65536];
-    size_t n, total = 0;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) total += n;
-    pclose(p);
-    return total;
-}
+size_t run_tool(const char* cmd) { return ambench::run_peer(cmd).bytes; }
 
 }  // namespace
 
