@@ -181,6 +181,12 @@ public:
             return -EIO;
         }
         proc_prefix_ = proc;
+        struct stat hst;
+        have_host_root_ = ::stat(root_.path("/").c_str(), &hst) == 0;
+        if (have_host_root_) {
+            host_root_dev_ = hst.st_dev;
+            host_root_ino_ = hst.st_ino;
+        }
         struct statfs sfs;
         procfs_ = ::fstatfs(procfd.get(), &sfs) == 0 && sfs.f_type == PROC_SUPER_MAGIC;
         if (read(procfd.get(), "stat", kMaxSmall, false) == 0)
@@ -266,15 +272,21 @@ private:
         }
 
         // Files a process maps are opened through its own root, so a process
-        // in a container is hashed from its own file system.
+        // in a container is hashed from its own file system, and its links
+        // resolve inside it. A root other than the host's (or one that cannot
+        // be told) makes its files foreign: the host's packages do not own them.
         struct stat rootst;
         std::string root_key;
-        if (::fstatat(dfd, "root", &rootst, 0) == 0)
+        bool foreign = true;
+        if (::fstatat(dfd, "root", &rootst, 0) == 0) {
             root_key = dev_ino_key('r', rootst.st_dev, rootst.st_ino);
-        else
+            foreign = !have_host_root_ || rootst.st_dev != host_root_dev_ || rootst.st_ino != host_root_ino_;
+        } else {
             root_key = "p" + pidname;
+        }
         root_key += '\0';
         const std::string pid_prefix = proc_prefix_ + "/" + pidname;
+        const std::string root_dir = pid_prefix + "/root";
 
         if (!rec.path.empty()) {
             std::string bare = rec.path;
@@ -282,15 +294,17 @@ private:
             if (procfs::strip_deleted(bare)) {
                 struct stat est;
                 std::string key = ::fstatat(dfd, "exe", &est, 0) == 0
-                                      ? dev_ino_key('d', est.st_dev, est.st_ino)
+                                      ? dev_ino_key(foreign ? 'f' : 'd', est.st_dev, est.st_ino)
                                       : "e" + pidname;
                 ref.host_path = bare;
                 ref.open_path = pid_prefix + "/exe";
+                ref.foreign = foreign;
                 mods.modules.emplace_back(rec.path, files_.add(std::move(key), std::move(ref)));
             } else {
                 ref.host_path = bare;
-                ref.open_path = pid_prefix + "/root" + bare;
+                ref.root_dir = root_dir;
                 ref.no_follow = true;
+                ref.foreign = foreign;
                 mods.modules.emplace_back(rec.path, files_.add(root_key + bare, std::move(ref)));
             }
         }
@@ -302,13 +316,15 @@ private:
             procfs::strip_deleted(bare);
             FileRef ref;
             ref.host_path = bare;
+            ref.foreign = foreign;
             std::string key;
             if (m.deleted) {
-                key = dev_ino_key('d', makedev(m.dev_major, m.dev_minor), m.inode);
+                // One file under two roots is judged by each root's own rules.
+                key = dev_ino_key(foreign ? 'f' : 'd', makedev(m.dev_major, m.dev_minor), m.inode);
                 ref.open_path = pid_prefix + "/map_files/" + procfs::map_files_name(m.start, m.end);
             } else {
                 key = root_key + bare;
-                ref.open_path = pid_prefix + "/root" + bare;
+                ref.root_dir = root_dir;
                 ref.no_follow = true;
             }
             mods.modules.emplace_back(std::move(m.path), files_.add(std::move(key), std::move(ref)));
@@ -356,6 +372,9 @@ private:
     bool have_btime_ = false;
     int64_t btime_ = 0;
     std::string proc_prefix_;
+    bool have_host_root_ = false;  // identity of the host root, to tell a container's root from it
+    dev_t host_root_dev_ = 0;
+    ino_t host_root_ino_ = 0;
     Buffer buf_;
     ModuleFiles files_;
     std::unordered_map<uint32_t, std::string> users_;
