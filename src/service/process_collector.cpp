@@ -287,6 +287,17 @@ private:
         root_key += '\0';
         const std::string pid_prefix = proc_prefix_ + "/" + pidname;
         const std::string root_dir = pid_prefix + "/root";
+        // A chrooted process's paths are printed as the host sees them
+        // ("/srv/jail/usr/lib/x.so"); inside its root the jail prefix goes.
+        // A root in another mount namespace (a container) reads as "/".
+        std::string jail = read_link_at(dfd, "root");
+        if (jail.size() < 2 || jail[0] != '/' || jail.back() == '/') jail.clear();
+        auto in_root = [&jail](const std::string& path) {
+            if (!jail.empty() && path.size() > jail.size() && path[jail.size()] == '/' &&
+                path.compare(0, jail.size(), jail) == 0)
+                return path.substr(jail.size());
+            return path;
+        };
 
         if (!rec.path.empty()) {
             std::string bare = rec.path;
@@ -301,7 +312,7 @@ private:
                 ref.foreign = foreign;
                 mods.modules.emplace_back(rec.path, files_.add(std::move(key), std::move(ref)));
             } else {
-                ref.host_path = bare;
+                ref.host_path = in_root(bare);
                 ref.root_dir = root_dir;
                 ref.no_follow = true;
                 ref.foreign = foreign;
@@ -324,6 +335,7 @@ private:
                 ref.open_path = pid_prefix + "/map_files/" + procfs::map_files_name(m.start, m.end);
             } else {
                 key = root_key + bare;
+                ref.host_path = in_root(bare);
                 ref.root_dir = root_dir;
                 ref.no_follow = true;
             }
