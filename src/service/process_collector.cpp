@@ -280,6 +280,11 @@ private:
         bool foreign = true;
         if (::fstatat(dfd, "root", &rootst, 0) == 0) {
             root_key = dev_ino_key('r', rootst.st_dev, rootst.st_ino);
+            // Same root, other mounts (unshare -m, a service's private /tmp):
+            // a path may name another file there.
+            struct stat nsst;
+            if (::fstatat(dfd, "ns/mnt", &nsst, 0) == 0)
+                root_key += dev_ino_key('m', nsst.st_dev, nsst.st_ino);
             foreign = !have_host_root_ || rootst.st_dev != host_root_dev_ || rootst.st_ino != host_root_ino_;
         } else {
             root_key = "p" + pidname;

@@ -277,11 +277,12 @@ TEST(ContainerLive, ChrootedProcess) {
             waitpid(pid, nullptr, 0);
         }
     } reap{pid};
-    // Wait for the loader to have mapped libc.
+    // Wait for the loader to have mapped the jail's libc (before the exec
+    // the child maps the host's).
     const std::string maps = "/proc/" + std::to_string(pid) + "/maps";
-    for (int i = 0; i < 500 && slurp(maps).find("libc.so.6") == std::string::npos; ++i)
+    for (int i = 0; i < 500 && slurp(maps).find(r.path() + libc) == std::string::npos; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_NE(slurp(maps).find("libc.so.6"), std::string::npos) << "chrooted child never mapped libc";
+    ASSERT_NE(slurp(maps).find(r.path() + libc), std::string::npos) << "chrooted child never mapped libc";
 
     std::vector<AM::ProcessInfo> out;
     ASSERT_EQ(collect_processes(HostRoot("/"), out), 0);
@@ -311,6 +312,70 @@ TEST(ContainerLive, ChrootedProcess) {
         EXPECT_EQ(m.company, host_libc.company);
         EXPECT_EQ(m.verified, host_libc.verified);
     }
+}
+
+// Two processes with the same root and the same executable path, one of them
+// in its own mount namespace with another file bound over that path: each is
+// hashed from its own view, not from whichever was seen first.
+TEST(ContainerLive, SamePathOtherMountNamespace) {
+    if (geteuid() != 0 || access("/usr/bin/unshare", X_OK) != 0) GTEST_SKIP() << "needs root and unshare";
+    TempRoot r;
+    ASSERT_FALSE(r.path().empty());
+    const std::string host_bin = r.path() + "/bin/nsleep", ns_bin = r.path() + "/ns/nsleep";
+    fs::create_directories(r.path() + "/bin");
+    fs::create_directories(r.path() + "/ns");
+    fs::copy_file("/bin/sleep", host_bin);
+    fs::copy_file("/bin/sleep", ns_bin);
+    std::ofstream(host_bin, std::ios::app) << "host copy";
+    std::ofstream(ns_bin, std::ios::app) << "namespace copy";
+    chmod(host_bin.c_str(), 0755);
+    chmod(ns_bin.c_str(), 0755);
+    const std::string host_md5 = run_word("md5sum " + host_bin), ns_md5 = run_word("md5sum " + ns_bin);
+
+    auto start = [](const std::vector<std::string>& argv) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            std::vector<char*> args;
+            for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+            args.push_back(nullptr);
+            execv(args[0], args.data());
+            _exit(127);
+        }
+        return pid;
+    };
+    const pid_t host_pid = start({host_bin, "3608"});
+    const pid_t ns_pid =
+        start({"/usr/bin/unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
+               "mount --bind " + ns_bin + " " + host_bin + " && exec " + host_bin + " 3609"});
+    struct Reap {
+        pid_t a, b;
+        ~Reap() {
+            for (pid_t p : {a, b}) {
+                if (p <= 0) continue;
+                kill(p, SIGKILL);
+                waitpid(p, nullptr, 0);
+            }
+        }
+    } reap{host_pid, ns_pid};
+    ASSERT_GT(host_pid, 0);
+    ASSERT_GT(ns_pid, 0);
+    const std::string cmdline = "/proc/" + std::to_string(ns_pid) + "/cmdline";
+    const std::string want = host_bin + std::string("\0003609\0", 6);
+    for (int i = 0; i < 500 && slurp(cmdline) != want; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (slurp(cmdline) != want) GTEST_SKIP() << "no mount namespace here";
+
+    std::vector<AM::ProcessInfo> out;
+    ASSERT_EQ(collect_processes(HostRoot("/"), out), 0);
+    int seen = 0;
+    for (const auto& p : out) {
+        if (p.pid != host_pid && p.pid != ns_pid) continue;
+        ++seen;
+        ASSERT_FALSE(p.modules.empty());
+        EXPECT_EQ(p.modules[0].path, host_bin);
+        EXPECT_EQ(p.modules[0].md5, p.pid == ns_pid ? ns_md5 : host_md5) << p.pid;
+    }
+    EXPECT_EQ(seen, 2);
 }
 
 }  // namespace
