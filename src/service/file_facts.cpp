@@ -51,8 +51,8 @@ private:
 
 // Digests of `file`. A path given as seen from a root (a container's, a
 // mounted image's) is resolved inside that root; an explicit open_path
-// (/proc/<pid>/exe, map_files) is opened as it stands: the kernel's own link
-// to the very file mapped.
+// without a root_dir (/proc/<pid>/exe, map_files on procfs) is opened as it
+// stands: the kernel's own link to the very file mapped.
 bool digest_ref(const HostRoot& root, const FileRef& file, DigestAlgo algo, RootFds& fds, FileDigests& d) {
     const std::string* dir = nullptr;
     if (!file.root_dir.empty()) {
@@ -66,7 +66,8 @@ bool digest_ref(const HostRoot& root, const FileRef& file, DigestAlgo algo, Root
     }
     const int root_fd = fds.get(*dir);
     if (root_fd < 0) return false;
-    const int fd = open_in_root(root_fd, file.host_path, file.no_follow);
+    const std::string& path = !file.root_dir.empty() && !file.open_path.empty() ? file.open_path : file.host_path;
+    const int fd = open_in_root(root_fd, path, file.no_follow);
     if (fd < 0) return false;
     const bool ok = digest_fd(fd, algo, d);
     ::close(fd);

@@ -27,10 +27,10 @@ struct FileRef {
     std::string host_path;   // the path as the host names it ("/usr/lib/x.so"); keys ownership
     std::string open_path;   // where to open it ("/proc/42/exe"); empty: host_path inside the root
     bool no_follow = false;  // refuse a symlink as final component (user-controlled paths)
-    // When set, host_path is the path as seen from this directory, opened with
-    // it as "/" ("/proc/42/root"): links on the way resolve inside it, never
-    // on the host. open_path is then unused. Without it, a host root other
-    // than "/" (a mounted image) is used the same way.
+    // When set, the file is opened with this directory as "/"
+    // ("/proc/42/root"), at open_path when given, else at host_path: links on
+    // the way resolve inside it, never on the host. Without it, a host root
+    // other than "/" (a mounted image) is used the same way for host_path.
     std::string root_dir;
     // The file belongs to another root than the host's (a container): the
     // host's package database does not judge it, so company stays empty and

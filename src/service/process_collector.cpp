@@ -291,17 +291,38 @@ private:
         }
         root_key += '\0';
         const std::string pid_prefix = proc_prefix_ + "/" + pidname;
-        const std::string root_dir = pid_prefix + "/root";
+        const std::string pid_in_tree = "/proc/" + pidname;
         // A chrooted process's paths are printed as the host sees them
         // ("/srv/jail/usr/lib/x.so"); inside its root the jail prefix goes.
         // A root in another mount namespace (a container) reads as "/".
-        std::string jail = read_link_at(dfd, "root");
+        std::string jail = procfs_ ? read_link_at(dfd, "root") : std::string();
         if (jail.size() < 2 || jail[0] != '/' || jail.back() == '/') jail.clear();
-        auto in_root = [&jail](const std::string& path) {
-            if (!jail.empty() && path.size() > jail.size() && path[jail.size()] == '/' &&
-                path.compare(0, jail.size(), jail) == 0)
-                return path.substr(jail.size());
-            return path;
+        // A file by the path the process sees.
+        auto by_path = [&](const std::string& bare, FileRef& ref) {
+            ref.host_path = bare;
+            ref.no_follow = true;
+            ref.foreign = foreign;
+            if (procfs_) {
+                ref.root_dir = pid_prefix + "/root";
+                if (!jail.empty() && bare.size() > jail.size() && bare[jail.size()] == '/' &&
+                    bare.compare(0, jail.size(), jail) == 0)
+                    ref.open_path = bare.substr(jail.size());
+            } else {
+                ref.root_dir = root_.root();
+                std::string r = tree_link(dfd, pid_in_tree, "root");
+                ref.open_path = r == "/" ? bare : r + bare;
+            }
+        };
+        // A deleted file, through the process's own link to it (exe, map_files).
+        auto by_link = [&](const std::string& bare, const std::string& name, FileRef& ref) {
+            ref.host_path = bare;
+            ref.foreign = foreign;
+            if (procfs_) {
+                ref.open_path = pid_prefix + "/" + name;
+            } else {
+                ref.root_dir = root_.root();
+                ref.open_path = tree_link(dfd, pid_in_tree, name);
+            }
         };
 
         if (!rec.path.empty()) {
@@ -312,15 +333,10 @@ private:
                 std::string key = ::fstatat(dfd, "exe", &est, 0) == 0
                                       ? dev_ino_key(foreign ? 'f' : 'd', est.st_dev, est.st_ino)
                                       : "e" + pidname;
-                ref.host_path = bare;
-                ref.open_path = pid_prefix + "/exe";
-                ref.foreign = foreign;
+                by_link(bare, "exe", ref);
                 mods.modules.emplace_back(rec.path, files_.add(std::move(key), std::move(ref)));
             } else {
-                ref.host_path = in_root(bare);
-                ref.root_dir = root_dir;
-                ref.no_follow = true;
-                ref.foreign = foreign;
+                by_path(bare, ref);
                 mods.modules.emplace_back(rec.path, files_.add(root_key + bare, std::move(ref)));
             }
         }
@@ -331,18 +347,14 @@ private:
             std::string bare = m.path;
             procfs::strip_deleted(bare);
             FileRef ref;
-            ref.host_path = bare;
-            ref.foreign = foreign;
             std::string key;
             if (m.deleted) {
                 // One file under two roots is judged by each root's own rules.
                 key = dev_ino_key(foreign ? 'f' : 'd', makedev(m.dev_major, m.dev_minor), m.inode);
-                ref.open_path = pid_prefix + "/map_files/" + procfs::map_files_name(m.start, m.end);
+                by_link(bare, "map_files/" + procfs::map_files_name(m.start, m.end), ref);
             } else {
                 key = root_key + bare;
-                ref.host_path = in_root(bare);
-                ref.root_dir = root_dir;
-                ref.no_follow = true;
+                by_path(bare, ref);
             }
             mods.modules.emplace_back(std::move(m.path), files_.add(std::move(key), std::move(ref)));
         }
@@ -363,6 +375,24 @@ private:
         if (read(dfd, "maps", kMaxMaps, false) != 0) return false;
         maps_ = procfs::parse_maps(buf_.view());
         return true;
+    }
+
+    // Where a link of a /proc that is not procfs (a fixture tree, an image's
+    // own /proc) leads, as a path inside the host root: such links are plain
+    // links the tree's owner laid, so their targets are looked up inside the
+    // root like any other path there. A target naming the root by its full
+    // host path (a tree laid out by a tool outside it) is taken from there on.
+    std::string tree_link(int dfd, const std::string& pid_in_tree, const std::string& name) const {
+        const std::string t = read_link_at(dfd, name.c_str());
+        const std::string self = pid_in_tree + "/" + name;
+        if (t.empty()) return self;  // not a link: the entry itself
+        if (t[0] != '/') return self.substr(0, self.rfind('/') + 1) + t;
+        const std::string& r = root_.root();
+        if (r != "/" && t.compare(0, r.size(), r) == 0) {
+            if (t.size() == r.size()) return "/";
+            if (t[r.size()] == '/') return t.substr(r.size());
+        }
+        return t;
     }
 
     size_t args_cap() const { return args_kept_ < kArgsBudget ? kMaxArgs : kMaxArgsTight; }

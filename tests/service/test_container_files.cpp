@@ -205,39 +205,69 @@ TEST(ContainerFacts, ImageRootResolvesInside) {
     EXPECT_EQ(file_facts(image, FileRef{"/usr/up/passwd", ""}).md5, f.md5);
 }
 
-// The collector on a fixture /proc whose process has its own root, mapping a
-// path that goes through a link to the host's /etc (as after a container
-// swapped a directory for a link between the maps read and the hashing).
+// The collector on a fixture /proc (a tree, not procfs): a process whose
+// root is a container's tree inside it, mapping a path that goes through a
+// link to /etc (as after a container swapped a directory for a link between
+// the maps read and the hashing); and links of the tree's own /proc that
+// point at host files, which must be looked up inside the tree.
 TEST(ContainerFacts, CollectorFixtureForeignRoot) {
-    TempRoot host, cont;
+    TempRoot host;
     ASSERT_FALSE(host.path().empty());
-    ASSERT_FALSE(cont.path().empty());
-    lay_out_hostile_root(cont);
+    const std::string cont = host.path() + "/var/lib/c1";
+    {
+        TempRoot scratch;
+        lay_out_hostile_root(scratch);
+        fs::create_directories(cont);
+        fs::copy(scratch.path(), cont, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    }
     const std::string libc = "/lib/x86_64-linux-gnu/libc.so.6";
-    cont.write("real" + libc, "abc");
-    cont.link("/real/lib/x86_64-linux-gnu", "usr/libc-dir");
+    host.write("var/lib/c1/real" + libc, "abc");
+    host.link("/real/lib/x86_64-linux-gnu", "var/lib/c1/usr/libc-dir");  // /real: not at the tree's top
+    host.write("etc/passwd", "the tree's passwd");
     host.write("proc/stat", "btime 1700000000\n");
-    host.write("proc/7/stat", "7 (app) S 1 1 1 0 -1 0 0 0 0 0 1 1 0 0 20 0 1 0 5 0 0\n");
-    host.write("proc/7/status", "Uid:\t0\t0\t0\t0\n");
-    host.link(cont.path(), "proc/7/root");
+    for (const char* pid : {"7", "8"}) {
+        const std::string d = std::string("proc/") + pid;
+        host.write(d + "/stat", std::string(pid) + " (app) S 1 1 1 0 -1 0 0 0 0 0 1 1 0 0 20 0 1 0 5 0 0\n");
+        host.write(d + "/status", "Uid:\t0\t0\t0\t0\n");
+    }
+    // 7: a container, its root named by its full host path.
+    host.link(cont, "proc/7/root");
     host.write("proc/7/maps",
                "1000-2000 r-xp 00000000 fe:00 1 /usr/lib/abc.so\n"
                "2000-3000 r-xp 00000000 fe:00 2 /lib/passwd\n"
                "3000-4000 r-xp 00000000 fe:00 3 /lib/shadow\n"
                "4000-5000 r-xp 00000000 fe:00 4 /usr/libc-dir/libc.so.6\n");
+    // 8: the tree's links aim at the host: its root at "/", a deleted
+    // library at the host's /etc/passwd, its deleted exe at /etc/shadow.
+    host.link("/", "proc/8/root");
+    host.link("/etc/shadow (deleted)", "proc/8/exe");
+    host.link("/etc/passwd", "proc/8/map_files/1000-2000");
+    host.write("proc/8/maps",
+               "1000-2000 r-xp 00000000 fe:00 9 /usr/lib/gone.so (deleted)\n"
+               "2000-3000 r-xp 00000000 fe:00 5 /etc/passwd\n"
+               "3000-4000 r-xp 00000000 fe:00 6 /etc/shadow\n");
     std::vector<AM::ProcessInfo> out;
     ASSERT_EQ(collect_processes(HostRoot(host.path()), out), 0);
-    ASSERT_EQ(out.size(), 1u);
+    ASSERT_EQ(out.size(), 2u);
     const auto& mods = out[0].modules;
     ASSERT_EQ(mods.size(), 4u);
+    // In a tree, absolute links resolve at the tree's top, never on the host.
+    const std::string tree_passwd = run_word("md5sum " + host.path() + "/etc/passwd");
     EXPECT_EQ(mods[0].md5, kAbcMd5);
-    EXPECT_EQ(mods[1].md5, run_word("md5sum " + cont.path() + "/etc/passwd"));
+    EXPECT_EQ(mods[1].md5, tree_passwd);
     EXPECT_EQ(mods[2].md5, "");
-    EXPECT_EQ(mods[3].md5, kAbcMd5);
+    EXPECT_EQ(mods[3].md5, "");
     for (const auto& m : mods) {
         EXPECT_EQ(m.company, "") << m.path;
         EXPECT_FALSE(m.verified) << m.path;
     }
+    const auto& mods8 = out[1].modules;
+    ASSERT_EQ(mods8.size(), 4u);
+    EXPECT_EQ(mods8[0].path, "/etc/shadow (deleted)");
+    EXPECT_EQ(mods8[0].md5, "");  // the tree has no /etc/shadow
+    EXPECT_EQ(mods8[1].md5, tree_passwd);
+    EXPECT_EQ(mods8[2].md5, tree_passwd);
+    EXPECT_EQ(mods8[3].md5, "");
 }
 
 // A real process chrooted into a fake root with its own (altered) copy of
