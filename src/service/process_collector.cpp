@@ -297,6 +297,7 @@ private:
         // A root in another mount namespace (a container) reads as "/".
         std::string jail = procfs_ ? read_link_at(dfd, "root") : std::string();
         if (jail.size() < 2 || jail[0] != '/' || jail.back() == '/') jail.clear();
+        const std::string tree_root = procfs_ ? std::string() : tree_link(dfd, pid_in_tree, "root");
         // A file by the path the process sees.
         auto by_path = [&](const std::string& bare, FileRef& ref) {
             ref.host_path = bare;
@@ -309,8 +310,7 @@ private:
                     ref.open_path = bare.substr(jail.size());
             } else {
                 ref.root_dir = root_.root();
-                std::string r = tree_link(dfd, pid_in_tree, "root");
-                ref.open_path = r == "/" ? bare : r + bare;
+                ref.open_path = tree_root == "/" ? bare : tree_root + bare;
             }
         };
         // A deleted file, through the process's own link to it (exe, map_files).
