@@ -66,7 +66,8 @@ bool digest_ref(const HostRoot& root, const FileRef& file, DigestAlgo algo, Root
     }
     const int root_fd = fds.get(*dir);
     if (root_fd < 0) return false;
-    const std::string& path = !file.root_dir.empty() && !file.open_path.empty() ? file.open_path : file.host_path;
+    const std::string& path =
+        !file.root_dir.empty() && !file.open_path.empty() ? file.open_path : file.host_path;
     const int fd = open_in_root(root_fd, path, file.no_follow);
     if (fd < 0) return false;
     const bool ok = digest_fd(fd, algo, d);
