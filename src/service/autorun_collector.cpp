@@ -382,7 +382,7 @@ Discovered discover(const HostRoot& root, const std::vector<UnitDir>& dirs, cons
             return d;
         }
         std::string text;
-        if (read_file(root.path(path), text, kConfigMax, kNoFollow) != 0) return d;
+        if (read_host_file(root, path, text, kConfigMax, kNoFollow) != 0) return d;
         d.unit = parse_unit_file(text);
         d.kind = Discovered::kRegular;
         return d;
@@ -557,7 +557,7 @@ void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_sou
         const std::string real = S_ISLNK(st.st_mode) ? resolve_host_path(root, host) : host;
         if (real.empty() || ::stat(root.path(real).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
         std::string text;
-        read_file(root.path(real), text, 64u << 10);  // the LSB header sits at the top
+        read_host_file(root, real, text, 64u << 10);  // the LSB header sits at the top
         const LsbHeader h = parse_lsb_header(text);
         Pending p;
         p.rec.name = n;
@@ -597,7 +597,7 @@ void collect_xdg(const HostRoot& root, std::vector<Pending>& out, bool& any_sour
         const std::string host = dir + "/" + n;
         const std::string real = resolve_host_path(root, host);
         std::string text;
-        if (real.empty() || read_file(root.path(real), text, kConfigMax) != 0) continue;
+        if (real.empty() || read_host_file(root, real, text, kConfigMax) != 0) continue;
         const DesktopEntry e = parse_desktop_entry(text);
         Pending p;
         p.rec.name = n;

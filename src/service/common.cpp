@@ -1,5 +1,7 @@
 #include "common.h"
 
+#include "root_open.h"
+
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -25,12 +27,11 @@ std::string HostRoot::path(std::string_view host_path) const {
     return out;
 }
 
-int read_file(const std::string& path, std::string& out, size_t max_bytes, unsigned flags) {
-    out.clear();
-    int oflags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
-    if (flags & kNoFollow) oflags |= O_NOFOLLOW;
-    const int fd = ::open(path.c_str(), oflags);
-    if (fd < 0) return -errno;
+namespace {
+
+// Reads a descriptor of a regular file to its end, at most `max_bytes`; takes
+// ownership of `fd`.
+int read_fd(int fd, std::string& out, size_t max_bytes) {
     struct stat st;
     if (::fstat(fd, &st) != 0) {
         const int e = errno;
@@ -58,6 +59,29 @@ int read_file(const std::string& path, std::string& out, size_t max_bytes, unsig
     }
     ::close(fd);
     return 0;
+}
+
+}  // namespace
+
+int read_file(const std::string& path, std::string& out, size_t max_bytes, unsigned flags) {
+    out.clear();
+    int oflags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+    if (flags & kNoFollow) oflags |= O_NOFOLLOW;
+    const int fd = ::open(path.c_str(), oflags);
+    if (fd < 0) return -errno;
+    return read_fd(fd, out, max_bytes);
+}
+
+int read_host_file(const HostRoot& root, std::string_view host_path, std::string& out, size_t max_bytes,
+                   unsigned flags) {
+    if (root.is_live_host()) return read_file(std::string(host_path), out, max_bytes, flags);
+    out.clear();
+    const int dir = open_root_dir(root.root());
+    if (dir < 0) return dir;
+    const int fd = open_in_root(dir, host_path, (flags & kNoFollow) != 0);
+    ::close(dir);
+    if (fd < 0) return fd;
+    return read_fd(fd, out, max_bytes);
 }
 
 std::vector<std::string> list_dir(const std::string& path) {

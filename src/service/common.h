@@ -82,6 +82,13 @@ enum ReadFlags : unsigned {
 int read_file(const std::string& path, std::string& out, size_t max_bytes = kDefaultMaxFile,
               unsigned flags = kReadDefault);
 
+// Reads the host file `host_path` ("/etc/passwd") under `root`, as read_file
+// does. Under a root other than "/" (a mounted image, a fixture tree) every
+// link on the way resolves inside that root, so an image cannot point the
+// service at a file of the machine it runs on.
+int read_host_file(const HostRoot& root, std::string_view host_path, std::string& out,
+                   size_t max_bytes = kDefaultMaxFile, unsigned flags = kReadDefault);
+
 // Entry names of a directory, without "." and "..". Empty when unreadable.
 std::vector<std::string> list_dir(const std::string& path);
 // The same into `names`; -errno when the directory cannot be opened.

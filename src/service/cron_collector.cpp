@@ -358,7 +358,7 @@ void collect_crontabs(const HostRoot& root, Sources& src, std::vector<CronInfo>&
 
 void collect_anacron(const HostRoot& root, Sources& src, std::vector<CronInfo>& out) {
     std::string text;
-    const int rc = read_file(root.path("/etc/anacrontab"), text, kMaxCrontab, kNoFollow);
+    const int rc = read_host_file(root, "/etc/anacrontab", text, kMaxCrontab, kNoFollow);
     src.note(rc);
     if (rc == 0) parse_anacrontab(text, "/etc/anacrontab", out);
 }

@@ -221,8 +221,12 @@ bool digest_file(const std::string& open_path, bool no_follow, DigestAlgo extra,
     if (no_follow) flags |= O_NOFOLLOW;
     Fd f{::open(open_path.c_str(), flags)};
     if (f.fd < 0) return false;
+    return digest_fd(f.fd, extra, out);
+}
+
+bool digest_fd(int fd, DigestAlgo extra, FileDigests& out) {
     struct stat st;
-    if (::fstat(f.fd, &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return false;
     if (static_cast<uint64_t>(st.st_size) > kMaxHashedFileSize) return false;
     const FileId id = id_of(st);
     try {
@@ -240,10 +244,10 @@ bool digest_file(const std::string& open_path, bool no_follow, DigestAlgo extra,
     try {
         // A regular file opened O_NONBLOCK still reads blocking; drop the flag
         // anyway so no filesystem ever answers EAGAIN.
-        const int fl = ::fcntl(f.fd, F_GETFL);
-        if (fl >= 0) ::fcntl(f.fd, F_SETFL, fl & ~O_NONBLOCK);
-        ::posix_fadvise(f.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-        ok = hash_fd(f.fd, extra, d, bytes);
+        const int fl = ::fcntl(fd, F_GETFL);
+        if (fl >= 0) ::fcntl(fd, F_SETFL, fl & ~O_NONBLOCK);
+        ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+        ok = hash_fd(fd, extra, d, bytes);
     } catch (...) {
         ok = false;
     }
@@ -253,7 +257,7 @@ bool digest_file(const std::string& open_path, bool no_follow, DigestAlgo extra,
     // read it may give a torn digest, which is fine to hand out once, never to keep.
     struct stat after;
     const bool stable =
-        ok && ::fstat(f.fd, &after) == 0 && id_of(after) == id && bytes == static_cast<uint64_t>(st.st_size);
+        ok && ::fstat(fd, &after) == 0 && id_of(after) == id && bytes == static_cast<uint64_t>(st.st_size);
     try {
         cache().finish(id, stable ? &d : nullptr);
     } catch (...) {

@@ -34,6 +34,9 @@ constexpr uint64_t kMaxHashedFileSize = 2ull << 30;  // 2 GiB
 // (kMd5/kSha256/kNone ask for nothing more). False when the file could not be
 // hashed; never throws for I/O reasons.
 bool digest_file(const std::string& open_path, bool no_follow, DigestAlgo extra, FileDigests& out);
+// The same for a file already open for reading (O_NONBLOCK is dropped from it);
+// the descriptor stays the caller's.
+bool digest_fd(int fd, DigestAlgo extra, FileDigests& out);
 
 struct DigestStats {
     uint64_t files_hashed = 0;  // files actually read

@@ -1,5 +1,8 @@
 #include "file_facts.h"
 
+#include <errno.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -8,15 +11,77 @@
 #include "digest_cache.h"
 #include "package_index.h"
 #include "package_index_impl.h"
+#include "root_open.h"
 
 namespace amsvc {
 
-FileFacts file_facts(const HostRoot& root, const FileRef& file) {
+namespace {
+
+// The O_PATH descriptor of the last root directory used, so a thread working
+// through the modules of one container opens its root once, not per file.
+class RootFds {
+public:
+    RootFds() = default;
+    RootFds(const RootFds&) = delete;
+    RootFds& operator=(const RootFds&) = delete;
+    ~RootFds() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    int get(const std::string& dir) {
+        if (fd_ >= 0 && dir == dir_) return fd_;
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
+        dir_.clear();
+        const int fd = open_root_dir(dir);
+        if (fd < 0) return fd;
+        try {
+            dir_ = dir;
+        } catch (...) {
+            ::close(fd);
+            return -ENOMEM;
+        }
+        fd_ = fd;
+        return fd_;
+    }
+
+private:
+    std::string dir_;
+    int fd_ = -1;
+};
+
+// Digests of `file`. A path given as seen from a root (a container's, a
+// mounted image's) is resolved inside that root; an explicit open_path
+// without a root_dir (/proc/<pid>/exe, map_files on procfs) is opened as it
+// stands: the kernel's own link to the very file mapped.
+bool digest_ref(const HostRoot& root, const FileRef& file, DigestAlgo algo, RootFds& fds, FileDigests& d) {
+    const std::string* dir = nullptr;
+    if (!file.root_dir.empty()) {
+        dir = &file.root_dir;
+    } else if (file.open_path.empty() && !root.is_live_host()) {
+        dir = &root.root();
+    }
+    if (!dir) {
+        const std::string& path = file.open_path.empty() ? file.host_path : file.open_path;
+        return digest_file(path, file.no_follow, algo, d);
+    }
+    const int root_fd = fds.get(*dir);
+    if (root_fd < 0) return false;
+    const std::string& path =
+        !file.root_dir.empty() && !file.open_path.empty() ? file.open_path : file.host_path;
+    const int fd = open_in_root(root_fd, path, file.no_follow);
+    if (fd < 0) return false;
+    const bool ok = digest_fd(fd, algo, d);
+    ::close(fd);
+    return ok;
+}
+
+FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds) {
     FileFacts facts;
     try {
         FileOwner owner;
-        bool owned = !file.host_path.empty() && package_owner(root, file.host_path, owner);
-        if (!file.no_follow && !file.host_path.empty() && (!owned || owner.algo == DigestAlgo::kNone)) {
+        bool owned = !file.foreign && !file.host_path.empty() && package_owner(root, file.host_path, owner);
+        if (!file.foreign && !file.no_follow && !file.host_path.empty() &&
+            (!owned || owner.algo == DigestAlgo::kNone)) {
             // The path may be a link (/etc/rc2.d/S01cron, /usr/bin/python3):
             // the content read is its target's, so the target's package judges it.
             DirCanon canon(root);
@@ -28,9 +93,8 @@ FileFacts file_facts(const HostRoot& root, const FileRef& file) {
             }
         }
         if (owned) facts.company = owner.company;
-        const std::string open_path = file.open_path.empty() ? root.path(file.host_path) : file.open_path;
         FileDigests d;
-        if (!digest_file(open_path, file.no_follow, owned ? owner.algo : DigestAlgo::kNone, d)) return facts;
+        if (!digest_ref(root, file, owned ? owner.algo : DigestAlgo::kNone, fds, d)) return facts;
         facts.md5 = to_hex(d.md5, sizeof d.md5);
         facts.sha256 = to_hex(d.sha256, sizeof d.sha256);
         if (owned) {
@@ -51,6 +115,13 @@ FileFacts file_facts(const HostRoot& root, const FileRef& file) {
     return facts;
 }
 
+}  // namespace
+
+FileFacts file_facts(const HostRoot& root, const FileRef& file) {
+    RootFds fds;
+    return facts_of(root, file, fds);
+}
+
 std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<FileRef>& files) {
     std::vector<FileFacts> out;
     try {
@@ -65,7 +136,8 @@ std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<F
     const size_t nthreads = files.size() < 8 ? 1 : std::min<size_t>({hw, 4, files.size()});
     std::atomic<size_t> next{0};
     auto work = [&]() {
-        for (size_t i; (i = next.fetch_add(1)) < files.size();) out[i] = file_facts(root, files[i]);
+        RootFds fds;
+        for (size_t i; (i = next.fetch_add(1)) < files.size();) out[i] = facts_of(root, files[i], fds);
     };
     std::vector<std::thread> pool;
     if (nthreads > 1) {

@@ -5,6 +5,7 @@
 #define ASSETMAN_SERVICE_FILE_FACTS_H
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common.h"
@@ -19,9 +20,22 @@ struct FileFacts {
 };
 
 struct FileRef {
+    FileRef() = default;
+    FileRef(std::string host, std::string open, bool refuse_link = false)
+        : host_path(std::move(host)), open_path(std::move(open)), no_follow(refuse_link) {}
+
     std::string host_path;   // the path as the host names it ("/usr/lib/x.so"); keys ownership
-    std::string open_path;   // where to open it ("/proc/42/root/usr/lib/x.so"); empty: root.path(host_path)
+    std::string open_path;   // where to open it ("/proc/42/exe"); empty: host_path inside the root
     bool no_follow = false;  // refuse a symlink as final component (user-controlled paths)
+    // When set, the file is opened with this directory as "/"
+    // ("/proc/42/root"), at open_path when given, else at host_path: links on
+    // the way resolve inside it, never on the host. Without it, a host root
+    // other than "/" (a mounted image) is used the same way for host_path.
+    std::string root_dir;
+    // The file belongs to another root than the host's (a container): the
+    // host's package database does not judge it, so company stays empty and
+    // verified false.
+    bool foreign = false;
 };
 
 // Facts of one file. Never throws for I/O reasons; a FIFO, device, vanished or

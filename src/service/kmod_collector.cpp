@@ -54,7 +54,7 @@ using KmodCtx = std::unique_ptr<struct kmod_ctx, KmodUnref>;
 std::string kernel_release(const HostRoot& root) {
     std::string text;
     if (!root.is_live_host()) {
-        if (read_file(root.path("/proc/sys/kernel/osrelease"), text, 4096) != 0) return std::string();
+        if (read_host_file(root, "/proc/sys/kernel/osrelease", text, 4096) != 0) return std::string();
         return std::string(trim(text));
     }
     struct utsname u;
@@ -142,7 +142,7 @@ int32_t collect_kernel_modules(const HostRoot& root, std::vector<AM::SysLoadModu
         out.clear();
         KmodCtx ctx;
         std::string text;
-        const int rc = read_file(root.path("/proc/modules"), text, 16u << 20);
+        const int rc = read_host_file(root, "/proc/modules", text, 16u << 20);
         if (rc != 0) return rc == -EACCES || rc == -EPERM ? -EACCES : -ENOENT;
         const std::vector<ProcModule> mods = parse_proc_modules(text);
         const std::string rel = kernel_release(root);

@@ -26,7 +26,7 @@ std::string dpkg_install_time(const HostRoot& root, const DpkgPackage& p) {
 // 0 when read, -ENOENT when there is no dpkg database, another errno when unreadable.
 int collect_dpkg(const HostRoot& root, std::vector<AM::SysInstallPackageInfo>& out) {
     std::string text;
-    const int rc = read_file(root.path("/var/lib/dpkg/status"), text);
+    const int rc = read_host_file(root, "/var/lib/dpkg/status", text);
     if (rc != 0) return rc;
     for (DpkgPackage& p : parse_dpkg_status(text)) {
         if (!dpkg_is_installed(p.status)) continue;
@@ -63,7 +63,7 @@ int collect_rpm(const HostRoot& root, std::vector<AM::SysInstallPackageInfo>& ou
 
 int collect_apk(const HostRoot& root, std::vector<AM::SysInstallPackageInfo>& out) {
     std::string text;
-    const int rc = read_file(root.path("/lib/apk/db/installed"), text);
+    const int rc = read_host_file(root, "/lib/apk/db/installed", text);
     if (rc != 0) return rc;
     for (ApkPackage& p : parse_apk_installed(text, false)) {
         AM::SysInstallPackageInfo r;

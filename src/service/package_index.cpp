@@ -258,7 +258,7 @@ typedef std::unordered_map<std::string, Diversion> Diversions;
 Diversions read_diversions(const HostRoot& root) {
     Diversions out;
     std::string text;
-    if (read_file(root.path("/var/lib/dpkg/diversions"), text, 16u << 20) != 0) return out;
+    if (read_host_file(root, "/var/lib/dpkg/diversions", text, 16u << 20) != 0) return out;
     const std::vector<std::string_view> lines = split_lines(text);
     for (size_t i = 0; i + 2 < lines.size(); i += 3) {
         if (lines[i].empty() || lines[i][0] != '/' || lines[i + 1].empty() || lines[i + 1][0] != '/')
@@ -280,12 +280,12 @@ void index_dpkg_package(const HostRoot& root, const DpkgPackage& p, const Divers
         if (it == diversions.end() || it->second.by == p.name) return path;
         return it->second.to;
     };
-    const std::string info = root.path("/var/lib/dpkg/info/");
+    const std::string info = "/var/lib/dpkg/info/";
     const bool same = p.multi_arch == "same";
     std::string stem;
     for (bool with_arch : {same, !same}) {
         stem = info + dpkg_info_name(p, with_arch);
-        if (read_file(stem + ".list", buf, 256u << 20) == 0) break;
+        if (read_host_file(root, stem + ".list", buf, 256u << 20) == 0) break;
         buf.clear();
     }
     if (buf.empty()) return;
@@ -301,7 +301,7 @@ void index_dpkg_package(const HostRoot& root, const DpkgPackage& p, const Divers
         if (path == "/." || path == "/") continue;
         index.add_file(id, where(path), DigestAlgo::kNone, nullptr, canon);
     }
-    if (read_file(stem + ".md5sums", buf, 256u << 20) == 0) {
+    if (read_host_file(root, stem + ".md5sums", buf, 256u << 20) == 0) {
         parse_md5sums(buf, [&](std::string_view path, const unsigned char* md5) {
             index.add_file(id, where(path), DigestAlgo::kMd5, md5, canon);
         });
@@ -315,7 +315,7 @@ void index_dpkg_package(const HostRoot& root, const DpkgPackage& p, const Divers
 
 void index_dpkg(const HostRoot& root, PackageIndex& index, DirCanon& canon) {
     std::string text;
-    if (read_file(root.path("/var/lib/dpkg/status"), text) != 0) return;
+    if (read_host_file(root, "/var/lib/dpkg/status", text) != 0) return;
     std::vector<DpkgPackage> pkgs = parse_dpkg_status(text);
     const Diversions diversions = read_diversions(root);
     text.clear();
@@ -335,7 +335,7 @@ void index_rpm(const HostRoot& root, PackageIndex& index, DirCanon& canon) {
 
 void index_apk(const HostRoot& root, PackageIndex& index, DirCanon& canon) {
     std::string text;
-    if (read_file(root.path("/lib/apk/db/installed"), text) != 0) return;
+    if (read_host_file(root, "/lib/apk/db/installed", text) != 0) return;
     for (const ApkPackage& p : parse_apk_installed(text, true)) {
         const uint32_t id = index.add_package(p.name, p.maintainer);
         for (const ApkFile& f : p.files)

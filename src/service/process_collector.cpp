@@ -181,6 +181,12 @@ public:
             return -EIO;
         }
         proc_prefix_ = proc;
+        struct stat hst;
+        have_host_root_ = ::stat(root_.path("/").c_str(), &hst) == 0;
+        if (have_host_root_) {
+            host_root_dev_ = hst.st_dev;
+            host_root_ino_ = hst.st_ino;
+        }
         struct statfs sfs;
         procfs_ = ::fstatfs(procfd.get(), &sfs) == 0 && sfs.f_type == PROC_SUPER_MAGIC;
         if (read(procfd.get(), "stat", kMaxSmall, false) == 0)
@@ -266,15 +272,58 @@ private:
         }
 
         // Files a process maps are opened through its own root, so a process
-        // in a container is hashed from its own file system.
+        // in a container is hashed from its own file system, and its links
+        // resolve inside it. A root other than the host's (or one that cannot
+        // be told) makes its files foreign: the host's packages do not own them.
         struct stat rootst;
         std::string root_key;
-        if (::fstatat(dfd, "root", &rootst, 0) == 0)
+        bool foreign = true;
+        if (::fstatat(dfd, "root", &rootst, 0) == 0) {
             root_key = dev_ino_key('r', rootst.st_dev, rootst.st_ino);
-        else
+            // Same root, other mounts (unshare -m, a service's private /tmp):
+            // a path may name another file there.
+            struct stat nsst;
+            if (::fstatat(dfd, "ns/mnt", &nsst, 0) == 0)
+                root_key += dev_ino_key('m', nsst.st_dev, nsst.st_ino);
+            foreign = !have_host_root_ || rootst.st_dev != host_root_dev_ || rootst.st_ino != host_root_ino_;
+        } else {
             root_key = "p" + pidname;
+        }
         root_key += '\0';
         const std::string pid_prefix = proc_prefix_ + "/" + pidname;
+        const std::string pid_in_tree = "/proc/" + pidname;
+        // A chrooted process's paths are printed as the host sees them
+        // ("/srv/jail/usr/lib/x.so"); inside its root the jail prefix goes.
+        // A root in another mount namespace (a container) reads as "/".
+        std::string jail = procfs_ ? read_link_at(dfd, "root") : std::string();
+        if (jail.size() < 2 || jail[0] != '/' || jail.back() == '/') jail.clear();
+        const std::string tree_root = procfs_ ? std::string() : tree_link(dfd, pid_in_tree, "root");
+        // A file by the path the process sees.
+        auto by_path = [&](const std::string& bare, FileRef& ref) {
+            ref.host_path = bare;
+            ref.no_follow = true;
+            ref.foreign = foreign;
+            if (procfs_) {
+                ref.root_dir = pid_prefix + "/root";
+                if (!jail.empty() && bare.size() > jail.size() && bare[jail.size()] == '/' &&
+                    bare.compare(0, jail.size(), jail) == 0)
+                    ref.open_path = bare.substr(jail.size());
+            } else {
+                ref.root_dir = root_.root();
+                ref.open_path = tree_root == "/" ? bare : tree_root + bare;
+            }
+        };
+        // A deleted file, through the process's own link to it (exe, map_files).
+        auto by_link = [&](const std::string& bare, const std::string& name, FileRef& ref) {
+            ref.host_path = bare;
+            ref.foreign = foreign;
+            if (procfs_) {
+                ref.open_path = pid_prefix + "/" + name;
+            } else {
+                ref.root_dir = root_.root();
+                ref.open_path = tree_link(dfd, pid_in_tree, name);
+            }
+        };
 
         if (!rec.path.empty()) {
             std::string bare = rec.path;
@@ -282,15 +331,12 @@ private:
             if (procfs::strip_deleted(bare)) {
                 struct stat est;
                 std::string key = ::fstatat(dfd, "exe", &est, 0) == 0
-                                      ? dev_ino_key('d', est.st_dev, est.st_ino)
+                                      ? dev_ino_key(foreign ? 'f' : 'd', est.st_dev, est.st_ino)
                                       : "e" + pidname;
-                ref.host_path = bare;
-                ref.open_path = pid_prefix + "/exe";
+                by_link(bare, "exe", ref);
                 mods.modules.emplace_back(rec.path, files_.add(std::move(key), std::move(ref)));
             } else {
-                ref.host_path = bare;
-                ref.open_path = pid_prefix + "/root" + bare;
-                ref.no_follow = true;
+                by_path(bare, ref);
                 mods.modules.emplace_back(rec.path, files_.add(root_key + bare, std::move(ref)));
             }
         }
@@ -301,15 +347,14 @@ private:
             std::string bare = m.path;
             procfs::strip_deleted(bare);
             FileRef ref;
-            ref.host_path = bare;
             std::string key;
             if (m.deleted) {
-                key = dev_ino_key('d', makedev(m.dev_major, m.dev_minor), m.inode);
-                ref.open_path = pid_prefix + "/map_files/" + procfs::map_files_name(m.start, m.end);
+                // One file under two roots is judged by each root's own rules.
+                key = dev_ino_key(foreign ? 'f' : 'd', makedev(m.dev_major, m.dev_minor), m.inode);
+                by_link(bare, "map_files/" + procfs::map_files_name(m.start, m.end), ref);
             } else {
                 key = root_key + bare;
-                ref.open_path = pid_prefix + "/root" + bare;
-                ref.no_follow = true;
+                by_path(bare, ref);
             }
             mods.modules.emplace_back(std::move(m.path), files_.add(std::move(key), std::move(ref)));
         }
@@ -330,6 +375,24 @@ private:
         if (read(dfd, "maps", kMaxMaps, false) != 0) return false;
         maps_ = procfs::parse_maps(buf_.view());
         return true;
+    }
+
+    // Where a link of a /proc that is not procfs (a fixture tree, an image's
+    // own /proc) leads, as a path inside the host root: such links are plain
+    // links the tree's owner laid, so their targets are looked up inside the
+    // root like any other path there. A target naming the root by its full
+    // host path (a tree laid out by a tool outside it) is taken from there on.
+    std::string tree_link(int dfd, const std::string& pid_in_tree, const std::string& name) const {
+        const std::string t = read_link_at(dfd, name.c_str());
+        const std::string self = pid_in_tree + "/" + name;
+        if (t.empty()) return self;  // not a link: the entry itself
+        if (t[0] != '/') return self.substr(0, self.rfind('/') + 1) + t;
+        const std::string& r = root_.root();
+        if (r != "/" && t.compare(0, r.size(), r) == 0) {
+            if (t.size() == r.size()) return "/";
+            if (t[r.size()] == '/') return t.substr(r.size());
+        }
+        return t;
     }
 
     size_t args_cap() const { return args_kept_ < kArgsBudget ? kMaxArgs : kMaxArgsTight; }
@@ -356,6 +419,9 @@ private:
     bool have_btime_ = false;
     int64_t btime_ = 0;
     std::string proc_prefix_;
+    bool have_host_root_ = false;  // identity of the host root, to tell a container's root from it
+    dev_t host_root_dev_ = 0;
+    ino_t host_root_ino_ = 0;
     Buffer buf_;
     ModuleFiles files_;
     std::unordered_map<uint32_t, std::string> users_;

@@ -141,7 +141,7 @@ int read_config(const HostRoot& root, const std::string& host_path, std::string&
         out.clear();
         return -ENOENT;
     }
-    return read_file(root.path(p), out, max);
+    return read_host_file(root, p, out, max);
 }
 
 }  // namespace
@@ -474,8 +474,8 @@ namespace {
 
 void collect_disks(const HostRoot& root, std::vector<AM::DiskInfo>& out) {
     std::string text;
-    if (read_file(root.path("/proc/self/mounts"), text, kSmallFile) != 0 &&
-        read_file(root.path("/proc/mounts"), text, kSmallFile) != 0)
+    if (read_host_file(root, "/proc/self/mounts", text, kSmallFile) != 0 &&
+        read_host_file(root, "/proc/mounts", text, kSmallFile) != 0)
         return;
     const std::vector<MountEntry> mounts = parse_mounts(text);
     // A later mount on the same point hides the earlier one.
@@ -562,7 +562,7 @@ void collect_cards(const HostRoot& root, std::vector<AM::NetworkCardInfo>& out) 
         }
     } else {
         std::string text;
-        read_file(root.path("/proc/net/if_inet6"), text, kSmallFile);
+        read_host_file(root, "/proc/net/if_inet6", text, kSmallFile);
         const auto v6 = parse_if_inet6(text);
         std::vector<std::string> names = list_dir(root.path("/sys/class/net"));
         std::sort(names.begin(), names.end());
@@ -570,9 +570,9 @@ void collect_cards(const HostRoot& root, std::vector<AM::NetworkCardInfo>& out) 
             card(cards, n).v6 = v6.count(n) ? v6.at(n) : std::vector<std::string>();
     }
     std::string text;
-    read_file(root.path("/proc/net/route"), text, kSmallFile);
+    read_host_file(root, "/proc/net/route", text, kSmallFile);
     const auto gw4 = parse_route_v4(text);
-    read_file(root.path("/proc/net/ipv6_route"), text, kSmallFile);
+    read_host_file(root, "/proc/net/ipv6_route", text, kSmallFile);
     const auto gw6 = parse_route_v6(text);
     for (CardBuild& c : cards) {
         // Interface names never hold '/', so this stays inside /sys/class/net.
@@ -628,8 +628,8 @@ int32_t collect_system_facts(const HostRoot& root, AM::SystemInfo& out) {
         out.Manufacturer = first_line(root.path("/sys/class/dmi/id/sys_vendor"));
         out.product = first_line(root.path("/sys/class/dmi/id/product_name"));
         out.Serial = first_line(root.path("/sys/class/dmi/id/product_serial"));
-        if (read_file(root.path("/proc/meminfo"), text, kSmallFile) == 0) out.mem = parse_meminfo(text);
-        if (read_file(root.path("/proc/cpuinfo"), text, 16u << 20) == 0) out.cpu = parse_cpuinfo(text);
+        if (read_host_file(root, "/proc/meminfo", text, kSmallFile) == 0) out.mem = parse_meminfo(text);
+        if (read_host_file(root, "/proc/cpuinfo", text, 16u << 20) == 0) out.cpu = parse_cpuinfo(text);
         if (read_config(root, "/etc/environment", text) == 0) out.envs = parse_environment(text);
         collect_cards(root, out.network_card);
         collect_disks(root, out.disk);

@@ -462,7 +462,7 @@ struct SudoersReader {
     void read(const std::string& host_path) {
         if (depth >= kMaxIncludeDepth || !seen.insert(host_path).second) return;
         std::string text;
-        if (read_file(root.path(host_path), text, kMaxSudoersFile) != 0) return;
+        if (read_host_file(root, host_path, text, kMaxSudoersFile) != 0) return;
         const std::string base = dir_name(host_path);
         ++depth;
         parser.parse(text, [&](const std::string& p, bool is_dir) {
@@ -539,14 +539,14 @@ std::string read_wtmp_tail(const std::string& path) {
 int32_t collect_users(const HostRoot& root, std::vector<AM::UserInfo>& out) {
     out.clear();
     std::string text;
-    const int rc = read_file(root.path("/etc/passwd"), text, kMaxAccountFile);
+    const int rc = read_host_file(root, "/etc/passwd", text, kMaxAccountFile);
     if (rc == -ENOENT || rc == -ENOTDIR) return -ENOENT;
     if (rc == -EACCES || rc == -EPERM) return -EACCES;
     if (rc != 0) return -EIO;
     const std::vector<PasswdEntry> accounts = parse_passwd(text);
 
     std::vector<GroupEntry> groups;
-    if (read_file(root.path("/etc/group"), text, kMaxAccountFile) == 0) groups = parse_group(text);
+    if (read_host_file(root, "/etc/group", text, kMaxAccountFile) == 0) groups = parse_group(text);
     std::unordered_map<std::string, const GroupEntry*> group_by_gid;
     std::unordered_map<std::string, std::vector<const GroupEntry*>> groups_of_member;
     for (const GroupEntry& g : groups) {
@@ -555,7 +555,7 @@ int32_t collect_users(const HostRoot& root, std::vector<AM::UserInfo>& out) {
     }
 
     std::vector<ShadowEntry> shadow;
-    if (read_file(root.path("/etc/shadow"), text, kMaxAccountFile) == 0) shadow = parse_shadow(text);
+    if (read_host_file(root, "/etc/shadow", text, kMaxAccountFile) == 0) shadow = parse_shadow(text);
     std::unordered_map<std::string, const ShadowEntry*> shadow_by_name;
     for (const ShadowEntry& s : shadow) shadow_by_name.emplace(s.name, &s);
     text.clear();

@@ -1,0 +1,411 @@
+// Files of containers and mounted images: links inside such a tree resolve
+// inside it, never on the host, and the host's packages never own them.
+// Fake roots in a temporary directory, a fixture /proc, and a real process
+// chrooted into a fake root.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "collectors.h"
+#include "common.h"
+#include "file_facts.h"
+#include "root_open.h"
+
+namespace fs = std::filesystem;
+using namespace amsvc;
+
+namespace {
+
+class TempRoot {
+public:
+    TempRoot() {
+        char tmpl[] = "/tmp/amcont.XXXXXX";
+        const char* d = mkdtemp(tmpl);
+        if (d) path_ = d;
+    }
+    ~TempRoot() {
+        std::error_code ec;
+        if (!path_.empty()) fs::remove_all(path_, ec);
+    }
+    const std::string& path() const { return path_; }
+    std::string write(const std::string& rel, const std::string& data) {
+        fs::create_directories(fs::path(path_ + "/" + rel).parent_path());
+        std::ofstream(path_ + "/" + rel, std::ios::binary) << data;
+        return path_ + "/" + rel;
+    }
+    void link(const std::string& target, const std::string& rel) {
+        fs::create_directories(fs::path(path_ + "/" + rel).parent_path());
+        fs::create_symlink(target, path_ + "/" + rel);
+    }
+
+private:
+    std::string path_;
+};
+
+std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::string run_word(const std::string& cmd) {
+    std::string out;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return out;
+    char buf[256];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    pclose(p);
+    return out.substr(0, out.find_first_of(" \n"));
+}
+
+// Content read through an opener, or "<errno>" when it refused.
+typedef int (*Opener)(int, std::string_view, bool);
+std::string read_in(Opener open, int root_fd, const std::string& path, bool no_follow = false) {
+    const int fd = open(root_fd, path, no_follow);
+    if (fd < 0) return "<" + std::to_string(-fd) + ">";
+    std::string out;
+    char buf[4096];
+    ssize_t n;
+    while ((n = ::read(fd, buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+    ::close(fd);
+    return out;
+}
+
+const std::string kAbcMd5 = "900150983cd24fb0d6963f7d28e17f72";
+const std::string kAbcSha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+
+// A container's tree that points at the host every way a link can: an
+// absolute directory link, a relative one climbing past the top, a final
+// component link, a loop, a link through /proc. The host has every target.
+void lay_out_hostile_root(TempRoot& r) {
+    r.write("etc/passwd", "inside passwd");
+    r.write("usr/lib/abc.so", "abc");
+    r.link("/etc", "lib");                          // /lib/passwd: the root's /etc/passwd
+    r.link("../../../../../../etc", "usr/up");      // climbs to the root, not past it
+    r.link("/usr/lib/abc.so", "usr/lib/final.so");  // absolute final link
+    r.link("/etc/hostname", "usr/lib/host.so");     // the root has no /etc/hostname
+    r.link("loop2", "loop1");
+    r.link("loop1", "loop2");
+    r.link("/proc/self/root/etc", "selfroot");
+    fs::create_directories(r.path() + "/deep/a/b");
+}
+
+class RootOpen : public ::testing::TestWithParam<Opener> {};
+
+TEST_P(RootOpen, LinksStayInsideTheRoot) {
+    TempRoot r;
+    ASSERT_FALSE(r.path().empty());
+    lay_out_hostile_root(r);
+    const int root_fd = open_root_dir(r.path());
+    ASSERT_GE(root_fd, 0);
+    const Opener open = GetParam();
+
+    EXPECT_EQ(read_in(open, root_fd, "/usr/lib/abc.so"), "abc");
+    EXPECT_EQ(read_in(open, root_fd, "usr/lib/abc.so"), "abc");  // relative: from the root
+    EXPECT_EQ(read_in(open, root_fd, "/lib/passwd"), "inside passwd");
+    EXPECT_EQ(read_in(open, root_fd, "/lib/shadow"), "<" + std::to_string(ENOENT) + ">");
+    EXPECT_EQ(read_in(open, root_fd, "/usr/up/passwd"), "inside passwd");
+    EXPECT_EQ(read_in(open, root_fd, "/../../../etc/passwd"), "inside passwd");
+    EXPECT_EQ(read_in(open, root_fd, "/deep/a/b/../../../lib/passwd"), "inside passwd");
+    EXPECT_EQ(read_in(open, root_fd, "/selfroot/passwd").substr(0, 1), "<");
+    // A final link is followed inside the root, or refused.
+    EXPECT_EQ(read_in(open, root_fd, "/usr/lib/final.so"), "abc");
+    EXPECT_EQ(read_in(open, root_fd, "/usr/lib/final.so", true), "<" + std::to_string(ELOOP) + ">");
+    EXPECT_EQ(read_in(open, root_fd, "/usr/lib/host.so"), "<" + std::to_string(ENOENT) + ">");
+    EXPECT_EQ(read_in(open, root_fd, "/loop1/x"), "<" + std::to_string(ELOOP) + ">");
+    EXPECT_EQ(read_in(open, root_fd, "/loop1"), "<" + std::to_string(ELOOP) + ">");
+    // A file used as a directory, an embedded NUL, an empty name.
+    EXPECT_EQ(read_in(open, root_fd, "/etc/passwd/x"), "<" + std::to_string(ENOTDIR) + ">");
+    EXPECT_EQ(read_in(open, root_fd, std::string("/etc/passwd\0x", 13)).substr(0, 1), "<");
+    EXPECT_EQ(read_in(open, root_fd, "").substr(0, 1), "<");
+    ::close(root_fd);
+}
+
+INSTANTIATE_TEST_SUITE_P(OpenAt2AndWalk, RootOpen, ::testing::Values(&open_in_root, &open_in_root_walk));
+
+TEST(ContainerFacts, RootDirResolvesInside) {
+    TempRoot r;
+    ASSERT_FALSE(r.path().empty());
+    lay_out_hostile_root(r);
+    r.write("lib2/x/shadow", "abc");
+    FileRef ref;
+    ref.root_dir = r.path();
+    ref.no_follow = true;
+    ref.foreign = true;
+
+    ref.host_path = "/usr/lib/abc.so";
+    FileFacts f = file_facts(HostRoot("/"), ref);
+    EXPECT_EQ(f.md5, kAbcMd5);
+    EXPECT_EQ(f.sha256, kAbcSha256);
+    EXPECT_EQ(f.company, "");
+    EXPECT_FALSE(f.verified);
+
+    // Through lib -> /etc: the root's passwd, never the host's.
+    ref.host_path = "/lib/passwd";
+    f = file_facts(HostRoot("/"), ref);
+    EXPECT_EQ(f.md5, run_word("md5sum " + r.path() + "/etc/passwd"));
+    EXPECT_NE(f.md5, run_word("md5sum /etc/passwd"));
+    for (const char* p : {"/lib/shadow", "/lib/hostname", "/usr/lib/host.so", "/usr/lib/final.so"}) {
+        ref.host_path = p;
+        f = file_facts(HostRoot("/"), ref);
+        EXPECT_EQ(f.md5, "") << p;
+        EXPECT_EQ(f.company, "") << p;
+    }
+
+    // Many at once, roots interleaved (each thread keeps one root open).
+    TempRoot other;
+    other.write("usr/lib/abc.so", "other");
+    std::vector<FileRef> refs;
+    for (int i = 0; i < 40; ++i) {
+        FileRef x = ref;
+        x.root_dir = i % 3 ? r.path() : other.path();
+        x.host_path = i % 2 ? "/usr/lib/abc.so" : "/lib/shadow";
+        refs.push_back(x);
+    }
+    const std::vector<FileFacts> many = file_facts_many(HostRoot("/"), refs);
+    ASSERT_EQ(many.size(), refs.size());
+    for (size_t i = 0; i < refs.size(); ++i) {
+        if (i % 2 == 0)
+            EXPECT_EQ(many[i].md5, "") << i;
+        else
+            EXPECT_EQ(many[i].md5, i % 3 ? kAbcMd5 : "795f3202b17cb6bc3d4b771d8c6c9eaf") << i;
+    }
+
+    // A root that is not a directory, or gone.
+    ref.host_path = "/usr/lib/abc.so";
+    ref.root_dir = r.path() + "/etc/passwd";
+    EXPECT_EQ(file_facts(HostRoot("/"), ref).md5, "");
+    ref.root_dir = r.path() + "/nonexistent";
+    EXPECT_EQ(file_facts(HostRoot("/"), ref).md5, "");
+}
+
+// A host root that is a mounted image: its absolute links mean the image's files.
+TEST(ContainerFacts, ImageRootResolvesInside) {
+    TempRoot r;
+    ASSERT_FALSE(r.path().empty());
+    lay_out_hostile_root(r);
+    const HostRoot image(r.path());
+    FileFacts f = file_facts(image, FileRef{"/lib/passwd", ""});
+    EXPECT_EQ(f.md5, run_word("md5sum " + r.path() + "/etc/passwd"));
+    EXPECT_EQ(file_facts(image, FileRef{"/lib/shadow", ""}).md5, "");
+    EXPECT_EQ(file_facts(image, FileRef{"/usr/lib/final.so", ""}).md5, kAbcMd5);
+    EXPECT_EQ(file_facts(image, FileRef{"/usr/lib/final.so", "", true}).md5, "");
+    EXPECT_EQ(file_facts(image, FileRef{"/usr/lib/host.so", ""}).md5, "");
+    EXPECT_EQ(file_facts(image, FileRef{"/usr/up/passwd", ""}).md5, f.md5);
+}
+
+// The collector on a fixture /proc (a tree, not procfs): a process whose
+// root is a container's tree inside it, mapping a path that goes through a
+// link to /etc (as after a container swapped a directory for a link between
+// the maps read and the hashing); and links of the tree's own /proc that
+// point at host files, which must be looked up inside the tree.
+TEST(ContainerFacts, CollectorFixtureForeignRoot) {
+    TempRoot host;
+    ASSERT_FALSE(host.path().empty());
+    const std::string cont = host.path() + "/var/lib/c1";
+    {
+        TempRoot scratch;
+        lay_out_hostile_root(scratch);
+        fs::create_directories(cont);
+        fs::copy(scratch.path(), cont, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    }
+    const std::string libc = "/lib/x86_64-linux-gnu/libc.so.6";
+    host.write("var/lib/c1/real" + libc, "abc");
+    host.link("/real/lib/x86_64-linux-gnu", "var/lib/c1/usr/libc-dir");  // /real: not at the tree's top
+    host.write("etc/passwd", "the tree's passwd");
+    host.write("proc/stat", "btime 1700000000\n");
+    for (const char* pid : {"7", "8"}) {
+        const std::string d = std::string("proc/") + pid;
+        host.write(d + "/stat", std::string(pid) + " (app) S 1 1 1 0 -1 0 0 0 0 0 1 1 0 0 20 0 1 0 5 0 0\n");
+        host.write(d + "/status", "Uid:\t0\t0\t0\t0\n");
+    }
+    // 7: a container, its root named by its full host path.
+    host.link(cont, "proc/7/root");
+    host.write("proc/7/maps",
+               "1000-2000 r-xp 00000000 fe:00 1 /usr/lib/abc.so\n"
+               "2000-3000 r-xp 00000000 fe:00 2 /lib/passwd\n"
+               "3000-4000 r-xp 00000000 fe:00 3 /lib/shadow\n"
+               "4000-5000 r-xp 00000000 fe:00 4 /usr/libc-dir/libc.so.6\n");
+    // 8: the tree's links aim at the host: its root at "/", a deleted
+    // library at the host's /etc/passwd, its deleted exe at /etc/shadow.
+    host.link("/", "proc/8/root");
+    host.link("/etc/shadow (deleted)", "proc/8/exe");
+    host.link("/etc/passwd", "proc/8/map_files/1000-2000");
+    host.write("proc/8/maps",
+               "1000-2000 r-xp 00000000 fe:00 9 /usr/lib/gone.so (deleted)\n"
+               "2000-3000 r-xp 00000000 fe:00 5 /etc/passwd\n"
+               "3000-4000 r-xp 00000000 fe:00 6 /etc/shadow\n");
+    std::vector<AM::ProcessInfo> out;
+    ASSERT_EQ(collect_processes(HostRoot(host.path()), out), 0);
+    ASSERT_EQ(out.size(), 2u);
+    const auto& mods = out[0].modules;
+    ASSERT_EQ(mods.size(), 4u);
+    // In a tree, absolute links resolve at the tree's top, never on the host.
+    const std::string tree_passwd = run_word("md5sum " + host.path() + "/etc/passwd");
+    EXPECT_EQ(mods[0].md5, kAbcMd5);
+    EXPECT_EQ(mods[1].md5, tree_passwd);
+    EXPECT_EQ(mods[2].md5, "");
+    EXPECT_EQ(mods[3].md5, "");
+    for (const auto& m : mods) {
+        EXPECT_EQ(m.company, "") << m.path;
+        EXPECT_FALSE(m.verified) << m.path;
+    }
+    const auto& mods8 = out[1].modules;
+    ASSERT_EQ(mods8.size(), 4u);
+    EXPECT_EQ(mods8[0].path, "/etc/shadow (deleted)");
+    EXPECT_EQ(mods8[0].md5, "");  // the tree has no /etc/shadow
+    EXPECT_EQ(mods8[1].md5, tree_passwd);
+    EXPECT_EQ(mods8[2].md5, tree_passwd);
+    EXPECT_EQ(mods8[3].md5, "");
+}
+
+// A real process chrooted into a fake root with its own (altered) copy of
+// the host's libc, mapped under the path the host's libc package lists.
+TEST(ContainerLive, ChrootedProcess) {
+    if (geteuid() != 0) GTEST_SKIP() << "chroot needs root";
+    const std::string sleep_bin = "/bin/sleep", ld = "/lib64/ld-linux-x86-64.so.2",
+                      libc = "/lib/x86_64-linux-gnu/libc.so.6";
+    if (!fs::exists(sleep_bin) || !fs::exists(ld) || !fs::exists(libc))
+        GTEST_SKIP() << "not an x86-64 glibc host";
+    const FileFacts host_libc = file_facts(HostRoot("/"), FileRef{libc, ""});
+    TempRoot r;
+    ASSERT_FALSE(r.path().empty());
+    fs::create_directories(r.path() + "/bin");
+    fs::create_directories(r.path() + "/lib64");
+    fs::create_directories(r.path() + "/lib/x86_64-linux-gnu");
+    fs::copy_file(sleep_bin, r.path() + "/bin/sleep");
+    fs::copy_file(ld, r.path() + ld);
+    fs::copy_file(libc, r.path() + libc);
+    chmod((r.path() + "/bin/sleep").c_str(), 0755);
+    chmod((r.path() + ld).c_str(), 0755);
+    std::ofstream(r.path() + libc, std::ios::app | std::ios::binary) << "container's own copy";
+    const std::string fake_md5 = run_word("md5sum " + r.path() + libc);
+    ASSERT_NE(fake_md5, host_libc.md5);
+
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        if (chroot(r.path().c_str()) != 0 || chdir("/") != 0) _exit(127);
+        execl("/bin/sleep", "sleep", "3607", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    struct Reap {
+        pid_t pid;
+        ~Reap() {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    } reap{pid};
+    // Wait for the loader to have mapped the jail's libc (before the exec
+    // the child maps the host's).
+    const std::string maps = "/proc/" + std::to_string(pid) + "/maps";
+    for (int i = 0; i < 500 && slurp(maps).find(r.path() + libc) == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_NE(slurp(maps).find(r.path() + libc), std::string::npos) << "chrooted child never mapped libc";
+
+    std::vector<AM::ProcessInfo> out;
+    ASSERT_EQ(collect_processes(HostRoot("/"), out), 0);
+    const AM::ProcessInfo* p = nullptr;
+    const AM::ProcessInfo* self = nullptr;
+    for (const auto& x : out) {
+        if (x.pid == pid) p = &x;
+        if (x.pid == getpid()) self = &x;
+    }
+    ASSERT_NE(p, nullptr);
+    ASSERT_NE(self, nullptr);
+    bool saw_libc = false;
+    for (const auto& m : p->modules) {
+        if (m.path.find("libc.so.6") == std::string::npos) continue;
+        saw_libc = true;
+        EXPECT_EQ(m.md5, fake_md5) << m.path;
+        EXPECT_EQ(m.company, "") << "the host's package does not own a container's file";
+        EXPECT_FALSE(m.verified);
+    }
+    EXPECT_TRUE(saw_libc);
+    ASSERT_FALSE(p->modules.empty());
+    EXPECT_EQ(p->modules[0].md5, run_word("md5sum " + r.path() + "/bin/sleep"));
+    // This test's own libc is the host's: owned and verified as before.
+    for (const auto& m : self->modules) {
+        if (m.path.find("/libc.so.6") == std::string::npos) continue;
+        EXPECT_EQ(m.md5, host_libc.md5);
+        EXPECT_EQ(m.company, host_libc.company);
+        EXPECT_EQ(m.verified, host_libc.verified);
+    }
+}
+
+// Two processes with the same root and the same executable path, one of them
+// in its own mount namespace with another file bound over that path: each is
+// hashed from its own view, not from whichever was seen first.
+TEST(ContainerLive, SamePathOtherMountNamespace) {
+    if (geteuid() != 0 || access("/usr/bin/unshare", X_OK) != 0) GTEST_SKIP() << "needs root and unshare";
+    TempRoot r;
+    ASSERT_FALSE(r.path().empty());
+    const std::string host_bin = r.path() + "/bin/nsleep", ns_bin = r.path() + "/ns/nsleep";
+    fs::create_directories(r.path() + "/bin");
+    fs::create_directories(r.path() + "/ns");
+    fs::copy_file("/bin/sleep", host_bin);
+    fs::copy_file("/bin/sleep", ns_bin);
+    std::ofstream(host_bin, std::ios::app) << "host copy";
+    std::ofstream(ns_bin, std::ios::app) << "namespace copy";
+    chmod(host_bin.c_str(), 0755);
+    chmod(ns_bin.c_str(), 0755);
+    const std::string host_md5 = run_word("md5sum " + host_bin), ns_md5 = run_word("md5sum " + ns_bin);
+
+    auto start = [](const std::vector<std::string>& argv) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            std::vector<char*> args;
+            for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+            args.push_back(nullptr);
+            execv(args[0], args.data());
+            _exit(127);
+        }
+        return pid;
+    };
+    const pid_t host_pid = start({host_bin, "3608"});
+    const pid_t ns_pid =
+        start({"/usr/bin/unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
+               "mount --bind " + ns_bin + " " + host_bin + " && exec " + host_bin + " 3609"});
+    struct Reap {
+        pid_t a, b;
+        ~Reap() {
+            for (pid_t p : {a, b}) {
+                if (p <= 0) continue;
+                kill(p, SIGKILL);
+                waitpid(p, nullptr, 0);
+            }
+        }
+    } reap{host_pid, ns_pid};
+    ASSERT_GT(host_pid, 0);
+    ASSERT_GT(ns_pid, 0);
+    const std::string cmdline = "/proc/" + std::to_string(ns_pid) + "/cmdline";
+    const std::string want = host_bin + std::string("\0003609\0", 6);
+    for (int i = 0; i < 500 && slurp(cmdline) != want; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (slurp(cmdline) != want) GTEST_SKIP() << "no mount namespace here";
+
+    std::vector<AM::ProcessInfo> out;
+    ASSERT_EQ(collect_processes(HostRoot("/"), out), 0);
+    int seen = 0;
+    for (const auto& p : out) {
+        if (p.pid != host_pid && p.pid != ns_pid) continue;
+        ++seen;
+        ASSERT_FALSE(p.modules.empty());
+        EXPECT_EQ(p.modules[0].path, host_bin);
+        EXPECT_EQ(p.modules[0].md5, p.pid == ns_pid ? ns_md5 : host_md5) << p.pid;
+    }
+    EXPECT_EQ(seen, 2);
+}
+
+}  // namespace
