@@ -8,6 +8,7 @@
 
 #include "collectors.h"
 #include "common.h"
+#include "test_util.h"
 
 namespace {
 
@@ -15,17 +16,14 @@ using namespace amsvc;
 
 class ImageRoot : public ::testing::Test {
 protected:
-    std::string root;
+    amtest::TempDir dir{"amsvc_image"};
+    const std::string root = dir.path;
     void SetUp() override {
-        char tmpl[] = "/tmp/amsvc_image_XXXXXX";
-        root = mkdtemp(tmpl);
-        ASSERT_EQ(0, system(("mkdir -p " + root + "/etc " + root + "/var/lib/dpkg/info").c_str()));
+        dir.mkdir("/etc");
+        dir.mkdir("/var/lib/dpkg/info");
     }
-    void TearDown() override { (void)!system(("rm -rf '" + root + "'").c_str()); }
-    void write(const std::string& rel, const std::string& text) { std::ofstream(root + rel) << text; }
-    void link(const std::string& target, const std::string& rel) {
-        ASSERT_EQ(0, symlink(target.c_str(), (root + rel).c_str()));
-    }
+    void write(const std::string& rel, const std::string& text) { dir.file(rel, text); }
+    void link(const std::string& target, const std::string& rel) { dir.link(rel, target); }
 };
 
 TEST_F(ImageRoot, LinksResolveInsideTheImage) {
