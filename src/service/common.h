@@ -7,6 +7,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <new>
@@ -73,6 +74,28 @@ constexpr size_t kDefaultMaxFile = 64u << 20;  // 64 MiB
 enum ReadFlags : unsigned {
     kReadDefault = 0,
     kNoFollow = 1u << 0,  // refuse a symlink as the final component
+};
+
+// Owns one file descriptor; closes it when it goes out of scope.
+class Fd {
+public:
+    explicit Fd(int fd = -1) : fd_(fd) {}
+    ~Fd() { reset(); }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    void reset(int fd = -1) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = fd;
+    }
+    int get() const { return fd_; }
+    int release() {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+private:
+    int fd_;
 };
 
 // Reads a regular file (S_ISREG after open) into `out`, at most `max_bytes`

@@ -274,20 +274,6 @@ AM::NetLinkInfo to_record(const Sock& s) {
 
 namespace {
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 // Where the sockets of one collection come from, and what reading cost.
 struct Reader {
     std::vector<Sock> socks;

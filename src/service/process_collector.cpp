@@ -94,20 +94,6 @@ std::string read_link_at(int dirfd, const char* name) {
     return std::string(buf, static_cast<size_t>(n));
 }
 
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 std::vector<int32_t> list_pids(int procfd) {
     std::vector<int32_t> pids;
     const int dfd = ::dup(procfd);

@@ -1,5 +1,7 @@
 #include "root_open.h"
 
+#include "common.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -18,27 +20,6 @@ constexpr int kReadFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
 constexpr size_t kMaxPath = 4096;
 
 std::atomic<bool> g_no_openat2{false};
-
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
-    }
-    int get() const { return fd_; }
-    int release() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-private:
-    int fd_;
-};
 
 // Pushes the components of `path` so that the first one is popped first.
 void push_components(std::string_view path, std::vector<std::string>& todo) {
