@@ -416,16 +416,10 @@ private:
 }  // namespace
 
 int32_t collect_processes(const HostRoot& root, std::vector<AM::ProcessInfo>& out) {
-    try {
+    return guarded(out, [&] {
         Collector c(root);
         return c.run(out);
-    } catch (const std::bad_alloc&) {
-        out.clear();
-        return -ENOMEM;
-    } catch (...) {
-        out.clear();
-        return -EIO;
-    }
+    });
 }
 
 }  // namespace amsvc
