@@ -64,22 +64,27 @@ int read_fd(int fd, std::string& out, size_t max_bytes) {
 }  // namespace
 
 int read_file(const std::string& path, std::string& out, size_t max_bytes, unsigned flags) {
-    out.clear();
-    int oflags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
-    if (flags & kNoFollow) oflags |= O_NOFOLLOW;
-    const int fd = ::open(path.c_str(), oflags);
-    if (fd < 0) return -errno;
-    return read_fd(fd, out, max_bytes);
+    return read_host_file(HostRoot("/"), path, out, max_bytes, flags);
 }
 
-int read_host_file(const HostRoot& root, std::string_view host_path, std::string& out, size_t max_bytes,
-                   unsigned flags) {
-    if (root.is_live_host()) return read_file(std::string(host_path), out, max_bytes, flags);
-    out.clear();
+int open_host_file(const HostRoot& root, std::string_view host_path, unsigned flags) {
+    if (root.is_live_host()) {
+        int oflags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+        if (flags & kNoFollow) oflags |= O_NOFOLLOW;
+        const int fd = ::open(std::string(host_path).c_str(), oflags);
+        return fd < 0 ? -errno : fd;
+    }
     const int dir = open_root_dir(root.root());
     if (dir < 0) return dir;
     const int fd = open_in_root(dir, host_path, (flags & kNoFollow) != 0);
     ::close(dir);
+    return fd;
+}
+
+int read_host_file(const HostRoot& root, std::string_view host_path, std::string& out, size_t max_bytes,
+                   unsigned flags) {
+    out.clear();
+    const int fd = open_host_file(root, host_path, flags);
     if (fd < 0) return fd;
     return read_fd(fd, out, max_bytes);
 }

@@ -105,6 +105,11 @@ private:
 int read_file(const std::string& path, std::string& out, size_t max_bytes = kDefaultMaxFile,
               unsigned flags = kReadDefault);
 
+// Opens the host file `host_path` for reading under `root` (links resolve
+// inside a root other than "/", as for read_host_file), O_NONBLOCK. Returns a
+// descriptor or a negative errno; the caller checks the file type.
+int open_host_file(const HostRoot& root, std::string_view host_path, unsigned flags = kReadDefault);
+
 // Reads the host file `host_path` ("/etc/passwd") under `root`, as read_file
 // does. Under a root other than "/" (a mounted image, a fixture tree) every
 // link on the way resolves inside that root, so an image cannot point the

@@ -480,8 +480,8 @@ struct SudoersReader {
 // Reads the lastlog record of one uid with a single pread at its offset.
 class LastlogFile {
 public:
-    explicit LastlogFile(const std::string& path) {
-        fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    LastlogFile(const HostRoot& root, std::string_view host_path) {
+        fd_ = std::max(open_host_file(root, host_path), -1);
         struct stat st;
         if (fd_ >= 0 && (::fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode))) {
             ::close(fd_);
@@ -511,9 +511,9 @@ private:
 };
 
 // The last whole records of wtmp, at most kWtmpTail bytes of them.
-std::string read_wtmp_tail(const std::string& path) {
+std::string read_wtmp_tail(const HostRoot& root, std::string_view host_path) {
     std::string data;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    const int fd = open_host_file(root, host_path);
     if (fd < 0) return data;
     struct stat st;
     if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) {
@@ -565,7 +565,7 @@ int32_t collect_users(const HostRoot& root, std::vector<AM::UserInfo>& out) {
     sudo.read("/etc/sudoers");
     const SudoGrants& grants = sudo.parser.grants();
 
-    const LastlogFile lastlog(root.path("/var/log/lastlog"));
+    const LastlogFile lastlog(root, "/var/log/lastlog");
     bool wtmp_loaded = false;
     std::unordered_map<std::string, LoginRecord> wtmp;
     const time_t now = ::time(nullptr);
@@ -618,7 +618,7 @@ int32_t collect_users(const HostRoot& root, std::vector<AM::UserInfo>& out) {
         bool have_login = uid_ok && lastlog.get(uid_num, login);
         if (!have_login) {
             if (!wtmp_loaded) {
-                wtmp = parse_wtmp(read_wtmp_tail(root.path("/var/log/wtmp")));
+                wtmp = parse_wtmp(read_wtmp_tail(root, "/var/log/wtmp"));
                 wtmp_loaded = true;
             }
             auto w = wtmp.find(p.name);
