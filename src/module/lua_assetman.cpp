@@ -156,6 +156,38 @@ void forget_gc(lua_State* L, void* p) {
     lua_pop(L, 1);
 }
 
+// After delete, every Lua reference to the object (tolua++ keeps one userdata
+// per address) holds a null pointer and gets "invalid 'self'" instead of freed
+// memory; the address map forgets it, so a new object that reuses the address
+// gets a Lua value of its own.
+void detach_userdata(lua_State* L, int idx, void* p) {
+    if (!lua_isuserdata(L, idx) || lua_islightuserdata(L, idx)) return;
+    void** box = static_cast<void**>(lua_touserdata(L, idx));
+    if (!box || *box != p) return;
+    if (lua_getmetatable(L, idx)) {
+        lua_pushstring(L, "tolua_ubox");
+        lua_rawget(L, -2);
+        if (!lua_istable(L, -1)) {
+            lua_pop(L, 1);
+            lua_pushstring(L, "tolua_ubox");
+            lua_rawget(L, LUA_REGISTRYINDEX);
+        }
+        if (lua_istable(L, -1)) {
+            lua_pushlightuserdata(L, p);
+            lua_rawget(L, -2);
+            const bool mine = lua_rawequal(L, -1, idx) != 0;
+            lua_pop(L, 1);
+            if (mine) {
+                lua_pushlightuserdata(L, p);
+                lua_pushnil(L);
+                lua_rawset(L, -3);
+            }
+        }
+        lua_pop(L, 2);
+    }
+    *box = nullptr;
+}
+
 // Pushes p as `type` without disturbing another Lua value tolua++ already keeps
 // for the same address. tolua++ keeps one userdata per address in a
 // "tolua_ubox" table (per class in this build, registry-wide for classes that
@@ -323,6 +355,7 @@ int delete_object(lua_State* L, const char* type) {
     T* self = static_cast<T*>(tolua_tousertype(L, 1, 0));
     if (!self) tolua_error(L, "invalid 'self' in function 'delete'", nullptr);
     forget_gc(L, self);
+    detach_userdata(L, 1, self);
     delete self;
     return 0;
 }

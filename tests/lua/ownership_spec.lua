@@ -67,6 +67,29 @@ describe("ownership", function()
     assert.is_true(settle() - base < 1 * MB)
   end)
 
+  it("a deleted object reads as a null self through every reference, and its address can be reused", function()
+    local l = vector_assetman__CronInfo_:new()
+    local alias = l
+    l:delete()
+    h.raises("invalid 'self' in function 'size'", function() alias:size() end)
+    h.raises("invalid 'self' in function 'delete'", function() l:delete() end)
+    local d = api.assetman.DockerInfo:new_local()
+    d:delete()
+    h.raises("invalid 'self' in accessing variable 'version'", function() return d.version end)
+    h.raises("invalid 'self' in accessing variable 'version'", function() d.version = "x" end)
+    local holder = api.assetman.collect_system_asset_data:new()
+    holder:delete()
+    h.raises("invalid 'self' in function 'get'", function() holder:get() end)
+    -- New objects, some at freed addresses, get Lua values of their own.
+    for _ = 1, 20 do
+      local n = vector_assetman__CronInfo_:new_local()
+      assert.are.equal(0, n:size())
+      local e = api.assetman.DockerInfo()
+      assert.are.equal("", e.version)
+    end
+    collectgarbage("collect")
+  end)
+
   it("a view of a record's list dies with nothing of its own", function()
     local base = settle()
     run(function()
