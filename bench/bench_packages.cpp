@@ -18,9 +18,9 @@
 
 #include "bench_util.h"
 #include "collectors.h"
-#include "digest_cache.h"
-#include "file_facts.h"
-#include "package_index_impl.h"
+#include "core/digest_cache.h"
+#include "core/file_facts.h"
+#include "packages/package_index_impl.h"
 
 extern char** environ;
 

@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "collectors.h"
-#include "digest_cache.h"
+#include "core/digest_cache.h"
 
 using namespace amsvc;
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "asset_manager.h"
-#include "common.h"
+#include "core/common.h"
 
 namespace amsvc {
 
@@ -24,6 +24,9 @@ int32_t collect_crons(const HostRoot& root, std::vector<AM::CronInfo>& out);
 int32_t collect_kernel_modules(const HostRoot& root, std::vector<AM::SysLoadModuleInfo>& out);
 int32_t collect_autoruns(const HostRoot& root, std::vector<AM::AutoRunServInfo>& out);
 int32_t collect_system_facts(const HostRoot& root, AM::SystemInfo& out);
+int32_t collect_servers(const HostRoot& root, std::vector<AM::ServiceInfo>& out);
+int32_t collect_libraries(const HostRoot& root, std::vector<AM::ThirdPartDevLibInfo>& out);
+int32_t collect_engine(const HostRoot& root, AM::DockerInfo& out);
 
 }  // namespace amsvc
 

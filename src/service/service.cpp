@@ -28,7 +28,9 @@ public:
     int32_t collect_netlink(std::vector<NetLinkInfo>& l) override {
         return guarded(l, [&] { return collect_netlinks(root_, l); });
     }
-    int32_t collect_service(std::vector<ServiceInfo>&) override { return -ENOSYS; }
+    int32_t collect_service(std::vector<ServiceInfo>& l) override {
+        return guarded(l, [&] { return collect_servers(root_, l); });
+    }
     int32_t collect_user(std::vector<UserInfo>& l) override {
         return guarded(l, [&] { return collect_users(root_, l); });
     }
@@ -48,8 +50,12 @@ public:
         if (!info) return -EINVAL;
         return guarded([&] { return collect_system_facts(root_, *info); });
     }
-    int32_t collect_thirdpart_dev_lib(std::vector<ThirdPartDevLibInfo>&) override { return -ENOSYS; }
-    int32_t collect_docker(DockerInfo&) override { return -ENOSYS; }
+    int32_t collect_thirdpart_dev_lib(std::vector<ThirdPartDevLibInfo>& l) override {
+        return guarded(l, [&] { return collect_libraries(root_, l); });
+    }
+    int32_t collect_docker(DockerInfo& d) override {
+        return guarded([&] { return collect_engine(root_, d); });
+    }
 
 private:
     const HostRoot root_;

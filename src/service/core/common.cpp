@@ -1,6 +1,6 @@
-#include "common.h"
+#include "core/common.h"
 
-#include "root_open.h"
+#include "core/root_open.h"
 
 #include <dirent.h>
 #include <errno.h>

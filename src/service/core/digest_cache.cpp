@@ -1,4 +1,4 @@
-#include "digest_cache.h"
+#include "core/digest_cache.h"
 
 #include <errno.h>
 #include <fcntl.h>

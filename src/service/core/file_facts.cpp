@@ -1,4 +1,4 @@
-#include "file_facts.h"
+#include "core/file_facts.h"
 
 #include <errno.h>
 #include <unistd.h>
@@ -8,10 +8,10 @@
 #include <cstring>
 #include <thread>
 
-#include "digest_cache.h"
-#include "package_index.h"
-#include "package_index_impl.h"
-#include "root_open.h"
+#include "core/digest_cache.h"
+#include "packages/package_index.h"
+#include "packages/package_index_impl.h"
+#include "core/root_open.h"
 
 namespace amsvc {
 

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "common.h"
+#include "core/common.h"
 
 namespace amsvc {
 

@@ -1,6 +1,6 @@
-#include "root_open.h"
+#include "core/root_open.h"
 
-#include "common.h"
+#include "core/common.h"
 
 #include <errno.h>
 #include <fcntl.h>

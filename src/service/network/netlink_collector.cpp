@@ -7,7 +7,7 @@
 // refused. A host root other than "/" is a snapshot: only the /proc files
 // under it are read. Owners come from the "socket:[inode]" links in
 // /proc/<pid>/fd; the lowest pid holding a socket is its owner.
-#include "netlink_collector.h"
+#include "network/netlink_collector.h"
 
 #include <arpa/inet.h>
 #include <dirent.h>

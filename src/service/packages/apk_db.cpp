@@ -1,6 +1,6 @@
-#include "apk_db.h"
+#include "packages/apk_db.h"
 
-#include "common.h"
+#include "core/common.h"
 
 namespace amsvc {
 

@@ -1,8 +1,8 @@
-#include "dpkg_db.h"
+#include "packages/dpkg_db.h"
 
 #include <strings.h>
 
-#include "common.h"
+#include "core/common.h"
 
 namespace amsvc {
 

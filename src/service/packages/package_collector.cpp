@@ -3,10 +3,10 @@
 
 #include <new>
 
-#include "apk_db.h"
+#include "packages/apk_db.h"
 #include "collectors.h"
-#include "dpkg_db.h"
-#include "rpm_db.h"
+#include "packages/dpkg_db.h"
+#include "packages/rpm_db.h"
 
 namespace amsvc {
 

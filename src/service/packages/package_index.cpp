@@ -1,4 +1,4 @@
-#include "package_index.h"
+#include "packages/package_index.h"
 
 #include <sys/stat.h>
 
@@ -8,10 +8,10 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "apk_db.h"
-#include "dpkg_db.h"
-#include "package_index_impl.h"
-#include "rpm_db.h"
+#include "packages/apk_db.h"
+#include "packages/dpkg_db.h"
+#include "packages/package_index_impl.h"
+#include "packages/rpm_db.h"
 
 namespace amsvc {
 

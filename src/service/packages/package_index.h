@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "common.h"
-#include "digest_cache.h"
+#include "core/common.h"
+#include "core/digest_cache.h"
 
 namespace amsvc {
 

@@ -11,8 +11,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "common.h"
-#include "package_index.h"
+#include "core/common.h"
+#include "packages/package_index.h"
 
 namespace amsvc {
 

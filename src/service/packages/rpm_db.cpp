@@ -1,4 +1,4 @@
-#include "rpm_db.h"
+#include "packages/rpm_db.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "common.h"
-#include "digest_cache.h"
+#include "core/common.h"
+#include "core/digest_cache.h"
 
 namespace amsvc {
 

@@ -18,8 +18,8 @@
 #include <unordered_map>
 
 #include "collectors.h"
-#include "file_facts.h"
-#include "process_parse.h"
+#include "core/file_facts.h"
+#include "process/process_parse.h"
 
 namespace amsvc {
 

@@ -1,4 +1,4 @@
-#include "process_parse.h"
+#include "process/process_parse.h"
 
 #include <errno.h>
 #include <stdio.h>
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <unordered_set>
 
-#include "common.h"
+#include "core/common.h"
 
 namespace amsvc {
 namespace procfs {

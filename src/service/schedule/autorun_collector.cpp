@@ -12,8 +12,8 @@
 #include <utility>
 
 #include "collectors.h"
-#include "file_facts.h"
-#include "sysfacts.h"
+#include "core/file_facts.h"
+#include "system/sysfacts.h"
 
 namespace amsvc {
 

@@ -10,7 +10,7 @@
 #include <set>
 
 #include "collectors.h"
-#include "cron_parse.h"
+#include "schedule/cron_parse.h"
 
 namespace amsvc {
 namespace cron {

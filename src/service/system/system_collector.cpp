@@ -23,7 +23,7 @@
 #include <utility>
 
 #include "collectors.h"
-#include "sysfacts.h"
+#include "system/sysfacts.h"
 
 namespace amsvc {
 

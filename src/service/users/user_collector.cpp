@@ -14,7 +14,7 @@
 #include <unordered_set>
 
 #include "collectors.h"
-#include "user_parse.h"
+#include "users/user_parse.h"
 
 namespace amsvc {
 namespace users {

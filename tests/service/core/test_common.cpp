@@ -7,7 +7,7 @@
 #include <chrono>
 #include <fstream>
 
-#include "common.h"
+#include "core/common.h"
 #include "test_util.h"
 
 namespace {

@@ -11,8 +11,8 @@
 #include <fstream>
 #include <string>
 
-#include "digest_cache.h"
-#include "file_facts.h"
+#include "core/digest_cache.h"
+#include "core/file_facts.h"
 
 using namespace amsvc;
 

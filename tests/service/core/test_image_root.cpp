@@ -7,7 +7,7 @@
 #include <fstream>
 
 #include "collectors.h"
-#include "common.h"
+#include "core/common.h"
 #include "test_util.h"
 
 namespace {

@@ -31,7 +31,7 @@
 
 #include <gtest/gtest.h>
 
-#include "netlink_collector.h"
+#include "network/netlink_collector.h"
 #include "test_util.h"
 
 using amsvc::AM;

@@ -12,9 +12,9 @@
 #include <string>
 
 #include "collectors.h"
-#include "digest_cache.h"
-#include "file_facts.h"
-#include "package_index_impl.h"
+#include "core/digest_cache.h"
+#include "core/file_facts.h"
+#include "packages/package_index_impl.h"
 #include "test_util.h"
 
 using namespace amsvc;

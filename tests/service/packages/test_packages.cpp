@@ -9,9 +9,9 @@
 #include <set>
 #include <string>
 
-#include "apk_db.h"
+#include "packages/apk_db.h"
 #include "collectors.h"
-#include "dpkg_db.h"
+#include "packages/dpkg_db.h"
 #include "test_util.h"
 
 using namespace amsvc;

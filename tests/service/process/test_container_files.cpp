@@ -18,9 +18,9 @@
 #include <thread>
 
 #include "collectors.h"
-#include "common.h"
-#include "file_facts.h"
-#include "root_open.h"
+#include "core/common.h"
+#include "core/file_facts.h"
+#include "core/root_open.h"
 
 namespace fs = std::filesystem;
 using namespace amsvc;

@@ -20,8 +20,8 @@
 #include <thread>
 
 #include "collectors.h"
-#include "common.h"
-#include "process_parse.h"
+#include "core/common.h"
+#include "process/process_parse.h"
 
 namespace fs = std::filesystem;
 using namespace amsvc;

@@ -17,7 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "collectors.h"
-#include "cron_parse.h"
+#include "schedule/cron_parse.h"
 #include "test_util.h"
 
 namespace fs = std::filesystem;

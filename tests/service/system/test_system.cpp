@@ -10,7 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "sysfacts.h"
+#include "system/sysfacts.h"
 #include "test_util.h"
 
 using namespace amsvc;

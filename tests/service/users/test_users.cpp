@@ -24,7 +24,7 @@
 
 #include "collectors.h"
 #include "test_util.h"
-#include "user_parse.h"
+#include "users/user_parse.h"
 
 namespace fs = std::filesystem;
 using amsvc::AM;
