@@ -138,4 +138,44 @@ function M.selected_kinds(opt)
   return out
 end
 
+-- Replaces every byte that does not start a well-formed UTF-8 sequence with
+-- U+FFFD: command lines and environments may hold any bytes, JSON may not.
+function M.valid_utf8(s)
+  if not s:find("[\128-\255]") then return s end
+  local out, i, n = {}, 1, #s
+  while i <= n do
+    local c = s:byte(i)
+    local len, lo, hi = 0, 0x80, 0xBF
+    if c < 0x80 then
+      len = 1
+    elseif c >= 0xC2 and c <= 0xDF then
+      len = 2
+    elseif c >= 0xE0 and c <= 0xEF then
+      len = 3
+      if c == 0xE0 then lo = 0xA0 elseif c == 0xED then hi = 0x9F end
+    elseif c >= 0xF0 and c <= 0xF4 then
+      len = 4
+      if c == 0xF0 then lo = 0x90 elseif c == 0xF4 then hi = 0x8F end
+    end
+    local ok = len > 0 and i + len - 1 <= n
+    for k = 1, len - 1 do
+      if not ok then break end
+      local b = s:byte(i + k)
+      if k == 1 then
+        ok = b >= lo and b <= hi
+      else
+        ok = b >= 0x80 and b <= 0xBF
+      end
+    end
+    if ok then
+      out[#out + 1] = s:sub(i, i + len - 1)
+      i = i + len
+    else
+      out[#out + 1] = "\239\191\189"
+      i = i + 1
+    end
+  end
+  return table.concat(out)
+end
+
 return M

@@ -11,6 +11,9 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$jobs"
 (cd build && ctest --output-on-failure)
 
+# The Debian package: lintian-clean, installed into a scratch root and run from there.
+bash scripts/check_package.sh build-pkg
+
 cmake -S . -B build-asan -DASSETMAN_SANITIZE=address,undefined -DASSETMAN_BENCH=OFF >/dev/null
 cmake --build build-asan -j"$jobs"
 (cd build-asan && ctest --output-on-failure)
