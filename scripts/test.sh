@@ -14,6 +14,9 @@ cmake --build build -j"$jobs"
 # The Debian package: lintian-clean, installed into a scratch root and run from there.
 bash scripts/check_package.sh build-pkg
 
+# The fleet store: this host's rows for 1,000 simulated hosts in ClickHouse, and the README's queries.
+bash tests/fleet/check_fleet.sh build/bin/assetman-run "$PWD" 1000
+
 cmake -S . -B build-asan -DASSETMAN_SANITIZE=address,undefined -DASSETMAN_BENCH=OFF >/dev/null
 cmake --build build-asan -j"$jobs"
 (cd build-asan && ctest --output-on-failure)
