@@ -7,6 +7,11 @@
 -- Objects keep the fields in the order of the records; lists are always JSON
 -- arrays, empty ones included. Text that is not valid UTF-8 (command lines
 -- and environments may hold any bytes) has the bad bytes replaced by U+FFFD.
+--
+-- The document is written record by record as the lists are read, so memory
+-- stays bounded by the largest record, not by the host. A kind that cannot be
+-- collected is written as {"error": "..."}; one that fails part-way keeps the
+-- records already written and gets an "error" member after them.
 
 local script_dir = (arg and arg[0] or ""):match("^(.*)/") or "."
 package.path = script_dir .. "/?.lua;" .. package.path
@@ -24,24 +29,35 @@ local function number(v)
   return cjson.encode(v)
 end
 
+local find, format = string.find, string.format
+
 local function leaf(v)
   local t = type(v)
-  -- cjson writes "/" as "\/"; every "\" of the text itself is doubled, so
-  -- the only "\/" pairs are those escapes.
-  if t == "string" then return (cjson.encode(inv.valid_utf8(v)):gsub("\\/", "/")) end
+  if t == "string" then
+    -- Most text needs no escaping at all: the bytes cjson would escape are
+    -- controls, '"', '\', '/' and DEL, and bytes >= 0x80 need the UTF-8 check.
+    if not find(v, '[%z\1-\31"\\/\127-\255]') then return '"' .. v .. '"' end
+    -- cjson writes "/" as "\/"; every "\" of the text itself is doubled, so
+    -- the only "\/" pairs are those escapes.
+    return (cjson.encode(inv.valid_utf8(v)):gsub("\\/", "/"))
+  end
   if t == "number" then return number(v) end
   if t == "boolean" then return v and "true" or "false" end
   return "null"
 end
 
+local function key(k)
+  return '"' .. k .. (opts.pretty and '": ' or '":')
+end
+
 -- `pairs_list` is a list of {key, encoded value} pairs.
 local function object(pairs_list, indent)
+  if #pairs_list == 0 then return "{}" end
   local nl = opts.pretty and ("\n" .. indent .. "  ") or ""
   local parts = {}
-  for _, kv in ipairs(pairs_list) do
-    parts[#parts + 1] = cjson.encode(kv[1]) .. (opts.pretty and ": " or ":") .. kv[2]
+  for i, kv in ipairs(pairs_list) do
+    parts[i] = key(kv[1]) .. kv[2]
   end
-  if #parts == 0 then return "{}" end
   return "{" .. nl .. table.concat(parts, "," .. nl) .. (opts.pretty and ("\n" .. indent) or "") .. "}"
 end
 
@@ -51,62 +67,109 @@ local function array(items, indent)
   return "[" .. nl .. table.concat(items, "," .. nl) .. (opts.pretty and ("\n" .. indent) or "") .. "]"
 end
 
-local function record(rec, record_type, spec, filled, indent)
-  local fields = {}
-  for _, kv in ipairs(inv.values(rec, record_type, filled)) do
-    fields[#fields + 1] = { kv[1], leaf(kv[2]) }
+-- One record as text: the unit written at a time.
+local function record(rec, record_type, spec, indent)
+  local nl = opts.pretty and ("\n" .. indent .. "  ") or ""
+  local parts, n = {}, 0
+  for _, name in ipairs(inv.fields[record_type]) do
+    n = n + 1
+    parts[n] = key(name) .. leaf(rec[name])
   end
-  for _, n in ipairs(spec and spec.nested or {}) do
+  for _, nested in ipairs(spec and spec.nested or {}) do
     local items = {}
-    for _, item in inv.each(rec[n.field]) do
-      items[#items + 1] = record(item, n.record, nil, true, indent .. "    ")
+    for _, item in inv.each(rec[nested.field]) do
+      items[#items + 1] = record(item, nested.record, nil, indent .. "    ")
     end
-    fields[#fields + 1] = { n.field, array(items, indent .. "  ") }
+    n = n + 1
+    parts[n] = key(nested.field) .. array(items, indent .. "  ")
   end
-  return object(fields, indent)
+  if n == 0 then return "{}" end
+  return "{" .. nl .. table.concat(parts, "," .. nl) .. (opts.pretty and ("\n" .. indent) or "") .. "}"
 end
 
-local function kind_document(spec, indent)
+local out = io.stdout
+local failed = 0
+
+local function failure(spec, err)
+  failed = failed + 1
+  io.stderr:write(format("inventory_json: %s: %s\n", spec.kind, tostring(err)))
+end
+
+-- Writes the document of one kind at `indent`.
+local function write_kind(spec, indent)
+  local nl = opts.pretty and ("\n" .. indent .. "  ") or ""
+  local close = opts.pretty and ("\n" .. indent .. "}") or "}"
   -- For system, obj is a view into holder: both stay referenced while read.
-  local rc, obj, holder = inv.collect(spec, opts.fast)
-  local doc = { { "rc", number(rc) }, { "status", leaf(inv.describe_rc(rc)) } }
-  if spec.single then
-    doc[#doc + 1] = { "count", rc == 0 and "1" or "0" }
-    doc[#doc + 1] = { "record", rc == 0 and record(obj, spec.record, spec, true, indent .. "  ") or "null" }
-  else
-    local items = {}
-    for _, rec in inv.each(obj) do
-      items[#items + 1] = record(rec, spec.record, spec, true, indent .. "    ")
-    end
-    doc[#doc + 1] = { "count", number(#items) }
-    doc[#doc + 1] = { "records", array(items, indent .. "  ") }
+  local ok, rc, obj, holder = pcall(inv.collect, spec, opts.fast)
+  if not ok then
+    failure(spec, rc)
+    out:write(object({ { "error", leaf(tostring(rc)) } }, indent))
+    return
   end
-  return object(doc, indent)
+  local head = "{" .. nl .. key("rc") .. number(rc) .. "," .. nl .. key("status") .. leaf(inv.describe_rc(rc))
+  if spec.single then
+    local text = "null"
+    if rc == 0 then
+      ok, text = pcall(record, obj, spec.record, spec, indent .. "  ")
+      if not ok then
+        failure(spec, text)
+        out:write(object({ { "error", leaf(tostring(text)) } }, indent))
+        return
+      end
+    end
+    out:write(head, ",", nl, key("count"), rc == 0 and "1" or "0", ",", nl, key("record"), text, close)
+    return
+  end
+  local count = obj:size()
+  out:write(head, ",", nl, key("count"), number(count), ",", nl, key("records"))
+  if count == 0 then
+    out:write("[]", close)
+    return
+  end
+  local inner = opts.pretty and ("\n" .. indent .. "    ") or ""
+  local rec_indent = indent .. "    "
+  local err
+  out:write("[")
+  for i = 0, count - 1 do
+    local text
+    ok, text = pcall(function() return record(obj[i], spec.record, spec, rec_indent) end)
+    if not ok then
+      err = text
+      break
+    end
+    out:write(i > 0 and "," or "", inner, text)
+    -- Each record read is a copy Lua owns: let the collector keep pace.
+    if i % 64 == 63 then collectgarbage("step", 64) end
+  end
+  out:write(opts.pretty and ("\n" .. indent .. "  ]") or "]")
+  if err then
+    failure(spec, err)
+    out:write(",", nl, key("error"), leaf(tostring(err)))
+  end
+  out:write(close)
 end
 
 local kinds = inv.selected_kinds(opts.kind)
+local nl = opts.pretty and "\n  " or ""
+out:write("{", nl, key("collected_at"), leaf(os.date("!%Y-%m-%d %H:%M:%S")), ",", nl, key("cached"),
+  leaf(opts.fast and true or false))
 local init_rc = am.collect_init()
-local kind_docs, failed = {}, 0
-for _, spec in ipairs(kinds) do
-  -- One kind failing must not lose the others; the document says what failed.
-  local ok, text = pcall(kind_document, spec, "    ")
-  if not ok then
-    failed = failed + 1
-    io.stderr:write(string.format("inventory_json: %s: %s\n", spec.kind, tostring(text)))
-    text = object({ { "error", leaf(tostring(text)) } }, "    ")
+out:write(",", nl, key("init_rc"), number(init_rc), ",", nl, key("kinds"))
+if #kinds == 0 then
+  out:write("{}")
+else
+  local knl = opts.pretty and "\n    " or ""
+  out:write("{")
+  for i, spec in ipairs(kinds) do
+    -- One kind failing must not lose the others; the document says what failed.
+    out:write(i > 1 and "," or "", knl, key(spec.kind))
+    write_kind(spec, "    ")
+    collectgarbage()
   end
-  kind_docs[#kind_docs + 1] = { spec.kind, text }
-  collectgarbage()
+  out:write(opts.pretty and "\n  }" or "}")
 end
 am.collect_release()
-
-local top = {
-  { "collected_at", leaf(os.date("!%Y-%m-%d %H:%M:%S")) },
-  { "cached", leaf(opts.fast and true or false) },
-  { "init_rc", number(init_rc) },
-  { "kinds", object(kind_docs, "  ") },
-}
-io.write(object(top, ""), "\n")
+out:write(opts.pretty and "\n}" or "}", "\n")
 if failed > 0 then
   error(string.format("%d kind(s) could not be collected", failed), 0)
 end

@@ -1,11 +1,17 @@
 #include "packages/package_index.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 
 #include "packages/apk_db.h"
@@ -16,6 +22,27 @@
 namespace amsvc {
 
 // ---- path canonicalisation inside a root -----------------------------------
+
+bool DirCanon::link_target(const std::string& path, std::string& target) {
+    struct stat st;
+    if (root_.is_live_host()) {
+        if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return false;
+        target = read_link(path);
+        return true;
+    }
+    // Under an image the parent is opened inside the root, so a link the
+    // image planted on the way cannot lead to the machine's own directories.
+    const size_t slash = path.rfind('/');
+    const std::string parent = slash == 0 ? "/" : path.substr(0, slash);
+    const Fd dir(open_host_file(root_, parent));
+    if (dir.get() < 0) return false;
+    const std::string base = path.substr(slash + 1);
+    if (::fstatat(dir.get(), base.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(st.st_mode)) return false;
+    char buf[4096];
+    const ssize_t n = ::readlinkat(dir.get(), base.c_str(), buf, sizeof buf);
+    target.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
+    return true;
+}
 
 std::string DirCanon::canon(const std::string& dir, int depth) {
     if (dir.empty() || dir == "/") return "/";
@@ -29,37 +56,21 @@ std::string DirCanon::canon(const std::string& dir, int depth) {
         canon(slash == 0 || slash == std::string::npos ? "/" : dir.substr(0, slash), depth);
     const std::string base = slash == std::string::npos ? dir : dir.substr(slash + 1);
     std::string result = normalize_path(parent + "/" + base);
-    struct stat st;
     --budget_;
-    if (depth < 32 && ::lstat(root_.path(result).c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
-        const std::string target = read_link(root_.path(result));
-        if (!target.empty()) {
-            // An absolute target points inside the root, never out of it.
-            const std::string joined =
-                target[0] == '/' ? normalize_path(target) : normalize_path(parent + "/" + target);
-            result = canon(joined, depth + 1);
-        }
+    std::string target;
+    if (depth < 32 && result != "/" && link_target(result, target) && !target.empty()) {
+        // An absolute target points inside the root, never out of it.
+        const std::string joined =
+            target[0] == '/' ? normalize_path(target) : normalize_path(parent + "/" + target);
+        result = canon(joined, depth + 1);
     }
     memo_.emplace(dir, result);
     return result;
 }
 
-// ---- the index ---------------------------------------------------------------
+// ---- the name table ------------------------------------------------------------
 
 namespace {
-
-uint64_t hash_key(uint32_t dir, std::string_view base) {
-    uint64_t h = 1469598103934665603ull;
-    for (unsigned char c : base) h = (h ^ c) * 1099511628211ull;
-    // FNV leaves the low bits, which pick the slot, poorly mixed: finish like murmur3.
-    h ^= static_cast<uint64_t>(dir) * 0x9e3779b97f4a7c15ull;
-    h ^= h >> 33;
-    h *= 0xff51afd7ed558ccdull;
-    h ^= h >> 33;
-    h *= 0xc4ceb9fe1a85ec53ull;
-    h ^= h >> 33;
-    return h;
-}
 
 void split_dir_base(std::string_view path, std::string_view& dir, std::string_view& base) {
     const size_t slash = path.rfind('/');
@@ -72,191 +83,193 @@ void split_dir_base(std::string_view path, std::string_view& dir, std::string_vi
     }
 }
 
+std::string_view base_of(std::string_view path) {
+    const void* slash = ::memrchr(path.data(), '/', path.size());
+    if (!slash) return path;
+    const size_t at = static_cast<size_t>(static_cast<const char*>(slash) - path.data());
+    return path.substr(at + 1);
+}
+
 }  // namespace
 
-uint32_t PackageIndex::add_package(std::string name, std::string company) {
-    packages_.push_back(Package{std::move(name), std::move(company)});
+uint32_t base_name_hash(std::string_view base) {
+    // Eight bytes at a time: a byte-wise hash is a chain of dependent
+    // multiplies, and this runs once per line of every file list.
+    const char* p = base.data();
+    size_t n = base.size();
+    uint64_t h = 0x9e3779b97f4a7c15ull ^ n;
+    while (n >= 8) {
+        uint64_t w;
+        std::memcpy(&w, p, 8);
+        h = (h ^ w) * 0xbf58476d1ce4e5b9ull;
+        h ^= h >> 31;
+        p += 8;
+        n -= 8;
+    }
+    if (n) {
+        uint64_t w = 0;
+        std::memcpy(&w, p, n);
+        h = (h ^ w) * 0xbf58476d1ce4e5b9ull;
+    }
+    h ^= h >> 29;
+    h *= 0x94d049bb133111ebull;
+    h ^= h >> 32;
+    return static_cast<uint32_t>(h);
+}
+
+uint32_t PackageIndex::add_package(Package p) {
+    packages_.push_back(std::move(p));
     return static_cast<uint32_t>(packages_.size() - 1);
 }
 
-uint32_t PackageIndex::dir_id(std::string_view dir, DirCanon& canon) {
-    // Package lists name the files of one directory one after another.
-    if (last_dir_valid_ && dir == last_dir_) return last_dir_id_;
-    const uint32_t id = dir_id_slow(dir, canon);
-    last_dir_.assign(dir.data(), dir.size());
-    last_dir_id_ = id;
-    last_dir_valid_ = true;
-    return id;
+void PackageIndex::add_name(uint32_t pkg, std::string_view base) {
+    if (base.empty()) return;
+    table_.push_back(static_cast<uint64_t>(base_name_hash(base)) << 32 | pkg);
 }
 
-uint32_t PackageIndex::dir_id_slow(std::string_view dir, DirCanon& canon) {
-    const std::string key(dir);
-    auto it = dirs_.find(key);
-    if (it != dirs_.end()) return it->second;
-    const std::string c = canon.canon(key);
-    auto ct = dirs_.find(c);
-    uint32_t id;
-    if (ct != dirs_.end()) {
-        id = ct->second;
-    } else {
-        id = static_cast<uint32_t>(dir_count_++);
-        dirs_.emplace(c, id);
+void PackageIndex::finish() {
+    // Radix sort on the hash, stable, so each name's packages stay in
+    // database order (which decides between two owners).
+    std::vector<uint64_t> tmp(table_.size());
+    for (int shift = 32; shift < 64; shift += 8) {
+        size_t count[257] = {};
+        for (uint64_t v : table_) ++count[((v >> shift) & 0xff) + 1];
+        for (int i = 0; i < 256; ++i) count[i + 1] += count[i];
+        for (uint64_t v : table_) tmp[count[(v >> shift) & 0xff]++] = v;
+        table_.swap(tmp);
     }
-    dirs_.emplace(key, id);
-    return id;
-}
-
-PackageIndex::Slot* PackageIndex::probe(uint32_t dir, std::string_view base) {
-    const uint32_t h = static_cast<uint32_t>(hash_key(dir, base));
-    const size_t mask = table_.size() - 1;
-    for (size_t i = h & mask;; i = (i + 1) & mask) {
-        Slot& slot = table_[i];
-        if (slot.entry == 0) {
-            slot.hash = h;  // where a new entry goes
-            return &slot;
-        }
-        if (slot.hash != h) continue;  // most misses end here, without touching the entry
-        const Entry& e = entries_[slot.entry - 1];
-        if (e.dir == dir && e.base_len == base.size() &&
-            std::memcmp(names_.data() + e.base_off, base.data(), base.size()) == 0)
-            return &slot;
-    }
-}
-
-const PackageIndex::Slot* PackageIndex::probe(uint32_t dir, std::string_view base) const {
-    if (table_.empty()) return nullptr;
-    const uint32_t h = static_cast<uint32_t>(hash_key(dir, base));
-    const size_t mask = table_.size() - 1;
-    for (size_t i = h & mask;; i = (i + 1) & mask) {
-        const Slot& slot = table_[i];
-        if (slot.entry == 0) return nullptr;
-        if (slot.hash != h) continue;
-        const Entry& e = entries_[slot.entry - 1];
-        if (e.dir == dir && e.base_len == base.size() &&
-            std::memcmp(names_.data() + e.base_off, base.data(), base.size()) == 0)
-            return &slot;
-    }
-}
-
-void PackageIndex::grow() {
-    std::vector<Slot> old;
-    old.swap(table_);
-    table_.assign(old.empty() ? 1024 : old.size() * 2, Slot{0, 0});
-    const size_t mask = table_.size() - 1;
-    for (const Slot& s : old) {
-        if (s.entry == 0) continue;
-        size_t i = s.hash & mask;
-        while (table_[i].entry != 0) i = (i + 1) & mask;
-        table_[i] = s;
-    }
-}
-
-void PackageIndex::add_file(uint32_t pkg, std::string_view path, DigestAlgo algo, const unsigned char* digest,
-                            DirCanon& canon) {
-    if (path.empty() || path[0] != '/' || path.find('\0') != std::string_view::npos) return;
-    std::string norm;
-    if (path.find("/.") != std::string_view::npos || path.find("//") != std::string_view::npos) {
-        norm = normalize_path(path);
-        path = norm;
-    }
-    std::string_view dir, base;
-    split_dir_base(path, dir, base);
-    if (base.empty() || base.size() > 0xffff) return;
-    const uint32_t d = dir_id(dir, canon);
-    if ((entries_.size() + 1) * 2 > table_.size()) grow();
-    Slot* slot = probe(d, base);
-    const bool has_digest = algo != DigestAlgo::kNone && digest;
-    if (slot->entry != 0) {
-        // Known already: the list came first and the digest follows, or a
-        // second package claims the path (the first one keeps it, unless only
-        // the second recorded a digest).
-        Entry& e = entries_[slot->entry - 1];
-        if (has_digest && (e.pkg == pkg || e.algo == static_cast<uint8_t>(DigestAlgo::kNone))) {
-            e.pkg = pkg;
-            e.algo = static_cast<uint8_t>(algo);
-            e.digest_off = static_cast<uint32_t>(digests_.size());
-            digests_.append(reinterpret_cast<const char*>(digest), digest_size(algo));
-        }
-        return;
-    }
-    Entry e;
-    e.dir = d;
-    e.base_off = static_cast<uint32_t>(names_.size());
-    e.base_len = static_cast<uint16_t>(base.size());
-    e.pkg = pkg;
-    e.algo = static_cast<uint8_t>(has_digest ? algo : DigestAlgo::kNone);
-    e.digest_off = static_cast<uint32_t>(digests_.size());
-    names_.append(base.data(), base.size());
-    if (has_digest) digests_.append(reinterpret_cast<const char*>(digest), digest_size(algo));
-    entries_.push_back(e);
-    slot->entry = static_cast<uint32_t>(entries_.size());
-}
-
-bool PackageIndex::find(const HostRoot& root, const std::string& host_path, FileOwner& out) const {
-    if (entries_.empty() || host_path.empty() || host_path[0] != '/') return false;
-    std::string norm;
-    std::string_view path = host_path;
-    if (path.find("/.") != std::string_view::npos || path.find("//") != std::string_view::npos) {
-        norm = normalize_path(path);
-        path = norm;
-    }
-    std::string_view dir, base;
-    split_dir_base(path, dir, base);
-    auto it = dirs_.find(std::string(dir));
-    if (it == dirs_.end()) {
-        // A directory no package names as such: it may still be an alias of
-        // one (a link like /lib -> usr/lib in a path we were handed).
-        DirCanon canon(root);
-        it = dirs_.find(canon.canon(std::string(dir)));
-        if (it == dirs_.end()) return false;
-    }
-    const Slot* slot = probe(it->second, base);
-    if (!slot) return false;
-    const Entry& e = entries_[slot->entry - 1];
-    const Package& p = packages_[e.pkg];
-    out.package = p.name;
-    out.company = p.company;
-    out.algo = static_cast<DigestAlgo>(e.algo);
-    const size_t n = digest_size(out.algo);
-    if (n) std::memcpy(out.digest, digests_.data() + e.digest_off, n);
-    return true;
-}
-
-size_t PackageIndex::memory_bytes() const {
-    size_t n = sizeof *this + entries_.capacity() * sizeof(Entry) + table_.capacity() * sizeof(Slot) +
-               names_.capacity() + digests_.capacity();
-    for (const Package& p : packages_) n += sizeof p + p.name.capacity() + p.company.capacity();
-    // Node, key and bucket of each directory name.
-    for (const auto& d : dirs_) n += 48 + d.first.capacity();
-    n += dirs_.bucket_count() * sizeof(void*);
-    return n;
-}
-
-void PackageIndex::shrink() {
-    last_dir_valid_ = false;
-    last_dir_.clear();
-    last_dir_.shrink_to_fit();
-    entries_.shrink_to_fit();
-    names_.shrink_to_fit();
-    digests_.shrink_to_fit();
+    tmp.clear();
+    tmp.shrink_to_fit();
+    table_.erase(std::unique(table_.begin(), table_.end()), table_.end());
+    table_.shrink_to_fit();
     packages_.shrink_to_fit();
 }
 
-// ---- building from the package databases ------------------------------------
+void PackageIndex::candidates(std::string_view base, std::vector<uint32_t>& out) const {
+    out.clear();
+    const uint64_t h = static_cast<uint64_t>(base_name_hash(base)) << 32;
+    for (auto it = std::lower_bound(table_.begin(), table_.end(), h);
+         it != table_.end() && (*it & 0xffffffff00000000ull) == h; ++it)
+        out.push_back(static_cast<uint32_t>(*it));
+}
+
+size_t PackageIndex::memory_bytes() const {
+    size_t n = sizeof *this + table_.capacity() * sizeof(uint64_t) + packages_.capacity() * sizeof(Package);
+    for (const Package& p : packages_) {
+        n += p.name.capacity() + p.company.capacity() + p.stem.capacity();
+        for (const DpkgConffile& c : p.conffiles) n += sizeof c + c.path.capacity() + c.md5.capacity();
+    }
+    for (const auto& d : diversions) n += 64 + d.first.capacity() + d.second.to.capacity() + d.second.by.capacity();
+    return n;
+}
+
+// ---- building the name table from the package databases -----------------------
 
 namespace {
 
-// Files the dpkg database lists for `p`: its .list, then the digests of its
-// md5sums and conffiles.
-// dpkg-divert: a package's file named `from` is installed as `to`, except in
-// the diverting package itself ("" for a local diversion by the admin).
-struct Diversion {
-    std::string to, by;
-};
-typedef std::unordered_map<std::string, Diversion> Diversions;
+constexpr size_t kMaxList = 64u << 20;  // one package's file list
 
-Diversions read_diversions(const HostRoot& root) {
-    Diversions out;
+// Package names come from a database an image controls: one that is not a
+// plain file name never reaches openat.
+bool plain_name(std::string_view n) {
+    return !n.empty() && n != "." && n != ".." && n.find('/') == std::string_view::npos &&
+           n.find('\0') == std::string_view::npos;
+}
+
+// A buffer that grows and is never zero-filled: file lists are read one after
+// another. A large list of root's on the running host is mapped instead of
+// copied (only there: a file someone else can write could be cut short under
+// the mapping).
+struct ReadBuf {
+    std::unique_ptr<char[]> data;
+    size_t cap = 0, len = 0;
+    void* map = nullptr;
+    size_t map_len = 0;
+    ReadBuf() = default;
+    ReadBuf(const ReadBuf&) = delete;
+    ReadBuf& operator=(const ReadBuf&) = delete;
+    ~ReadBuf() { unmap(); }
+    std::string_view view() const {
+        return map ? std::string_view(static_cast<const char*>(map), map_len) : std::string_view(data.get(), len);
+    }
+    void reserve(size_t n) {
+        if (n <= cap) return;
+        data.reset(new char[n]);
+        cap = n;
+    }
+    void unmap() {
+        if (map) ::munmap(map, map_len);
+        map = nullptr;
+        map_len = 0;
+    }
+};
+
+constexpr size_t kMapAtLeast = 64u << 10;
+
+// Reads `name` in the directory `dir`: a regular file only, looked at before
+// it is opened (a device or FIFO is never opened) and checked to be the same
+// file after; no link followed.
+// `known_regular`: the directory listing said so already (d_type), which saves
+// a look per file when the lists of every package are read.
+int read_in_dir(int dir, const std::string& name, ReadBuf& out, size_t max_bytes, bool known_regular = false,
+                bool may_map = false) {
+    out.len = 0;
+    out.unmap();
+    struct stat before, st;
+    if (!known_regular) {
+        if (::fstatat(dir, name.c_str(), &before, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
+        if (!S_ISREG(before.st_mode)) return -EINVAL;
+    }
+    const int fd = ::openat(dir, name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW);
+    if (fd < 0) return -errno;
+    Fd guard(fd);
+    if (::fstat(fd, &st) != 0) return -errno;
+    if (!S_ISREG(st.st_mode) || (!known_regular && (st.st_dev != before.st_dev || st.st_ino != before.st_ino)))
+        return -EINVAL;
+    if (may_map && st.st_uid == 0 && !(st.st_mode & 022) && static_cast<size_t>(st.st_size) >= kMapAtLeast &&
+        static_cast<size_t>(st.st_size) <= max_bytes) {
+        void* m = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
+        if (m != MAP_FAILED) {
+            out.map = m;
+            out.map_len = static_cast<size_t>(st.st_size);
+            return 0;
+        }
+    }
+    // One byte more than the size, to see a file that grew meanwhile end.
+    const size_t want = std::min<size_t>(static_cast<size_t>(st.st_size) + 1, max_bytes);
+    out.reserve(std::max<size_t>(want, 64u << 10));
+    while (out.len < want) {
+        const ssize_t n = ::read(fd, out.data.get() + out.len, want - out.len);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        out.len += static_cast<size_t>(n);
+        if (out.len < want) break;  // a short read of a regular file: its end
+    }
+    return 0;
+}
+
+// Names of the regular files in `dir` that end with `suffix` (d_type from the
+// listing; DT_UNKNOWN file systems are asked per name later).
+void regular_names(int dir, const char* suffix, std::unordered_map<std::string, bool>& out) {
+    const int fd = ::openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    DIR* d = ::fdopendir(fd);
+    if (!d) {
+        ::close(fd);
+        return;
+    }
+    const size_t sl = std::strlen(suffix);
+    while (struct dirent* e = ::readdir(d)) {
+        const size_t n = std::strlen(e->d_name);
+        if (n <= sl || std::memcmp(e->d_name + n - sl, suffix, sl) != 0) continue;
+        if (e->d_type == DT_REG || e->d_type == DT_UNKNOWN) out.emplace(e->d_name, e->d_type == DT_REG);
+        if (out.size() > (1u << 20)) break;
+    }
+    ::closedir(d);
+}
+
+std::unordered_map<std::string, PackageIndex::Diversion> read_diversions(const HostRoot& root) {
+    std::unordered_map<std::string, PackageIndex::Diversion> out;
     std::string text;
     if (read_host_file(root, "/var/lib/dpkg/diversions", text, 16u << 20) != 0) return out;
     const std::vector<std::string_view> lines = split_lines(text);
@@ -265,154 +278,453 @@ Diversions read_diversions(const HostRoot& root) {
             continue;
         const std::string_view by = lines[i + 2];
         out[std::string(lines[i])] =
-            Diversion{std::string(lines[i + 1]), by == ":" ? std::string() : std::string(by)};
+            PackageIndex::Diversion{std::string(lines[i + 1]), by == ":" ? std::string() : std::string(by)};
     }
     return out;
 }
 
-void index_dpkg_package(const HostRoot& root, const DpkgPackage& p, const Diversions& diversions,
-                        PackageIndex& index, DirCanon& canon, std::string& buf) {
+// Where package `pkg` put its file `path`, after dpkg-divert.
+std::string_view diverted(const PackageIndex& index, const std::string& pkg, std::string_view path,
+                          std::string& key) {
+    if (index.diversions.empty()) return path;
+    key.assign(path.data(), path.size());
+    auto it = index.diversions.find(key);
+    if (it == index.diversions.end() || it->second.by == pkg) return path;
+    return it->second.to;
+}
+
+// Calls fn for each line of a dpkg file list that names a file: dpkg lists a
+// directory right before its first entry, and ownership is asked of files only.
+template <class F>
+void for_each_listed_file(std::string_view text, F&& fn) {
+    std::string_view prev;
+    bool have_prev = false;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        const char* nl = static_cast<const char*>(std::memchr(text.data() + pos, '\n', text.size() - pos));
+        const size_t end = nl ? static_cast<size_t>(nl - text.data()) : text.size();
+        std::string_view line = text.substr(pos, end - pos);
+        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        pos = end + 1;
+        if (have_prev) {
+            const bool is_dir =
+                line.size() > prev.size() && line[prev.size()] == '/' && line.substr(0, prev.size()) == prev;
+            if (!is_dir && prev != "/." && prev != "/") fn(prev);
+        }
+        prev = line;
+        have_prev = true;
+    }
+    if (have_prev && prev != "/." && prev != "/") fn(prev);
+}
+
+void index_dpkg(const HostRoot& root, PackageIndex& index) {
+    std::vector<DpkgPackage> pkgs;
+    {
+        std::string text;
+        if (read_host_file(root, "/var/lib/dpkg/status", text) != 0) return;
+        pkgs = parse_dpkg_status(text);
+    }
+    index.diversions = read_diversions(root);
+    // Base names that a diversion renames, so most lines skip the lookup.
+    std::vector<uint32_t> diverted_bases;
+    for (const auto& d : index.diversions) diverted_bases.push_back(base_name_hash(base_of(d.first)));
+    std::sort(diverted_bases.begin(), diverted_bases.end());
+
+    const Fd info(open_host_file(root, "/var/lib/dpkg/info"));
+    if (info.get() < 0) return;
+    ReadBuf buf;
     std::string key;
-    auto where = [&](std::string_view path) -> std::string_view {
-        if (diversions.empty()) return path;
-        key.assign(path.data(), path.size());
-        auto it = diversions.find(key);
-        if (it == diversions.end() || it->second.by == p.name) return path;
-        return it->second.to;
-    };
-    const std::string info = "/var/lib/dpkg/info/";
-    const bool same = p.multi_arch == "same";
-    std::string stem;
-    for (bool with_arch : {same, !same}) {
-        stem = info + dpkg_info_name(p, with_arch);
-        if (read_host_file(root, stem + ".list", buf, 256u << 20) == 0) break;
-        buf.clear();
-    }
-    if (buf.empty()) return;
-    const uint32_t id = index.add_package(p.name, p.maintainer);
-    const std::vector<std::string_view> lines = split_lines(buf);
-    for (size_t i = 0; i < lines.size(); ++i) {
-        const std::string_view path = lines[i];
-        // dpkg lists a directory right before its first entry: ownership is
-        // asked of files only, so directories are left out.
-        if (i + 1 < lines.size() && lines[i + 1].size() > path.size() && starts_with(lines[i + 1], path) &&
-            lines[i + 1][path.size()] == '/')
-            continue;
-        if (path == "/." || path == "/") continue;
-        index.add_file(id, where(path), DigestAlgo::kNone, nullptr, canon);
-    }
-    if (read_host_file(root, stem + ".md5sums", buf, 256u << 20) == 0) {
-        parse_md5sums(buf, [&](std::string_view path, const unsigned char* md5) {
-            index.add_file(id, where(path), DigestAlgo::kMd5, md5, canon);
+    index.reserve(pkgs.size(), 1u << 17);
+    std::unordered_map<std::string, bool> lists;  // name -> known to be a regular file
+    regular_names(info.get(), ".list", lists);
+    for (DpkgPackage& p : pkgs) {
+        if (!dpkg_is_installed(p.status) || !plain_name(p.name)) continue;
+        const bool same = p.multi_arch == "same";
+        std::string stem;
+        for (bool with_arch : {same, !same}) {
+            stem = dpkg_info_name(p, with_arch);
+            auto it = plain_name(stem) ? lists.find(stem + ".list") : lists.end();
+            if (it != lists.end() &&
+                read_in_dir(info.get(), it->first, buf, kMaxList, it->second, root.is_live_host()) == 0)
+                break;
+            stem.clear();
+        }
+        if (stem.empty()) continue;
+        PackageIndex::Package pkg;
+        pkg.name = p.name;
+        pkg.company = std::move(p.maintainer);
+        pkg.kind = PackageIndex::Kind::kDpkg;
+        pkg.stem = std::move(stem);
+        pkg.conffiles = std::move(p.conffiles);
+        const uint32_t id = index.add_package(std::move(pkg));
+        const PackageIndex::Package& added = index.package(id);
+        for_each_listed_file(buf.view(), [&](std::string_view path) {
+            std::string_view base = base_of(path);
+            const uint32_t h = base_name_hash(base);
+            if (!diverted_bases.empty() && std::binary_search(diverted_bases.begin(), diverted_bases.end(), h))
+                base = base_of(diverted(index, added.name, path, key));
+            index.add_name(id, base);
         });
-    }
-    for (const DpkgConffile& c : p.conffiles) {
-        unsigned char md5[16];
-        if (hex_to_bytes(c.md5, md5, 16)) index.add_file(id, where(c.path), DigestAlgo::kMd5, md5, canon);
-    }
-    buf.clear();
-}
-
-void index_dpkg(const HostRoot& root, PackageIndex& index, DirCanon& canon) {
-    std::string text;
-    if (read_host_file(root, "/var/lib/dpkg/status", text) != 0) return;
-    std::vector<DpkgPackage> pkgs = parse_dpkg_status(text);
-    const Diversions diversions = read_diversions(root);
-    text.clear();
-    text.shrink_to_fit();
-    std::string buf;
-    for (const DpkgPackage& p : pkgs) {
-        if (dpkg_is_installed(p.status)) index_dpkg_package(root, p, diversions, index, canon, buf);
+        for (const DpkgConffile& c : added.conffiles)
+            index.add_name(id, base_of(diverted(index, added.name, c.path, key)));
     }
 }
 
-void index_rpm(const HostRoot& root, PackageIndex& index, DirCanon& canon) {
-    read_rpm_db(root, true, [&](RpmPackage& p) {
-        const uint32_t id = index.add_package(p.name, p.vendor);
-        for (const RpmFile& f : p.files) index.add_file(id, f.path, f.algo, f.digest, canon);
+void index_rpm(const HostRoot& root, PackageIndex& index) {
+    read_rpm_base_names(root, [&](uint32_t hnum, const std::string& name, const std::string& vendor,
+                                  const std::vector<std::string_view>& bases) {
+        PackageIndex::Package pkg;
+        pkg.name = name;
+        pkg.company = vendor;
+        pkg.kind = PackageIndex::Kind::kRpm;
+        pkg.rpm_hnum = hnum;
+        const uint32_t id = index.add_package(std::move(pkg));
+        for (std::string_view b : bases) index.add_name(id, b);
     });
 }
 
-void index_apk(const HostRoot& root, PackageIndex& index, DirCanon& canon) {
-    std::string text;
-    if (read_host_file(root, "/lib/apk/db/installed", text) != 0) return;
-    for (const ApkPackage& p : parse_apk_installed(text, true)) {
-        const uint32_t id = index.add_package(p.name, p.maintainer);
-        for (const ApkFile& f : p.files)
-            index.add_file(id, f.path, f.has_sha1 ? DigestAlgo::kSha1 : DigestAlgo::kNone, f.sha1, canon);
+// Identity of a database file, "" when absent. Looked at, never opened.
+std::string file_signature(const HostRoot& root, const std::string& path) {
+    struct stat st;
+    if (root.is_live_host()) {
+        if (::stat(path.c_str(), &st) != 0) return std::string();
+    } else {
+        const size_t slash = path.rfind('/');
+        const Fd dir(open_host_file(root, slash == 0 ? std::string("/") : path.substr(0, slash)));
+        if (dir.get() < 0 || ::fstatat(dir.get(), path.c_str() + slash + 1, &st, AT_SYMLINK_NOFOLLOW) != 0)
+            return std::string();
     }
+    return path + ":" + std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) + ":" +
+           std::to_string(st.st_size) + ":" + std::to_string(st.st_mtim.tv_sec) + "." +
+           std::to_string(st.st_mtim.tv_nsec) + ";";
 }
 
-// What the package databases looked like when an index was built.
+const char* const kApkDb = "/lib/apk/db/installed";
+
+// apk keeps one text file: stanzas of P: (name), m: (maintainer), F: (a
+// directory) and R: (a file in it). Only the stanza's place is kept.
+void index_apk(const HostRoot& root, PackageIndex& index) {
+    std::string text;
+    if (read_host_file(root, kApkDb, text) != 0) return;
+    index.apk_signature = file_signature(root, kApkDb);
+    PackageIndex::Package cur;
+    std::vector<std::string_view> bases;
+    size_t start = 0, pos = 0;
+    auto flush = [&](size_t end) {
+        if (!cur.name.empty()) {
+            cur.kind = PackageIndex::Kind::kApk;
+            cur.apk_off = start;
+            cur.apk_len = end - start;
+            const uint32_t id = index.add_package(std::move(cur));
+            for (std::string_view b : bases) index.add_name(id, b);
+        }
+        cur = PackageIndex::Package();
+        bases.clear();
+    };
+    while (pos < text.size()) {
+        const size_t nl = text.find('\n', pos);
+        const size_t end = nl == std::string::npos ? text.size() : nl;
+        std::string_view line(text.data() + pos, end - pos);
+        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        if (line.empty()) {
+            flush(pos);
+            start = end + 1;
+        } else if (line.size() >= 2 && line[1] == ':') {
+            const std::string_view v = line.substr(2);
+            if (line[0] == 'P') cur.name.assign(v.data(), v.size());
+            if (line[0] == 'm') cur.company.assign(v.data(), v.size());
+            if (line[0] == 'R') bases.push_back(base_of(v));
+        }
+        pos = end + 1;
+    }
+    flush(text.size());
+}
+
+// What the package databases looked like when a table was built.
 std::string db_signature(const HostRoot& root) {
     std::string sig;
-    std::vector<std::string> files = {"/var/lib/dpkg/status", "/var/lib/dpkg/diversions",
-                                      "/lib/apk/db/installed"};
+    std::vector<std::string> files = {"/var/lib/dpkg/status", "/var/lib/dpkg/diversions", kApkDb};
     const std::string rpmdir = rpm_db_dir(root);
     if (!rpmdir.empty()) {
         for (const char* f : {"/rpmdb.sqlite", "/rpmdb.sqlite-wal", "/Packages.db", "/Packages"})
             files.push_back(rpmdir + f);
     }
-    for (const std::string& f : files) {
-        struct stat st;
-        if (::stat(root.path(f).c_str(), &st) != 0) continue;
-        sig += f + ":" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" +
-               std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + ";";
-    }
+    for (const std::string& f : files) sig += file_signature(root, f);
     return sig;
 }
+
+// ---- answering: the candidates' own records -----------------------------------
+
+// One file a package recorded: its path as installed, and its digest if any.
+struct Recorded {
+    std::string path;
+    DigestAlgo algo = DigestAlgo::kNone;
+    std::string digest;
+};
+
+// Records of one package, read when one of its files is first asked about:
+// dpkg's .list, .md5sums and the status file's conffiles, apk's stanza, or
+// rpm's header.
+void read_dpkg_records(const HostRoot& root, const PackageIndex& index, const PackageIndex::Package& p,
+                       std::vector<Recorded>& out) {
+    const Fd info(open_host_file(root, "/var/lib/dpkg/info"));
+    if (info.get() < 0) return;
+    ReadBuf buf;
+    std::string key;
+    std::unordered_map<std::string, size_t> at;  // path -> its record
+    auto record = [&](std::string_view path, DigestAlgo algo, const unsigned char* digest) {
+        if (path.empty() || path[0] != '/') return;
+        const std::string norm = normalize_path(diverted(index, p.name, path, key));
+        auto it = at.find(norm);
+        if (it == at.end()) {
+            it = at.emplace(norm, out.size()).first;
+            out.push_back(Recorded{norm, DigestAlgo::kNone, std::string()});
+        }
+        if (algo != DigestAlgo::kNone) {
+            out[it->second].algo = algo;
+            out[it->second].digest.assign(reinterpret_cast<const char*>(digest), digest_size(algo));
+        }
+    };
+    if (read_in_dir(info.get(), p.stem + ".list", buf, kMaxList) == 0)
+        for_each_listed_file(buf.view(), [&](std::string_view path) { record(path, DigestAlgo::kNone, nullptr); });
+    if (read_in_dir(info.get(), p.stem + ".md5sums", buf, kMaxList) == 0) {
+        parse_md5sums(buf.view(), [&](std::string_view path, const unsigned char* md5) {
+            record(path, DigestAlgo::kMd5, md5);
+        });
+    }
+    for (const DpkgConffile& c : p.conffiles) {
+        unsigned char md5[16];
+        if (hex_to_bytes(c.md5, md5, 16)) record(c.path, DigestAlgo::kMd5, md5);
+    }
+}
+
+void read_apk_records(const HostRoot& root, const PackageIndex& index, const PackageIndex::Package& p,
+                      std::vector<Recorded>& out) {
+    // The stanza's place holds only for the database the table was built from.
+    if (file_signature(root, kApkDb) != index.apk_signature) return;
+    std::string text;
+    if (read_host_file(root, kApkDb, text) != 0 || p.apk_off + p.apk_len > text.size()) return;
+    for (ApkPackage& a : parse_apk_installed(std::string_view(text).substr(p.apk_off, p.apk_len), true)) {
+        if (a.name != p.name) continue;
+        for (const ApkFile& f : a.files) {
+            Recorded r{normalize_path(f.path), f.has_sha1 ? DigestAlgo::kSha1 : DigestAlgo::kNone, std::string()};
+            if (f.has_sha1) r.digest.assign(reinterpret_cast<const char*>(f.sha1), 20);
+            out.push_back(std::move(r));
+        }
+    }
+}
+
+void read_rpm_records(const HostRoot& root, const PackageIndex::Package& p, std::vector<Recorded>& out) {
+    std::vector<RpmFile> files;
+    if (read_rpm_package_files(root, p.rpm_hnum, files) != 0) return;
+    for (const RpmFile& f : files) {
+        Recorded r{normalize_path(f.path), f.algo, std::string()};
+        if (f.algo != DigestAlgo::kNone) r.digest.assign(reinterpret_cast<const char*>(f.digest), digest_size(f.algo));
+        out.push_back(std::move(r));
+    }
+}
+
+struct Answer {
+    int32_t pkg = -1;  // -1: no package owns the file
+    DigestAlgo algo = DigestAlgo::kNone;
+    std::string digest;
+};
+
+// Bounds on what the lookups of one root remember; past them the memory is
+// dropped and refilled from the databases as asked.
+constexpr size_t kMaxRecords = 400000;
+constexpr size_t kMaxAnswers = 65536;
+constexpr long kCanonBudget = 1L << 16;
 
 struct RootSlot {
     std::mutex mu;
     std::shared_ptr<const PackageIndex> index;
     std::string signature;
     std::chrono::steady_clock::time_point checked;
+    std::unique_ptr<DirCanon> canon;
+    std::unordered_map<uint32_t, std::vector<Recorded>> records;  // per package read
+    size_t record_count = 0;
+    std::unordered_map<std::string, Answer> answers;  // per normalised path asked
+
+    void forget() {
+        records.clear();
+        record_count = 0;
+        answers.clear();
+        canon.reset();
+    }
 };
 
 // Signatures are looked at no more often than this: a process collection asks
 // thousands of times within a second.
 constexpr std::chrono::seconds kRecheck(2);
 
+RootSlot& slot_of(const HostRoot& root) {
+    static std::mutex* registry_mu = new std::mutex();
+    static auto* registry = new std::unordered_map<std::string, std::unique_ptr<RootSlot>>();
+    std::lock_guard<std::mutex> lock(*registry_mu);
+    std::unique_ptr<RootSlot>& s = (*registry)[root.root()];
+    if (!s) s.reset(new RootSlot());
+    return *s;
+}
+
+// With slot.mu held: the table, built or rebuilt as the databases say.
+const PackageIndex* fresh_index(RootSlot& slot, const HostRoot& root) {
+    const auto now = std::chrono::steady_clock::now();
+    if (slot.index && now - slot.checked < kRecheck) return slot.index.get();
+    std::string sig = db_signature(root);
+    slot.checked = now;
+    if (slot.index && sig == slot.signature) return slot.index.get();
+    slot.index.reset();  // free the old one before the new one grows
+    slot.forget();
+    slot.index = build_package_index(root);
+    slot.signature = std::move(sig);
+    slot.checked = std::chrono::steady_clock::now();
+    return slot.index.get();
+}
+
+const std::vector<Recorded>& records_of(RootSlot& slot, const HostRoot& root, const PackageIndex& index,
+                                        uint32_t id) {
+    auto it = slot.records.find(id);
+    if (it != slot.records.end()) return it->second;
+    if (slot.record_count > kMaxRecords) {
+        slot.records.clear();
+        slot.record_count = 0;
+    }
+    std::vector<Recorded> recs;
+    const PackageIndex::Package& p = index.package(id);
+    switch (p.kind) {
+        case PackageIndex::Kind::kDpkg:
+            read_dpkg_records(root, index, p, recs);
+            break;
+        case PackageIndex::Kind::kApk:
+            read_apk_records(root, index, p, recs);
+            break;
+        case PackageIndex::Kind::kRpm:
+            read_rpm_records(root, p, recs);
+            break;
+    }
+    recs.shrink_to_fit();
+    slot.record_count += recs.size() + 1;
+    return slot.records.emplace(id, std::move(recs)).first->second;
+}
+
+// With slot.mu held. The first package (in database order) that recorded a
+// digest for the file owns it, else the first that lists it.
+Answer answer(RootSlot& slot, const HostRoot& root, const PackageIndex& index, std::string_view path) {
+    Answer a;
+    std::string_view dir, base;
+    split_dir_base(path, dir, base);
+    std::vector<uint32_t> cands;
+    index.candidates(base, cands);
+    if (cands.empty()) return a;
+    if (!slot.canon) slot.canon.reset(new DirCanon(root, kCanonBudget));
+    std::string qdir;  // canonical directory asked about, resolved on first need
+    bool have_qdir = false;
+    for (uint32_t id : cands) {
+        for (const Recorded& r : records_of(slot, root, index, id)) {
+            std::string_view rdir, rbase;
+            split_dir_base(r.path, rdir, rbase);
+            if (rbase != base) continue;
+            if (rdir != dir) {
+                // The same file under another directory name (/lib -> usr/lib).
+                if (!have_qdir) {
+                    qdir = slot.canon->canon(std::string(dir));
+                    have_qdir = true;
+                }
+                if (slot.canon->canon(std::string(rdir)) != qdir) continue;
+            }
+            if (a.pkg < 0 || (a.algo == DigestAlgo::kNone && r.algo != DigestAlgo::kNone)) {
+                a.pkg = static_cast<int32_t>(id);
+                a.algo = r.algo;
+                a.digest = r.digest;
+            }
+            if (a.algo != DigestAlgo::kNone) return a;
+            break;
+        }
+    }
+    return a;
+}
+
 }  // namespace
 
 std::shared_ptr<const PackageIndex> build_package_index(const HostRoot& root) {
     auto index = std::make_shared<PackageIndex>();
-    DirCanon canon(root, 1L << 20);
-    index_dpkg(root, *index, canon);
-    index_rpm(root, *index, canon);
-    index_apk(root, *index, canon);
-    index->shrink();
+    index_dpkg(root, *index);
+    index_rpm(root, *index);
+    index_apk(root, *index);
+    index->finish();
     return index;
 }
 
 std::shared_ptr<const PackageIndex> package_index(const HostRoot& root) {
-    static std::mutex* registry_mu = new std::mutex();
-    static auto* registry = new std::unordered_map<std::string, std::unique_ptr<RootSlot>>();
-    RootSlot* slot;
-    {
-        std::lock_guard<std::mutex> lock(*registry_mu);
-        std::unique_ptr<RootSlot>& s = (*registry)[root.root()];
-        if (!s) s.reset(new RootSlot());
-        slot = s.get();
+    RootSlot& slot = slot_of(root);
+    std::lock_guard<std::mutex> lock(slot.mu);
+    fresh_index(slot, root);
+    return slot.index;
+}
+
+OwnershipStats ownership_stats(const HostRoot& root) {
+    RootSlot& slot = slot_of(root);
+    std::lock_guard<std::mutex> lock(slot.mu);
+    OwnershipStats s;
+    if (!slot.index) return s;
+    s.packages = slot.index->packages();
+    s.names = slot.index->names();
+    s.packages_read = slot.records.size();
+    s.answers = slot.answers.size();
+    s.memory_bytes = slot.index->memory_bytes();
+    for (const auto& r : slot.records) {
+        s.memory_bytes += 48 + r.second.capacity() * sizeof(Recorded);
+        for (const Recorded& x : r.second) s.memory_bytes += x.path.capacity() + x.digest.capacity();
     }
-    // One builder per root; the others wait for its index instead of building their own.
-    std::lock_guard<std::mutex> lock(slot->mu);
-    const auto now = std::chrono::steady_clock::now();
-    if (slot->index && now - slot->checked < kRecheck) return slot->index;
-    std::string sig = db_signature(root);
-    slot->checked = now;
-    if (slot->index && sig == slot->signature) return slot->index;
-    slot->index.reset();  // free the old one before the new one grows
-    slot->index = build_package_index(root);
-    slot->signature = std::move(sig);
-    slot->checked = std::chrono::steady_clock::now();
-    return slot->index;
+    for (const auto& a : slot.answers) s.memory_bytes += 64 + a.first.capacity() + a.second.digest.capacity();
+    return s;
+}
+
+void package_index_prefetch(const HostRoot& root) {
+    try {
+        RootSlot& slot = slot_of(root);
+        {
+            std::unique_lock<std::mutex> lock(slot.mu, std::try_to_lock);
+            // Busy: someone is building or asking already.
+            if (!lock.owns_lock() || slot.index) return;
+        }
+        // The slot lives as long as the process; the thread holds its own root.
+        std::thread([&slot, root]() {
+            try {
+                std::lock_guard<std::mutex> lock(slot.mu);
+                fresh_index(slot, root);
+            } catch (...) {
+            }
+        }).detach();
+    } catch (...) {
+        // No thread to be had: the first lookup builds it.
+    }
 }
 
 bool package_owner(const HostRoot& root, const std::string& host_path, FileOwner& out) {
     try {
-        const std::shared_ptr<const PackageIndex> index = package_index(root);
-        return index && index->find(root, host_path, out);
+        if (host_path.empty() || host_path[0] != '/' || host_path.find('\0') != std::string::npos) return false;
+        std::string norm = normalize_path(host_path);
+        RootSlot& slot = slot_of(root);
+        std::lock_guard<std::mutex> lock(slot.mu);
+        const PackageIndex* index = fresh_index(slot, root);
+        if (!index) return false;
+        auto it = slot.answers.find(norm);
+        if (it == slot.answers.end()) {
+            if (slot.answers.size() >= kMaxAnswers) slot.answers.clear();
+            Answer a = answer(slot, root, *index, norm);
+            it = slot.answers.emplace(std::move(norm), std::move(a)).first;
+        }
+        const Answer& a = it->second;
+        if (a.pkg < 0) return false;
+        const PackageIndex::Package& p = index->package(static_cast<uint32_t>(a.pkg));
+        out.package = p.name;
+        out.company = p.company;
+        out.algo = a.algo;
+        std::memset(out.digest, 0, sizeof out.digest);
+        if (a.digest.size() <= sizeof out.digest) std::memcpy(out.digest, a.digest.data(), a.digest.size());
+        return true;
     } catch (...) {
         return false;
     }

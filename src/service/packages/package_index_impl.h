@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "core/common.h"
+#include "packages/dpkg_db.h"
 #include "packages/package_index.h"
 
 namespace amsvc {
@@ -24,68 +25,80 @@ public:
     // `budget`: lstat calls allowed, for all names this instance resolves.
     explicit DirCanon(const HostRoot& root, long budget = 256) : root_(root), budget_(budget) {}
     std::string canon(const std::string& dir, int depth = 0);
+    size_t remembered() const { return memo_.size(); }
 
 private:
-    const HostRoot& root_;
+    // Whether `path` (parent already resolved) is a link, and its target.
+    bool link_target(const std::string& path, std::string& target);
+
+    HostRoot root_;
     std::unordered_map<std::string, std::string> memo_;
     long budget_;
 };
 
-// File -> owning package, keyed by (directory, base name). Directories are
-// stored once each, under their canonical name and under every other name a
-// package database used for them, so /lib/x/libc.so.6 and
-// /usr/lib/x/libc.so.6 meet on a merged-/usr host. Immutable once built.
+// Which packages may own a file, by its base name: a sorted table of
+// (hash of base name, package) built in one pass over the databases' file
+// lists, without keeping paths or digests. A lookup then reads the few
+// candidate packages' own records (see package_index.cpp). Immutable once
+// built.
 class PackageIndex {
 public:
-    uint32_t add_package(std::string name, std::string company);
-    void add_file(uint32_t pkg, std::string_view path, DigestAlgo algo, const unsigned char* digest,
-                  DirCanon& canon);
-    void shrink();
-
-    bool find(const HostRoot& root, const std::string& host_path, FileOwner& out) const;
-    size_t files() const { return entries_.size(); }
-    size_t packages() const { return packages_.size(); }
-    size_t memory_bytes() const;  // estimate of what the index holds on the heap
-
-private:
+    enum class Kind : uint8_t { kDpkg, kRpm, kApk };
     struct Package {
         std::string name, company;
+        Kind kind = Kind::kDpkg;
+        std::string stem;        // dpkg: info file name without extension ("libc6:amd64")
+        uint32_t rpm_hnum = 0;   // rpm: header instance
+        uint64_t apk_off = 0;    // apk: the package's stanza in the installed database
+        uint64_t apk_len = 0;
+        std::vector<DpkgConffile> conffiles;  // dpkg: from the status file
     };
-    struct Entry {
-        uint32_t dir;
-        uint32_t base_off;
-        uint32_t pkg;
-        uint32_t digest_off;
-        uint16_t base_len;
-        uint8_t algo;
+    // dpkg-divert: a package's file named `from` is installed as `to`, except
+    // in the diverting package itself (`by`, "" for a local diversion).
+    struct Diversion {
+        std::string to, by;
     };
-    uint32_t dir_id(std::string_view dir, DirCanon& canon);
-    uint32_t dir_id_slow(std::string_view dir, DirCanon& canon);
-    struct Slot {
-        uint32_t entry;  // entry index + 1, 0: empty
-        uint32_t hash;   // of the entry's key, so most misses never touch the entry
-    };
-    Slot* probe(uint32_t dir, std::string_view base);              // the match, or the empty slot for it
-    const Slot* probe(uint32_t dir, std::string_view base) const;  // the match, or null
 
-    void grow();
+    uint32_t add_package(Package p);
+    void add_name(uint32_t pkg, std::string_view base);
+    void reserve(size_t packages, size_t names) {
+        packages_.reserve(packages);
+        table_.reserve(names);
+    }
+    void finish();  // sorts the table; no more names after it
 
+    // Packages that list a file named `base`, in database order (some may
+    // list it in another directory: the caller checks).
+    void candidates(std::string_view base, std::vector<uint32_t>& out) const;
+    const Package& package(uint32_t id) const { return packages_[id]; }
+    size_t packages() const { return packages_.size(); }
+    size_t names() const { return table_.size(); }
+    size_t memory_bytes() const;  // estimate of what the index holds on the heap
+
+    std::unordered_map<std::string, Diversion> diversions;
+    std::string apk_signature;  // the apk database's identity when its stanzas were located
+
+private:
     std::vector<Package> packages_;
-    std::unordered_map<std::string, uint32_t> dirs_;
-    size_t dir_count_ = 0;
-    std::string last_dir_;  // while building: the directory of the previous file
-    uint32_t last_dir_id_ = 0;
-    bool last_dir_valid_ = false;
-    std::vector<Entry> entries_;
-    std::vector<Slot> table_;  // open addressing, linear probing, at most half full
-    std::string names_;        // base names, back to back
-    std::string digests_;      // recorded digests, back to back
+    std::vector<uint64_t> table_;  // hash << 32 | package
 };
 
-// Builds the index of every package database under `root` (uncached).
+uint32_t base_name_hash(std::string_view base);
+
+// Builds the name table of every package database under `root` (uncached).
 std::shared_ptr<const PackageIndex> build_package_index(const HostRoot& root);
-// The shared index of `root`: built once, rebuilt when a database changes.
+// The shared name table of `root`: built on first use, rebuilt when a
+// database changes.
 std::shared_ptr<const PackageIndex> package_index(const HostRoot& root);
+
+// What the ownership lookups of `root` hold now, for tests and the benchmark.
+struct OwnershipStats {
+    size_t packages = 0, names = 0;
+    size_t packages_read = 0;  // packages whose own records were read to answer
+    size_t answers = 0;        // remembered answers
+    size_t memory_bytes = 0;   // estimate of all of it
+};
+OwnershipStats ownership_stats(const HostRoot& root);
 
 }  // namespace amsvc
 

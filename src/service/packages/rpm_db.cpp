@@ -112,7 +112,11 @@ std::string rpm_db_dir(const HostRoot& root) {
     return std::string();
 }
 
-int read_rpm_db(const HostRoot& root, bool with_files, const std::function<void(RpmPackage&)>& fn) {
+namespace {
+
+// Opens the database of `root` read-only and runs `body` on it; serialised,
+// because librpm keeps global state.
+int with_rpm_db(const HostRoot& root, const std::function<int(rpmts)>& body) {
     const std::string dbdir = rpm_db_dir(root);
     if (dbdir.empty()) return -ENOENT;
     std::lock_guard<std::mutex> lock(rpm_mutex());
@@ -135,13 +139,30 @@ int read_rpm_db(const HostRoot& root, bool with_files, const std::function<void(
     if (rpmtsOpenDB(ts, O_RDONLY) != 0) {
         rc = ::access(root.path(dbdir).c_str(), R_OK) == 0 ? -EIO : -EACCES;
     } else {
+        try {
+            rc = body(ts);
+        } catch (...) {
+            rc = -ENOMEM;
+        }
+    }
+    rpmtsFree(ts);
+    rpmPopMacro(nullptr, "_dbpath");
+    return rc;
+}
+
+}  // namespace
+
+int read_rpm_db(const HostRoot& root, bool with_files, const std::function<void(RpmPackage&)>& fn) {
+    return with_rpm_db(root, [&](rpmts ts) {
         rpmdbMatchIterator mi = rpmtsInitIterator(ts, RPMDBI_PACKAGES, nullptr, 0);
         Header h;
+        int rc = 0;
         try {
             while (mi && (h = rpmdbNextIterator(mi)) != nullptr) {
                 RpmPackage p;
                 p.name = str_tag(h, RPMTAG_NAME);
                 if (p.name.empty()) continue;
+                p.hnum = rpmdbGetIteratorOffset(mi);
                 p.version = str_tag(h, RPMTAG_VERSION);
                 if (headerIsEntry(h, RPMTAG_EPOCH))
                     p.version = std::to_string(headerGetNumber(h, RPMTAG_EPOCH)) + ":" + p.version;
@@ -162,10 +183,54 @@ int read_rpm_db(const HostRoot& root, bool with_files, const std::function<void(
             rc = -ENOMEM;
         }
         rpmdbFreeIterator(mi);
-    }
-    rpmtsFree(ts);
-    rpmPopMacro(nullptr, "_dbpath");
-    return rc;
+        return rc;
+    });
+}
+
+int read_rpm_base_names(const HostRoot& root,
+                        const std::function<void(uint32_t hnum, const std::string& name, const std::string& vendor,
+                                                 const std::vector<std::string_view>& bases)>& fn) {
+    return with_rpm_db(root, [&](rpmts ts) {
+        rpmdbMatchIterator mi = rpmtsInitIterator(ts, RPMDBI_PACKAGES, nullptr, 0);
+        Header h;
+        int rc = 0;
+        std::vector<std::string_view> bases;
+        rpmtd td = rpmtdNew();
+        try {
+            while (mi && td && (h = rpmdbNextIterator(mi)) != nullptr) {
+                const std::string name = str_tag(h, RPMTAG_NAME);
+                if (name.empty()) continue;
+                bases.clear();
+                const bool got = headerGet(h, RPMTAG_BASENAMES, td, HEADERGET_MINMEM);
+                if (got) {
+                    while (const char* b = rpmtdNextString(td)) bases.emplace_back(b);
+                }
+                fn(rpmdbGetIteratorOffset(mi), name, str_tag(h, RPMTAG_VENDOR), bases);
+                if (got) rpmtdFreeData(td);
+            }
+        } catch (...) {
+            rc = -ENOMEM;
+        }
+        rpmtdFree(td);
+        rpmdbFreeIterator(mi);
+        return rc;
+    });
+}
+
+int read_rpm_package_files(const HostRoot& root, uint32_t hnum, std::vector<RpmFile>& out) {
+    out.clear();
+    return with_rpm_db(root, [&](rpmts ts) {
+        rpmdbMatchIterator mi = rpmtsInitIterator(ts, RPMDBI_PACKAGES, &hnum, sizeof hnum);
+        Header h = mi ? rpmdbNextIterator(mi) : nullptr;
+        int rc = h ? 0 : -ENOENT;
+        try {
+            if (h) read_files(h, out);
+        } catch (...) {
+            rc = -ENOMEM;
+        }
+        rpmdbFreeIterator(mi);
+        return rc;
+    });
 }
 
 }  // namespace amsvc

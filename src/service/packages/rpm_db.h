@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/common.h"
@@ -32,6 +33,7 @@ struct RpmPackage {
     std::string prefix;  // first relocation prefix
     std::string vendor;
     std::vector<RpmFile> files;  // only when asked for
+    uint32_t hnum = 0;           // header instance in the database
 };
 
 // Where the rpm database lives under `root` ("/var/lib/rpm", ...), empty when
@@ -42,6 +44,16 @@ std::string rpm_db_dir(const HostRoot& root);
 // database, or -EACCES/-EIO when it cannot be opened. Serialised: librpm
 // keeps global state.
 int read_rpm_db(const HostRoot& root, bool with_files, const std::function<void(RpmPackage&)>& fn);
+
+// Calls fn for every installed package with the base names of its files
+// (directories too), without reading digests: enough to tell which packages
+// may own a file.
+int read_rpm_base_names(const HostRoot& root,
+                        const std::function<void(uint32_t hnum, const std::string& name, const std::string& vendor,
+                                                 const std::vector<std::string_view>& bases)>& fn);
+
+// Files and recorded digests of the one package at header instance `hnum`.
+int read_rpm_package_files(const HostRoot& root, uint32_t hnum, std::vector<RpmFile>& out);
 
 }  // namespace amsvc
 

@@ -13,6 +13,7 @@
 
 #include "collectors.h"
 #include "core/file_facts.h"
+#include "packages/package_index.h"
 #include "system/sysfacts.h"
 
 namespace amsvc {
@@ -624,6 +625,9 @@ void collect_xdg(const HostRoot& root, std::vector<Pending>& out, bool& any_sour
 int32_t collect_autoruns(const HostRoot& root, std::vector<AM::AutoRunServInfo>& out) {
     return guarded(out, [&]() -> int32_t {
         out.clear();
+        // The programs' owners are asked after all sources are read: the
+        // package index builds meanwhile.
+        package_index_prefetch(root);
         std::vector<Pending> found;
         bool any = false;
         collect_units(root, found, any);
