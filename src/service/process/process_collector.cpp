@@ -332,7 +332,12 @@ private:
             std::string bare = shown;
             procfs::strip_deleted(bare);
             size_t index = SIZE_MAX;
-            if (procfs_ && have_shm_dev_ && dev == shm_dev_) {
+            // Without a probe (memfd_create filtered), by the names the kernel gives.
+            const bool shm = have_shm_dev_ ? dev == shm_dev_
+                                           : major(dev) == 0 && deleted &&
+                                                 (bare == "/dev/zero" || bare.compare(0, 7, "/memfd:") == 0 ||
+                                                  bare.compare(0, 5, "/SYSV") == 0);
+            if (procfs_ && shm) {
                 // Shared anonymous memory or a memfd: process memory, not a
                 // file; listed (code run from memory is worth seeing) but not read.
             } else if (procfs_) {

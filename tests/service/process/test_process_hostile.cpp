@@ -32,8 +32,9 @@ using amtest::run;
 namespace {
 
 // Maps each file with execute permission, then writes its pid to `pidfile`
-// (by rename: whoever sees the file sees all of it). With "swap A B SECS" it
-// then exchanges A and B by renameat2(RENAME_EXCHANGE) for SECS seconds.
+// (in one write). With "chroot DIR" it
+// chroots into DIR first; with "swap A B SECS" it then exchanges A and B by
+// renameat2(RENAME_EXCHANGE) for SECS seconds.
 // "zero" maps /dev/zero privately and shared, shared anonymous memory (shown
 // as "/dev/zero (deleted)") and a memfd, all executable.
 const char kHelper[] = R"(
@@ -60,14 +61,12 @@ int main(int argc, char** argv) {
         if (m < 0 || ftruncate(m, 4096) || mmap(0, 4096, PROT_READ | PROT_EXEC, MAP_SHARED, m, 0) == MAP_FAILED) exit(1);
         i = 3;
     } else {
-        for (; i < argc && strcmp(argv[i], "swap"); ++i) map(argv[i], MAP_PRIVATE);
+        for (; i < argc && strcmp(argv[i], "swap") && strcmp(argv[i], "chroot"); ++i) map(argv[i], MAP_PRIVATE);
     }
-    char tmp[4096];
-    snprintf(tmp, sizeof tmp, "%s.tmp", argv[1]);
-    FILE* f = fopen(tmp, "w");
-    fprintf(f, "%d\n", (int)getpid());
-    fclose(f);
-    rename(tmp, argv[1]);
+    int pf = open(argv[1], O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (pf < 0 || (i + 1 < argc && !strcmp(argv[i], "chroot") && (chroot(argv[i + 1]) || chdir("/")))) exit(1);
+    dprintf(pf, "%d\n", (int)getpid());
+    close(pf);
     if (i + 3 < argc && !strcmp(argv[i], "swap")) {
         time_t end = time(0) + atoi(argv[i + 3]);
         while (time(0) < end) syscall(SYS_renameat2, AT_FDCWD, argv[i + 1], AT_FDCWD, argv[i + 2], 2);
@@ -172,10 +171,12 @@ TEST(ProcessHostile, MappedFileReplacedAtItsPath) {
         const char* name;
         const char* script;  // after mapping $D/u/lib.so; writes $D/u/ready.
         bool fifo;
+        const char* helper_args = "";
     };
     const Case cases[] = {
         {"root-only file bound over it", "mount --bind $D/secret $D/u/lib.so", false},
         {"benign library bound over evil", "mount --bind $D/benign.so $D/u/lib.so", false},
+        {"chroot into a jail with a decoy at the same path", "true", false, "chroot $D/u/jail"},
         {"FIFO bound over it, a writer waiting",
          "mkfifo $D/u/fifo && mount --bind $D/u/fifo $D/u/lib.so && "
          "{ (exec 3>$D/u/lib.so; exec sleep 1000) & } && sleep 0.3",
@@ -189,8 +190,9 @@ TEST(ProcessHostile, MappedFileReplacedAtItsPath) {
         const std::string secret = a.file("/secret", "root only: the digest of this must stay here", 0600);
         const std::string benign = a.file("/benign.so", "benign library", 0644);
         const std::string want = md5_of(lib);
+        a.file("/u/jail" + a.dir() + "/u/lib.so", "benign library", 0644);
         const pid_t pid = a.start(
-            "$H $D/u/pid $D/u/lib.so & while [ ! -s $D/u/pid ]; do sleep 0.01; done; " + std::string(c.script) +
+            "$H $D/u/pid $D/u/lib.so " + std::string(c.helper_args) + " & while [ ! -s $D/u/pid ]; do sleep 0.01; done; " + std::string(c.script) +
                 " && cp $D/u/pid $D/u/ready; wait",
             "u/ready");
         ASSERT_GT(pid, 0) << "the attack did not start";
@@ -268,20 +270,24 @@ TEST(ProcessHostile, DevicesAndSharedMemoryNotOpened) {
     const std::string log = a.dir() + "/strace.log", listed = a.dir() + "/listed";
     int st = 0;
     const std::string out = run("AMTEST_COLLECT_ONCE=" + std::to_string(pid) + " AMTEST_LISTED=" + listed +
-                                    " strace -f -qq -yy -e trace=open,openat,openat2 -o " + log +
+                                    " strace -ff -qq -yy -e trace=open,openat,openat2 -o " + log +
                                     " /proc/" + std::to_string(getpid()) +
                                     "/exe --gtest_filter=ProcessHostile.DevicesAndSharedMemoryNotOpened 2>&1",
                                 &st);
     ASSERT_EQ(st, 0) << out;
-    std::ifstream in(log);
-    std::string line;
+    // One file per thread (-ff): a call is never split across lines there.
     int lines = 0;
-    while (std::getline(in, line)) {
-        ++lines;
-        if (line.find("O_PATH") != std::string::npos) continue;
-        EXPECT_EQ(line.find("<char 1:5>"), std::string::npos) << line;
-        EXPECT_EQ(line.find("/dev/zero (deleted)"), std::string::npos) << line;
-        EXPECT_EQ(line.find("memfd:amtest"), std::string::npos) << line;
+    for (const auto& e : fs::directory_iterator(a.dir())) {
+        if (e.path().filename().string().rfind("strace.log.", 0) != 0) continue;
+        std::ifstream in(e.path());
+        std::string line;
+        while (std::getline(in, line)) {
+            ++lines;
+            if (line.find("O_PATH") != std::string::npos) continue;
+            EXPECT_EQ(line.find("<char 1:5>"), std::string::npos) << line;
+            EXPECT_EQ(line.find("/dev/zero (deleted)"), std::string::npos) << line;
+            EXPECT_EQ(line.find("memfd:amtest"), std::string::npos) << line;
+        }
     }
     EXPECT_GT(lines, 10);
     std::ifstream lin(listed);
