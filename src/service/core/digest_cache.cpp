@@ -185,7 +185,8 @@ bool hash_fd(int fd, DigestAlgo extra, const DigestBudget* budget, FileDigests& 
         }
         if (n == 0) break;
         // The clock is looked at every 2 MiB.
-        if (budget && (bytes & ((2u << 20) - 1)) + static_cast<uint64_t>(n) >= (2u << 20) && budget->expired()) {
+        if (budget && (bytes & ((2u << 20) - 1)) + static_cast<uint64_t>(n) >= (2u << 20) &&
+            budget->expired()) {
             timed_out = true;
             return false;
         }
@@ -257,7 +258,8 @@ bool unreadable_fs(int fd, const struct stat& st) {
 // reopens the file the descriptor refers to, never a path looked up again.
 int reopen_for_reading(int path_fd) {
     const int fl = ::fcntl(path_fd, F_GETFL);
-    if (fl >= 0 && !(fl & O_PATH) && (fl & O_ACCMODE) != O_WRONLY) return ::fcntl(path_fd, F_DUPFD_CLOEXEC, 0);
+    if (fl >= 0 && !(fl & O_PATH) && (fl & O_ACCMODE) != O_WRONLY)
+        return ::fcntl(path_fd, F_DUPFD_CLOEXEC, 0);
     char name[40];
     snprintf(name, sizeof name, "/proc/self/fd/%d", path_fd);
     return ::open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);

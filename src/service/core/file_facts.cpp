@@ -153,7 +153,8 @@ FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds, Dige
         }
         if (owned) facts.company = owner.company;
         FileDigests d;
-        const DigestStatus st = digest_ref(root, file, owned ? owner.algo : DigestAlgo::kNone, fds, budget, d);
+        const DigestStatus st =
+            digest_ref(root, file, owned ? owner.algo : DigestAlgo::kNone, fds, budget, d);
         if (budget && (st == DigestStatus::kDeferred || !deferred().empty()))
             deferred().set(defer_key(file), st == DigestStatus::kDeferred);
         if (st != DigestStatus::kOk) return facts;
@@ -207,7 +208,8 @@ std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<F
         }
         const size_t front = order.size();
         for (size_t i = 0; i < files.size(); ++i)
-            if (front == 0 || !std::binary_search(order.begin(), order.begin() + front, i)) order.push_back(i);
+            if (front == 0 || !std::binary_search(order.begin(), order.begin() + front, i))
+                order.push_back(i);
     } catch (...) {
         return out;
     }

@@ -134,7 +134,8 @@ int resolve_in_root(int root_fd, std::string_view path, bool no_follow, bool pat
         path.copy(name, path.size());
         name[path.size()] = '\0';
         struct open_how how = {};
-        how.flags = static_cast<uint64_t>((path_only ? O_PATH | O_CLOEXEC : kReadFlags) | (no_follow ? O_NOFOLLOW : 0));
+        how.flags = static_cast<uint64_t>((path_only ? O_PATH | O_CLOEXEC : kReadFlags) |
+                                          (no_follow ? O_NOFOLLOW : 0));
         how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
         long fd;
         // EAGAIN: a rename raced with a ".." on the way; worth a few more tries.

@@ -328,7 +328,8 @@ private:
         // process's root. A tree that is not procfs holds no kernel links,
         // only what its owner laid: its paths and links are followed inside
         // the host root.
-        auto add_module = [&](std::string shown, bool deleted, dev_t dev, uint64_t ino, const std::string& name) {
+        auto add_module = [&](std::string shown, bool deleted, dev_t dev, uint64_t ino,
+                              const std::string& name) {
             std::string bare = shown;
             procfs::strip_deleted(bare);
             size_t index = SIZE_MAX;

@@ -132,7 +132,9 @@ bool contains_ci(std::string_view hay, std::string_view upper) {
     if (upper.size() > hay.size()) return false;
     for (size_t i = 0; i + upper.size() <= hay.size(); ++i) {
         size_t j = 0;
-        while (j < upper.size() && static_cast<char>(toupper(static_cast<unsigned char>(hay[i + j]))) == upper[j]) ++j;
+        while (j < upper.size() &&
+               static_cast<char>(toupper(static_cast<unsigned char>(hay[i + j]))) == upper[j])
+            ++j;
         if (j == upper.size()) return true;
     }
     return false;

@@ -102,7 +102,8 @@ public:
     }
     bool ok() const { return ok_; }
     const std::string& dir() const { return dir_.path; }
-    std::string file(const std::string& rel, const std::string& text, mode_t mode = 0644, bool nobody = false) {
+    std::string file(const std::string& rel, const std::string& text, mode_t mode = 0644,
+                     bool nobody = false) {
         const std::string p = dir_.file(rel, text, mode);
         if (nobody) chown(p.c_str(), 65534, 65534);
         return p;
@@ -193,10 +194,10 @@ TEST(ProcessHostile, MappedFileReplacedAtItsPath) {
         const std::string benign = a.file("/benign.so", "benign library", 0644);
         const std::string want = md5_of(lib);
         a.file("/u/jail" + a.dir() + "/u/lib.so", "benign library", 0644);
-        const pid_t pid = a.start(
-            "$H $D/u/pid $D/u/lib.so " + std::string(c.helper_args) + " & while [ ! -s $D/u/pid ]; do sleep 0.01; done; " + std::string(c.script) +
-                " && cp $D/u/pid $D/u/ready; wait",
-            "u/ready");
+        const pid_t pid = a.start("$H $D/u/pid $D/u/lib.so " + std::string(c.helper_args) +
+                                      " & while [ ! -s $D/u/pid ]; do sleep 0.01; done; " +
+                                      std::string(c.script) + " && cp $D/u/pid $D/u/ready; wait",
+                                  "u/ready");
         ASSERT_GT(pid, 0) << "the attack did not start";
         std::vector<AM::ProcessInfo> all;
         ASSERT_EQ(collect_processes(HostRoot("/"), all), 0);
@@ -271,11 +272,12 @@ TEST(ProcessHostile, DevicesAndSharedMemoryNotOpened) {
     ASSERT_GT(pid, 0);
     const std::string log = a.dir() + "/strace.log", listed = a.dir() + "/listed";
     int st = 0;
-    const std::string out = run("ASAN_OPTIONS=detect_leaks=0 AMTEST_COLLECT_ONCE=" + std::to_string(pid) + " AMTEST_LISTED=" + listed +
-                                    " strace -ff -qq -yy -e trace=open,openat,openat2 -o " + log +
-                                    " /proc/" + std::to_string(getpid()) +
-                                    "/exe --gtest_filter=ProcessHostile.DevicesAndSharedMemoryNotOpened 2>&1",
-                                &st);
+    const std::string out =
+        run("ASAN_OPTIONS=detect_leaks=0 AMTEST_COLLECT_ONCE=" + std::to_string(pid) +
+                " AMTEST_LISTED=" + listed + " strace -ff -qq -yy -e trace=open,openat,openat2 -o " + log +
+                " /proc/" + std::to_string(getpid()) +
+                "/exe --gtest_filter=ProcessHostile.DevicesAndSharedMemoryNotOpened 2>&1",
+            &st);
     ASSERT_EQ(st, 0) << out;
     // One file per thread (-ff): a call is never split across lines there.
     int lines = 0;
@@ -318,7 +320,8 @@ TEST(ProcessBudget, CollectionsContinueWhereTheLastStopped) {
         for (int i = 0; i < 3; ++i) {
             files.push_back(dir.path + "/big" + std::to_string(i) + ".so");
             // Different sizes: different files to the digest cache.
-            ASSERT_EQ(truncate((dir.file("/big" + std::to_string(i) + ".so", "")).c_str(), (40 << 20) + i), 0);
+            ASSERT_EQ(truncate((dir.file("/big" + std::to_string(i) + ".so", "")).c_str(), (40 << 20) + i),
+                      0);
         }
         std::vector<std::string> want;
         for (const std::string& f : files) want.push_back(md5_of(f));
@@ -330,7 +333,8 @@ TEST(ProcessBudget, CollectionsContinueWhereTheLastStopped) {
         if (child == 0) {
             for (const std::string& f : files) {
                 const int fd = open(f.c_str(), O_RDONLY);
-                if (fd < 0 || mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0) == MAP_FAILED) _exit(1);
+                if (fd < 0 || mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0) == MAP_FAILED)
+                    _exit(1);
             }
             (void)!write(ready[1], "x", 1);
             pause();
@@ -373,13 +377,26 @@ TEST(ProcessBudget, CollectionsContinueWhereTheLastStopped) {
 
 TEST(ProcessEnv, SecretNames) {
     const std::pair<const char*, bool> names[] = {
-        {"MYSQL_PWD", true},      {"PGPASSWORD", true},   {"AWS_SECRET_ACCESS_KEY", true},
-        {"GITHUB_TOKEN", true},   {"db_passwd", true},    {"GPG_PASSPHRASE", true},
-        {"SSH_PRIVATE", true},    {"STRIPE_API_KEY", true}, {"SIGNING_KEY", true},
-        {"AZURE_CREDENTIALS", true}, {"SMTP_PASS", true}, {"X_APIKEY", true},
-        {"PWD", false},           {"OLDPWD", false},      {"PATH", false},
-        {"PGPASSFILE", false},    {"SSH_ASKPASS", false}, {"KEYMAP", false},
-        {"HOME", false},          {"LD_PRELOAD", false},
+        {"MYSQL_PWD", true},
+        {"PGPASSWORD", true},
+        {"AWS_SECRET_ACCESS_KEY", true},
+        {"GITHUB_TOKEN", true},
+        {"db_passwd", true},
+        {"GPG_PASSPHRASE", true},
+        {"SSH_PRIVATE", true},
+        {"STRIPE_API_KEY", true},
+        {"SIGNING_KEY", true},
+        {"AZURE_CREDENTIALS", true},
+        {"SMTP_PASS", true},
+        {"X_APIKEY", true},
+        {"PWD", false},
+        {"OLDPWD", false},
+        {"PATH", false},
+        {"PGPASSFILE", false},
+        {"SSH_ASKPASS", false},
+        {"KEYMAP", false},
+        {"HOME", false},
+        {"LD_PRELOAD", false},
     };
     for (const auto& n : names) EXPECT_EQ(procfs::secret_name(n.first), n.second) << n.first;
 }
@@ -401,8 +418,9 @@ TEST(ProcessEnv, RedactedAndEscaped) {
 TEST(ProcessEnv, LiveProcess) {
     const pid_t child = fork();
     if (child == 0) {
-        const char* env[] = {"MYSQL_PWD=s3cret",  "AWS_SECRET_ACCESS_KEY=wJalrXUtnFEMI", "GITHUB_TOKEN=ghp_x",
-                             "A=x\nLD_PRELOAD=/tmp/evil.so", "PWD=/tmp", nullptr};
+        const char* env[] = {"MYSQL_PWD=s3cret",   "AWS_SECRET_ACCESS_KEY=wJalrXUtnFEMI",
+                             "GITHUB_TOKEN=ghp_x", "A=x\nLD_PRELOAD=/tmp/evil.so",
+                             "PWD=/tmp",           nullptr};
         execle("/bin/sleep", "sleep", "3607", (char*)nullptr, env);
         _exit(127);
     }
