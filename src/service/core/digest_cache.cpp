@@ -2,8 +2,12 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <openssl/evp.h>
+#include <stdio.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -158,8 +162,11 @@ struct Fd {
     }
 };
 
-// Reads the whole file once through every digest. False on a read error.
-bool hash_fd(int fd, DigestAlgo extra, FileDigests& out, uint64_t& bytes) {
+// Reads the whole file once through every digest. False on a read error,
+// and when `budget` runs out of time first (`timed_out` then set).
+bool hash_fd(int fd, DigestAlgo extra, const DigestBudget* budget, FileDigests& out, uint64_t& bytes,
+             bool& timed_out) {
+    timed_out = false;
     MdCtx md5, sha256, more;
     const EVP_MD* extra_md = md_of(extra);
     if (!md5.ctx || !sha256.ctx || !more.ctx) return false;
@@ -177,6 +184,12 @@ bool hash_fd(int fd, DigestAlgo extra, FileDigests& out, uint64_t& bytes) {
             return false;
         }
         if (n == 0) break;
+        // The clock is looked at every 2 MiB.
+        if (budget && (bytes & ((2u << 20) - 1)) + static_cast<uint64_t>(n) >= (2u << 20) &&
+            budget->expired()) {
+            timed_out = true;
+            return false;
+        }
         bytes += static_cast<uint64_t>(n);
         // A file that grows while it is read must not keep us reading forever.
         if (bytes > kMaxHashedFileSize) return false;
@@ -216,38 +229,125 @@ size_t digest_size(DigestAlgo algo) {
     }
 }
 
+namespace {
+
+constexpr uint32_t kFuseSuperMagic = 0x65735546;
+
+std::atomic<uint64_t> g_budget_bytes{kDefaultDigestBudget.bytes};
+std::atomic<int64_t> g_budget_ms{kDefaultDigestBudget.time.count()};
+
+bool same_file(const struct stat& st, const ExpectedFile& expect, int fd) {
+    if (!expect.set) return true;
+    if (static_cast<uint64_t>(st.st_ino) != expect.ino) return false;
+    if (static_cast<uint64_t>(st.st_dev) == expect.dev) return true;
+    struct statfs sfs;
+    return expect.kernel_link && ::fstatfs(fd, &sfs) == 0 && sfs.f_type == BTRFS_SUPER_MAGIC;
+}
+
+// Files whose content is not a file's: hugetlbfs holds process memory
+// (memfd_create(MFD_HUGETLB)), and a FUSE file is served by a process that
+// may stall a read forever.
+bool unreadable_fs(int fd, const struct stat& st) {
+    if (major(st.st_dev) != 0) return false;  // block devices: ext4, xfs, ...
+    struct statfs sfs;
+    if (::fstatfs(fd, &sfs) != 0) return true;
+    return sfs.f_type == HUGETLBFS_MAGIC || static_cast<uint32_t>(sfs.f_type) == kFuseSuperMagic;
+}
+
+// A descriptor for reading the very inode `path_fd` holds: /proc/self/fd
+// reopens the file the descriptor refers to, never a path looked up again.
+int reopen_for_reading(int path_fd) {
+    const int fl = ::fcntl(path_fd, F_GETFL);
+    if (fl >= 0 && !(fl & O_PATH) && (fl & O_ACCMODE) != O_WRONLY)
+        return ::fcntl(path_fd, F_DUPFD_CLOEXEC, 0);
+    char name[40];
+    snprintf(name, sizeof name, "/proc/self/fd/%d", path_fd);
+    return ::open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+}
+
+}  // namespace
+
+void set_digest_budget(DigestBudgetLimits limits) {
+    g_budget_bytes.store(limits.bytes);
+    g_budget_ms.store(limits.time.count());
+}
+
+DigestBudgetLimits digest_budget() {
+    return DigestBudgetLimits{g_budget_bytes.load(), std::chrono::milliseconds(g_budget_ms.load())};
+}
+
+DigestBudget::DigestBudget() : DigestBudget(digest_budget()) {}
+
+DigestBudget::DigestBudget(DigestBudgetLimits limits)
+    : bytes_(limits.bytes), deadline_(std::chrono::steady_clock::now() + limits.time) {}
+
+bool DigestBudget::take(uint64_t size, bool& first) {
+    first = false;
+    bool expected = false;
+    if (started_.compare_exchange_strong(expected, true)) {
+        // The first file is read whatever its size, so none waits forever.
+        used_.fetch_add(size);
+        first = true;
+        return true;
+    }
+    if (expired()) return false;
+    uint64_t used = used_.load();
+    do {
+        if (used >= bytes_ || size > bytes_ - used) return false;
+    } while (!used_.compare_exchange_weak(used, used + size));
+    return true;
+}
+
 bool digest_file(const std::string& open_path, bool no_follow, DigestAlgo extra, FileDigests& out) {
-    int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
-    if (no_follow) flags |= O_NOFOLLOW;
-    Fd f{::open(open_path.c_str(), flags)};
+    Fd f{::open(open_path.c_str(), O_PATH | O_CLOEXEC | (no_follow ? O_NOFOLLOW : 0))};
     if (f.fd < 0) return false;
-    return digest_fd(f.fd, extra, out);
+    return digest_opened(f.fd, ExpectedFile(), extra, nullptr, out) == DigestStatus::kOk;
 }
 
 bool digest_fd(int fd, DigestAlgo extra, FileDigests& out) {
+    return digest_opened(fd, ExpectedFile(), extra, nullptr, out) == DigestStatus::kOk;
+}
+
+DigestStatus digest_opened(int path_fd, const ExpectedFile& expect, DigestAlgo extra, DigestBudget* budget,
+                           FileDigests& out) {
     struct stat st;
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return false;
-    if (static_cast<uint64_t>(st.st_size) > kMaxHashedFileSize) return false;
+    if (::fstat(path_fd, &st) != 0 || !S_ISREG(st.st_mode) || !same_file(st, expect, path_fd))
+        return DigestStatus::kRefused;
+    if (static_cast<uint64_t>(st.st_size) > kMaxHashedFileSize) return DigestStatus::kRefused;
     const FileId id = id_of(st);
     try {
         if (cache().lookup_or_claim(id, extra, out)) {
             g_cache_hits.fetch_add(1, std::memory_order_relaxed);
-            return true;
+            return DigestStatus::kOk;
         }
     } catch (...) {
-        return false;
+        return DigestStatus::kRefused;
     }
     // We own hashing `id` now: every path below must call finish().
+    bool first = false;
+    if (unreadable_fs(path_fd, st)) {
+        cache().finish(id, nullptr);
+        return DigestStatus::kRefused;
+    }
+    if (budget && !budget->take(static_cast<uint64_t>(st.st_size), first)) {
+        cache().finish(id, nullptr);
+        return DigestStatus::kDeferred;
+    }
+    Fd fd{reopen_for_reading(path_fd)};
+    if (fd.fd < 0) {
+        cache().finish(id, nullptr);
+        return DigestStatus::kRefused;
+    }
     FileDigests d;
     uint64_t bytes = 0;
-    bool ok = false;
+    bool ok = false, timed_out = false;
     try {
         // A regular file opened O_NONBLOCK still reads blocking; drop the flag
         // anyway so no filesystem ever answers EAGAIN.
-        const int fl = ::fcntl(fd, F_GETFL);
-        if (fl >= 0) ::fcntl(fd, F_SETFL, fl & ~O_NONBLOCK);
-        ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-        ok = hash_fd(fd, extra, d, bytes);
+        const int fl = ::fcntl(fd.fd, F_GETFL);
+        if (fl >= 0) ::fcntl(fd.fd, F_SETFL, fl & ~O_NONBLOCK);
+        ::posix_fadvise(fd.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+        ok = hash_fd(fd.fd, extra, first ? nullptr : budget, d, bytes, timed_out);
     } catch (...) {
         ok = false;
     }
@@ -257,15 +357,16 @@ bool digest_fd(int fd, DigestAlgo extra, FileDigests& out) {
     // read it may give a torn digest, which is fine to hand out once, never to keep.
     struct stat after;
     const bool stable =
-        ok && ::fstat(fd, &after) == 0 && id_of(after) == id && bytes == static_cast<uint64_t>(st.st_size);
+        ok && ::fstat(fd.fd, &after) == 0 && id_of(after) == id && bytes == static_cast<uint64_t>(st.st_size);
     try {
         cache().finish(id, stable ? &d : nullptr);
     } catch (...) {
         cache().finish(id, nullptr);
     }
-    if (!ok) return false;
+    if (timed_out) return DigestStatus::kDeferred;
+    if (!ok) return DigestStatus::kRefused;
     out = d;
-    return true;
+    return DigestStatus::kOk;
 }
 
 DigestStats digest_stats() {

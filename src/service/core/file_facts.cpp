@@ -1,12 +1,15 @@
 #include "core/file_facts.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <mutex>
 #include <thread>
+#include <unordered_set>
 
 #include "core/digest_cache.h"
 #include "packages/package_index.h"
@@ -49,33 +52,89 @@ private:
     int fd_ = -1;
 };
 
-// Digests of `file`. A path given as seen from a root (a container's, a
-// mounted image's) is resolved inside that root; an explicit open_path
-// without a root_dir (/proc/<pid>/exe, map_files on procfs) is opened as it
-// stands: the kernel's own link to the very file mapped.
-bool digest_ref(const HostRoot& root, const FileRef& file, DigestAlgo algo, RootFds& fds, FileDigests& d) {
+// Files a collection left for the next one (budget spent), by defer_key.
+class Deferred {
+public:
+    void set(const std::string& key, bool deferred) {
+        std::lock_guard<std::mutex> lock(mu_);
+        if (!deferred) {
+            keys_.erase(key);
+        } else if (keys_.size() < kMax) {
+            keys_.insert(key);
+        }
+    }
+    bool has(const std::string& key) {
+        std::lock_guard<std::mutex> lock(mu_);
+        return keys_.count(key) != 0;
+    }
+    bool empty() {
+        std::lock_guard<std::mutex> lock(mu_);
+        return keys_.empty();
+    }
+
+private:
+    static constexpr size_t kMax = 65536;
+    std::mutex mu_;
+    std::unordered_set<std::string> keys_;
+};
+
+// Never destroyed: hashing threads of a caller may outlive static destruction.
+Deferred& deferred() {
+    static Deferred* d = new Deferred();
+    return *d;
+}
+
+std::string defer_key(const FileRef& f) {
+    if (f.expect_id) return "i" + std::to_string(f.dev) + ":" + std::to_string(f.ino);
+    std::string k = "p" + f.root_dir;
+    k += '\0';
+    k += f.open_path;
+    k += '\0';
+    k += f.host_path;
+    return k;
+}
+
+// Digests of `file`. Its kernel links first; then a path given as seen from
+// a root (a container's, a mounted image's) is resolved inside that root; an
+// explicit open_path without a root_dir is opened as it stands. Everything
+// is opened O_PATH and read only once digest_opened has seen what it is.
+DigestStatus digest_ref(const HostRoot& root, const FileRef& file, DigestAlgo algo, RootFds& fds,
+                        DigestBudget* budget, FileDigests& d) {
+    ExpectedFile expect;
+    expect.set = file.expect_id;
+    expect.dev = file.dev;
+    expect.ino = file.ino;
+    if (!file.links.empty()) {
+        expect.kernel_link = true;
+        for (const std::string& link : file.links) {
+            Fd fd(::open(link.c_str(), O_PATH | O_CLOEXEC));
+            if (fd.get() >= 0) return digest_opened(fd.get(), expect, algo, budget, d);
+        }
+        expect.kernel_link = false;
+        if (file.root_dir.empty() && file.open_path.empty()) return DigestStatus::kRefused;
+    }
     const std::string* dir = nullptr;
     if (!file.root_dir.empty()) {
         dir = &file.root_dir;
     } else if (file.open_path.empty() && !root.is_live_host()) {
         dir = &root.root();
     }
+    Fd fd;
     if (!dir) {
         const std::string& path = file.open_path.empty() ? file.host_path : file.open_path;
-        return digest_file(path, file.no_follow, algo, d);
+        fd.reset(::open(path.c_str(), O_PATH | O_CLOEXEC | (file.no_follow ? O_NOFOLLOW : 0)));
+    } else {
+        const int root_fd = fds.get(*dir);
+        if (root_fd < 0) return DigestStatus::kRefused;
+        const std::string& path =
+            !file.root_dir.empty() && !file.open_path.empty() ? file.open_path : file.host_path;
+        fd.reset(open_path_in_root(root_fd, path, file.no_follow));
     }
-    const int root_fd = fds.get(*dir);
-    if (root_fd < 0) return false;
-    const std::string& path =
-        !file.root_dir.empty() && !file.open_path.empty() ? file.open_path : file.host_path;
-    const int fd = open_in_root(root_fd, path, file.no_follow);
-    if (fd < 0) return false;
-    const bool ok = digest_fd(fd, algo, d);
-    ::close(fd);
-    return ok;
+    if (fd.get() < 0) return DigestStatus::kRefused;
+    return digest_opened(fd.get(), expect, algo, budget, d);
 }
 
-FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds) {
+FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds, DigestBudget* budget) {
     FileFacts facts;
     try {
         FileOwner owner;
@@ -94,7 +153,11 @@ FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds) {
         }
         if (owned) facts.company = owner.company;
         FileDigests d;
-        if (!digest_ref(root, file, owned ? owner.algo : DigestAlgo::kNone, fds, d)) return facts;
+        const DigestStatus st =
+            digest_ref(root, file, owned ? owner.algo : DigestAlgo::kNone, fds, budget, d);
+        if (budget && (st == DigestStatus::kDeferred || !deferred().empty()))
+            deferred().set(defer_key(file), st == DigestStatus::kDeferred);
+        if (st != DigestStatus::kOk) return facts;
         facts.md5 = to_hex(d.md5, sizeof d.md5);
         facts.sha256 = to_hex(d.sha256, sizeof d.sha256);
         if (owned) {
@@ -119,7 +182,7 @@ FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds) {
 
 FileFacts file_facts(const HostRoot& root, const FileRef& file) {
     RootFds fds;
-    return facts_of(root, file, fds);
+    return facts_of(root, file, fds, nullptr);
 }
 
 std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<FileRef>& files) {
@@ -134,10 +197,28 @@ std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<F
     const unsigned hw = std::max(1u, std::thread::hardware_concurrency());
     // A handful of files is not worth starting threads for.
     const size_t nthreads = files.size() < 8 ? 1 : std::min<size_t>({hw, 4, files.size()});
+    // Files the last collection left unread come first, so each collection
+    // continues where the one before stopped.
+    std::vector<size_t> order;
+    try {
+        order.reserve(files.size());
+        if (!deferred().empty()) {
+            for (size_t i = 0; i < files.size(); ++i)
+                if (deferred().has(defer_key(files[i]))) order.push_back(i);
+        }
+        const size_t front = order.size();
+        for (size_t i = 0; i < files.size(); ++i)
+            if (front == 0 || !std::binary_search(order.begin(), order.begin() + front, i))
+                order.push_back(i);
+    } catch (...) {
+        return out;
+    }
+    DigestBudget budget;
     std::atomic<size_t> next{0};
     auto work = [&]() {
         RootFds fds;
-        for (size_t i; (i = next.fetch_add(1)) < files.size();) out[i] = facts_of(root, files[i], fds);
+        for (size_t k; (k = next.fetch_add(1)) < order.size();)
+            out[order[k]] = facts_of(root, files[order[k]], fds, &budget);
     };
     std::vector<std::thread> pool;
     if (nthreads > 1) {

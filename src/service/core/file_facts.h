@@ -36,13 +36,27 @@ struct FileRef {
     // host's package database does not judge it, so company stays empty and
     // verified false.
     bool foreign = false;
+
+    // The device and inode the file must have: the file a process maps. When
+    // set, anything else found on the way (a file bind-mounted over it, a
+    // link swapped in, a FIFO) is not read.
+    bool expect_id = false;
+    uint64_t dev = 0, ino = 0;
+    // The kernel's own links to that file (/proc/<pid>/map_files/<range>,
+    // /proc/<pid>/exe), tried first in order (several processes may map it,
+    // and some may be gone). When none opens (without CAP_SYS_ADMIN the
+    // kernel refuses map_files), the path is tried as above, unless neither
+    // open_path nor root_dir is set.
+    std::vector<std::string> links;
 };
 
 // Facts of one file. Never throws for I/O reasons; a FIFO, device, vanished or
 // unreadable file yields empty digests and verified == false.
 FileFacts file_facts(const HostRoot& root, const FileRef& file);
 
-// Facts of many files; cold files are hashed on all cores. out[i] belongs to files[i].
+// Facts of many files (one collection's); cold files are hashed on all
+// cores, within the digest budget (digest_cache.h): files past it get empty
+// digests and come first in the next call. out[i] belongs to files[i].
 std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<FileRef>& files);
 
 }  // namespace amsvc

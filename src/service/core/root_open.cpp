@@ -54,7 +54,10 @@ int open_root_dir(const std::string& dir) {
     return fd < 0 ? -errno : fd;
 }
 
-int open_in_root_walk(int root_fd, std::string_view path, bool no_follow) {
+namespace {
+
+int walk_in_root(int root_fd, std::string_view path, bool no_follow, bool path_only) {
+    const int final_flags = path_only ? O_PATH | O_CLOEXEC : kReadFlags;
     if (path.empty() || path.find('\0') != std::string_view::npos) return -ENOENT;
     if (path.size() > kMaxPath) return -ENAMETOOLONG;
     try {
@@ -76,8 +79,15 @@ int open_in_root_walk(int root_fd, std::string_view path, bool no_follow) {
                 continue;
             }
             if (todo.empty()) {
-                const int fd = ::openat(cur.get(), c.c_str(), kReadFlags | O_NOFOLLOW);
-                if (fd >= 0) return fd;
+                const int fd = ::openat(cur.get(), c.c_str(), final_flags | O_NOFOLLOW);
+                struct stat lst;
+                // O_PATH|O_NOFOLLOW opens a link itself instead of failing.
+                if (fd >= 0 && (!path_only || no_follow || ::fstat(fd, &lst) != 0 || !S_ISLNK(lst.st_mode)))
+                    return fd;
+                if (fd >= 0) {
+                    ::close(fd);
+                    errno = ELOOP;
+                }
                 // ELOOP under O_NOFOLLOW: the name is a link.
                 if (errno != ELOOP || no_follow) return -errno;
             } else {
@@ -109,14 +119,14 @@ int open_in_root_walk(int root_fd, std::string_view path, bool no_follow) {
             push_components(target, todo);
         }
         // The path named a directory (or the root itself).
-        const int fd = ::openat(cur.get(), ".", kReadFlags);
+        const int fd = ::openat(cur.get(), ".", final_flags);
         return fd < 0 ? -errno : fd;
     } catch (...) {
         return -ENOMEM;
     }
 }
 
-int open_in_root(int root_fd, std::string_view path, bool no_follow) {
+int resolve_in_root(int root_fd, std::string_view path, bool no_follow, bool path_only) {
     if (path.empty() || path.find('\0') != std::string_view::npos) return -ENOENT;
     if (path.size() > kMaxPath) return -ENAMETOOLONG;
     if (!g_no_openat2.load(std::memory_order_relaxed)) {
@@ -124,7 +134,8 @@ int open_in_root(int root_fd, std::string_view path, bool no_follow) {
         path.copy(name, path.size());
         name[path.size()] = '\0';
         struct open_how how = {};
-        how.flags = static_cast<uint64_t>(kReadFlags | (no_follow ? O_NOFOLLOW : 0));
+        how.flags = static_cast<uint64_t>((path_only ? O_PATH | O_CLOEXEC : kReadFlags) |
+                                          (no_follow ? O_NOFOLLOW : 0));
         how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
         long fd;
         // EAGAIN: a rename raced with a ".." on the way; worth a few more tries.
@@ -140,7 +151,21 @@ int open_in_root(int root_fd, std::string_view path, bool no_follow) {
             return -e;
         }
     }
-    return open_in_root_walk(root_fd, path, no_follow);
+    return walk_in_root(root_fd, path, no_follow, path_only);
+}
+
+}  // namespace
+
+int open_in_root_walk(int root_fd, std::string_view path, bool no_follow) {
+    return walk_in_root(root_fd, path, no_follow, false);
+}
+
+int open_in_root(int root_fd, std::string_view path, bool no_follow) {
+    return resolve_in_root(root_fd, path, no_follow, false);
+}
+
+int open_path_in_root(int root_fd, std::string_view path, bool no_follow) {
+    return resolve_in_root(root_fd, path, no_follow, true);
 }
 
 }  // namespace amsvc

@@ -17,6 +17,12 @@ namespace amsvc {
 // Uses openat2 where the kernel has it, else open_in_root_walk.
 int open_in_root(int root_fd, std::string_view path, bool no_follow);
 
+// The same, but O_PATH: nothing is opened for reading (a FIFO's writer is not
+// released, a device's open routine does not run), and a final link refused
+// by `no_follow` comes back as the link itself. The caller checks type and
+// identity with fstat before it reopens the file for reading.
+int open_path_in_root(int root_fd, std::string_view path, bool no_follow);
+
 // The same, one component at a time with O_NOFOLLOW, links resolved by
 // reading them (at most kMaxLinkHops). For kernels without openat2, and tests.
 int open_in_root_walk(int root_fd, std::string_view path, bool no_follow);

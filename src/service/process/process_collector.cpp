@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/mman.h>
 #include <sys/statfs.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -122,9 +123,15 @@ std::string basename_of(const std::string& path) {
 // when hundreds of processes map it.
 class ModuleFiles {
 public:
+    // A file seen again keeps up to kMaxLinks kernel links to it, so that it
+    // can still be read when the first process that mapped it has exited.
     size_t add(std::string key, FileRef ref) {
         auto it = index_.find(key);
-        if (it != index_.end()) return it->second;
+        if (it != index_.end()) {
+            std::vector<std::string>& links = refs_[it->second].links;
+            if (!ref.links.empty() && links.size() < kMaxLinks) links.push_back(std::move(ref.links.front()));
+            return it->second;
+        }
         const size_t i = refs_.size();
         refs_.push_back(std::move(ref));
         index_.emplace(std::move(key), i);
@@ -133,9 +140,23 @@ public:
     const std::vector<FileRef>& refs() const { return refs_; }
 
 private:
+    static constexpr size_t kMaxLinks = 4;
     std::unordered_map<std::string, size_t> index_;
     std::vector<FileRef> refs_;
 };
+
+// The device of the kernel's internal tmpfs, where shared anonymous memory
+// ("/dev/zero (deleted)"), memfd_create ("/memfd:x (deleted)") and System V
+// shared memory ("/SYSV00000000 (deleted)") live: a memfd of our own is there.
+bool shm_device(dev_t& dev) {
+    const int fd = ::memfd_create("amsvc-probe", MFD_CLOEXEC);
+    if (fd < 0) return false;
+    struct stat st;
+    const bool ok = ::fstat(fd, &st) == 0;
+    ::close(fd);
+    if (ok) dev = st.st_dev;
+    return ok;
+}
 
 std::string dev_ino_key(char kind, uint64_t dev, uint64_t ino) {
     std::string key(1, kind);
@@ -175,6 +196,7 @@ public:
         }
         struct statfs sfs;
         procfs_ = ::fstatfs(procfd.get(), &sfs) == 0 && sfs.f_type == PROC_SUPER_MAGIC;
+        have_shm_dev_ = procfs_ && shm_device(shm_dev_);
         if (read(procfd.get(), "stat", kMaxSmall, false) == 0)
             have_btime_ = procfs::parse_btime(buf_.view(), btime_);
 
@@ -244,13 +266,13 @@ private:
         if (read(dfd, "cmdline", args_cap(), true) == 0) rec.cmd_line = procfs::join_nul(buf_.view(), ' ');
         args_kept_ += rec.cmd_line.size();
 
+        rec.current_dir = read_link_at(dfd, "cwd");
         // Kernel threads have no executable, environment or mappings.
         if (have_stat && (st.flags & procfs::kPfKthread)) return true;
 
-        if (read(dfd, "environ", args_cap(), true) == 0) rec.env = procfs::join_nul(buf_.view(), '\n');
+        if (read(dfd, "environ", args_cap(), true) == 0) rec.env = procfs::format_environ(buf_.view());
         args_kept_ += rec.env.size();
         rec.path = read_link_at(dfd, "exe");
-        rec.current_dir = read_link_at(dfd, "cwd");
         if (rec.name.empty() && !rec.path.empty()) {
             std::string bare = rec.path;
             procfs::strip_deleted(bare);
@@ -284,7 +306,8 @@ private:
         std::string jail = procfs_ ? read_link_at(dfd, "root") : std::string();
         if (jail.size() < 2 || jail[0] != '/' || jail.back() == '/') jail.clear();
         const std::string tree_root = procfs_ ? std::string() : tree_link(dfd, pid_in_tree, "root");
-        // A file by the path the process sees.
+        // A file by the path the process sees: the fallback of a live
+        // process's module when its kernel links cannot be opened.
         auto by_path = [&](const std::string& bare, FileRef& ref) {
             ref.host_path = bare;
             ref.no_follow = true;
@@ -299,50 +322,80 @@ private:
                 ref.open_path = tree_root == "/" ? bare : tree_root + bare;
             }
         };
-        // A deleted file, through the process's own link to it (exe, map_files).
-        auto by_link = [&](const std::string& bare, const std::string& name, FileRef& ref) {
-            ref.host_path = bare;
-            ref.foreign = foreign;
-            if (procfs_) {
-                ref.open_path = pid_prefix + "/" + name;
+        // One module: on procfs, the file read is the one mapped (same device
+        // and inode), through the kernel's link to it (`name`: exe or
+        // map_files/<range>) where it opens, else by path inside the
+        // process's root. A tree that is not procfs holds no kernel links,
+        // only what its owner laid: its paths and links are followed inside
+        // the host root.
+        auto add_module = [&](std::string shown, bool deleted, dev_t dev, uint64_t ino,
+                              const std::string& name) {
+            std::string bare = shown;
+            procfs::strip_deleted(bare);
+            size_t index = SIZE_MAX;
+            // Without a probe (memfd_create filtered), by the names the kernel gives.
+            const bool shm = have_shm_dev_ ? dev == shm_dev_
+                                           : major(dev) == 0 && deleted &&
+                                                 (bare == "/dev/zero" || bare.compare(0, 7, "/memfd:") == 0 ||
+                                                  bare.compare(0, 5, "/SYSV") == 0);
+            if (procfs_ && shm) {
+                // Shared anonymous memory or a memfd: process memory, not a
+                // file; listed (code run from memory is worth seeing) but not read.
+            } else if (procfs_) {
+                FileRef ref;
+                if (!deleted) by_path(bare, ref);
+                ref.host_path = bare;
+                ref.foreign = foreign;
+                ref.expect_id = true;
+                ref.dev = dev;
+                ref.ino = ino;
+                ref.links.push_back(pid_prefix + "/" + name);
+                // One file under two roots is judged by each root's own rules;
+                // one inode under two names by each name's package.
+                std::string key = dev_ino_key(foreign ? 'f' : 'd', dev, ino);
+                key += '\0';
+                key += bare;
+                index = files_.add(std::move(key), std::move(ref));
             } else {
-                ref.root_dir = root_.root();
-                ref.open_path = tree_link(dfd, pid_in_tree, name);
+                FileRef ref;
+                std::string key;
+                if (deleted) {
+                    key = dev_ino_key(foreign ? 'f' : 'd', dev, ino);
+                    ref.host_path = bare;
+                    ref.foreign = foreign;
+                    ref.root_dir = root_.root();
+                    ref.open_path = tree_link(dfd, pid_in_tree, name);
+                } else {
+                    key = root_key + bare;
+                    by_path(bare, ref);
+                }
+                index = files_.add(std::move(key), std::move(ref));
             }
+            mods.modules.emplace_back(std::move(shown), index);
         };
 
+        const bool have_maps = read_maps(dfd);
         if (!rec.path.empty()) {
+            // The executable's identity: its mapping's, else what the link leads to.
+            const procfs::Mapping* em = nullptr;
+            for (const procfs::Mapping& m : maps_)
+                if (m.path == rec.path) em = &m;
             std::string bare = rec.path;
-            FileRef ref;
-            if (procfs::strip_deleted(bare)) {
-                struct stat est;
-                std::string key = ::fstatat(dfd, "exe", &est, 0) == 0
-                                      ? dev_ino_key(foreign ? 'f' : 'd', est.st_dev, est.st_ino)
-                                      : "e" + pidname;
-                by_link(bare, "exe", ref);
-                mods.modules.emplace_back(rec.path, files_.add(std::move(key), std::move(ref)));
+            const bool deleted = procfs::strip_deleted(bare);
+            struct stat est;
+            if (em) {
+                add_module(rec.path, deleted, makedev(em->dev_major, em->dev_minor), em->inode, "exe");
+            } else if (::fstatat(dfd, "exe", &est, 0) == 0) {
+                add_module(rec.path, deleted, est.st_dev, est.st_ino, "exe");
             } else {
-                by_path(bare, ref);
-                mods.modules.emplace_back(rec.path, files_.add(root_key + bare, std::move(ref)));
+                mods.modules.emplace_back(rec.path, SIZE_MAX);
             }
         }
-
-        if (!read_maps(dfd)) return true;
+        if (!have_maps) return true;
         for (procfs::Mapping& m : maps_) {
             if (m.path == rec.path) continue;
-            std::string bare = m.path;
-            procfs::strip_deleted(bare);
-            FileRef ref;
-            std::string key;
-            if (m.deleted) {
-                // One file under two roots is judged by each root's own rules.
-                key = dev_ino_key(foreign ? 'f' : 'd', makedev(m.dev_major, m.dev_minor), m.inode);
-                by_link(bare, "map_files/" + procfs::map_files_name(m.start, m.end), ref);
-            } else {
-                key = root_key + bare;
-                by_path(bare, ref);
-            }
-            mods.modules.emplace_back(std::move(m.path), files_.add(std::move(key), std::move(ref)));
+            add_module(std::move(m.path), m.deleted, makedev(m.dev_major, m.dev_minor), m.inode,
+                       "map_files/" + procfs::map_files_name(m.start, m.end));
         }
         return true;
     }
@@ -405,6 +458,8 @@ private:
     bool have_btime_ = false;
     int64_t btime_ = 0;
     std::string proc_prefix_;
+    bool have_shm_dev_ = false;
+    dev_t shm_dev_ = 0;
     bool have_host_root_ = false;  // identity of the host root, to tell a container's root from it
     dev_t host_root_dev_ = 0;
     ino_t host_root_ino_ = 0;

@@ -1,5 +1,6 @@
 #include "process/process_parse.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <stdio.h>
 #include <sys/ioctl.h>
@@ -122,6 +123,96 @@ std::string join_nul(std::string_view raw, char sep) {
     std::string out(raw);
     for (char& c : out)
         if (c == '\0') c = sep;
+    return out;
+}
+
+namespace {
+
+bool contains_ci(std::string_view hay, std::string_view upper) {
+    if (upper.size() > hay.size()) return false;
+    for (size_t i = 0; i + upper.size() <= hay.size(); ++i) {
+        size_t j = 0;
+        while (j < upper.size() &&
+               static_cast<char>(toupper(static_cast<unsigned char>(hay[i + j]))) == upper[j])
+            ++j;
+        if (j == upper.size()) return true;
+    }
+    return false;
+}
+
+bool ends_ci(std::string_view s, std::string_view upper) {
+    return s.size() >= upper.size() && contains_ci(s.substr(s.size() - upper.size()), upper);
+}
+
+// Appends `v` to `out` with every URL password replaced.
+void append_without_url_passwords(std::string_view v, std::string& out) {
+    size_t pos = 0;
+    for (;;) {
+        const size_t scheme = v.find("://", pos);
+        if (scheme == std::string_view::npos) break;
+        const size_t auth = scheme + 3;
+        size_t end = v.find_first_of("/?#", auth);
+        if (end == std::string_view::npos) end = v.size();
+        const size_t at = v.substr(auth, end - auth).rfind('@');
+        const size_t colon = at == std::string_view::npos ? at : v.substr(auth, at).find(':');
+        if (colon == std::string_view::npos) {
+            out.append(v.substr(pos, end - pos));
+        } else {
+            out.append(v.substr(pos, auth + colon + 1 - pos));
+            out.append(kRedacted);
+            out.append(v.substr(auth + at, end - auth - at));
+        }
+        pos = end;
+    }
+    out.append(v.substr(pos));
+}
+
+}  // namespace
+
+bool secret_name(std::string_view name) {
+    static constexpr std::string_view kInside[] = {"PASSWORD", "PASSWD",  "PASSPHRASE", "SECRET",
+                                                   "TOKEN",    "CREDENTIAL", "PRIVATE", "APIKEY",
+                                                   "API_KEY",  "ACCESS_KEY", "COOKIE"};
+    static constexpr std::string_view kEnd[] = {"_KEY", "_PWD", "_PASS", "_PW"};
+    for (std::string_view w : kInside)
+        if (contains_ci(name, w)) return true;
+    for (std::string_view w : kEnd)
+        if (ends_ci(name, w)) return true;
+    return false;
+}
+
+std::string format_environ(std::string_view raw) {
+    while (!raw.empty() && raw.back() == '\0') raw.remove_suffix(1);
+    std::string out, entry;
+    out.reserve(raw.size() + raw.size() / 16);
+    size_t pos = 0;
+    while (pos <= raw.size() && !raw.empty()) {
+        size_t nul = raw.find('\0', pos);
+        if (nul == std::string_view::npos) nul = raw.size();
+        const std::string_view e = raw.substr(pos, nul - pos);
+        entry.clear();
+        const size_t eq = e.find('=');
+        if (eq == std::string_view::npos) {
+            entry.assign(e);
+        } else if (secret_name(e.substr(0, eq))) {
+            entry.assign(e.substr(0, eq + 1));
+            entry.append(kRedacted);
+        } else {
+            entry.assign(e.substr(0, eq + 1));
+            append_without_url_passwords(e.substr(eq + 1), entry);
+        }
+        if (pos) out += '\n';
+        for (char c : entry) {
+            if (c == '\\') {
+                out += "\\\\";
+            } else if (c == '\n') {
+                out += "\\n";
+            } else {
+                out += c;
+            }
+        }
+        pos = nul + 1;
+    }
     return out;
 }
 

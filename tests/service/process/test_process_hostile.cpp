@@ -1,0 +1,460 @@
+// The process collector against a hostile local user: real processes of
+// `nobody` in their own user and mount namespaces that map one file and show
+// another at its path (bind mounts, FIFOs, a rename race, devices, shared
+// memory), a per-collection digest budget, and secrets in environments.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../test_util.h"
+#include "collectors.h"
+#include "core/digest_cache.h"
+#include "process/process_parse.h"
+
+namespace fs = std::filesystem;
+using namespace amsvc;
+using amtest::run;
+
+namespace {
+
+// Maps each file with execute permission, then writes its pid to `pidfile`
+// (in one write). With "chroot DIR" it
+// chroots into DIR first; with "swap A B SECS" it then exchanges A and B by
+// renameat2(RENAME_EXCHANGE) for SECS seconds.
+// "zero" maps /dev/zero privately and shared, shared anonymous memory (shown
+// as "/dev/zero (deleted)") and a memfd, all executable.
+const char kHelper[] = R"(
+#define _GNU_SOURCE
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+static void map(const char* p, int flags) {
+    int fd = open(p, O_RDONLY);
+    if (fd < 0 || mmap(0, 4096, PROT_READ | PROT_EXEC, flags, fd, 0) == MAP_FAILED) { perror(p); exit(1); }
+}
+int main(int argc, char** argv) {
+    int i = 2;
+    if (!strcmp(argv[2], "zero")) {
+        map("/dev/zero", MAP_PRIVATE);
+        map("/dev/zero", MAP_SHARED);
+        if (mmap(0, 4096, PROT_READ | PROT_EXEC, MAP_SHARED | MAP_ANONYMOUS, -1, 0) == MAP_FAILED) exit(1);
+        int m = memfd_create("amtest", 0);
+        if (m < 0 || ftruncate(m, 4096) || mmap(0, 4096, PROT_READ | PROT_EXEC, MAP_SHARED, m, 0) == MAP_FAILED) exit(1);
+        i = 3;
+    } else {
+        for (; i < argc && strcmp(argv[i], "swap") && strcmp(argv[i], "chroot"); ++i) map(argv[i], MAP_PRIVATE);
+    }
+    int pf = open(argv[1], O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (pf < 0 || (i + 1 < argc && !strcmp(argv[i], "chroot") && (chroot(argv[i + 1]) || chdir("/")))) exit(1);
+    dprintf(pf, "%d\n", (int)getpid());
+    close(pf);
+    if (i + 3 < argc && !strcmp(argv[i], "swap")) {
+        time_t end = time(0) + atoi(argv[i + 3]);
+        while (time(0) < end) syscall(SYS_renameat2, AT_FDCWD, argv[i + 1], AT_FDCWD, argv[i + 2], 2);
+    }
+    for (;;) pause();
+}
+)";
+
+std::string md5_of(const std::string& path) {
+    const std::string out = run("md5sum '" + path + "'");
+    return out.substr(0, out.find(' '));
+}
+
+// A scratch directory nobody can enter, with `u/` owned by nobody, the helper
+// compiled in it, and the attacker's processes in one process group.
+class Attack {
+public:
+    Attack() : dir_("amhostile") {
+        chmod(dir_.path.c_str(), 0755);
+        dir_.mkdir("/u");
+        chown((dir_.path + "/u").c_str(), 65534, 65534);
+        dir_.file("/helper.c", kHelper);
+        int st = 0;
+        run("cc -O1 -o '" + dir_.path + "/helper' '" + dir_.path + "/helper.c' 2>&1", &st);
+        ok_ = st == 0;
+    }
+    ~Attack() {
+        if (pgid_ > 0) {
+            kill(-pgid_, SIGKILL);
+            while (waitpid(pgid_, nullptr, 0) < 0 && errno == EINTR) {
+            }
+        }
+    }
+    bool ok() const { return ok_; }
+    const std::string& dir() const { return dir_.path; }
+    std::string file(const std::string& rel, const std::string& text, mode_t mode = 0644,
+                     bool nobody = false) {
+        const std::string p = dir_.file(rel, text, mode);
+        if (nobody) chown(p.c_str(), 65534, 65534);
+        return p;
+    }
+
+    // Runs `script` as nobody in new user and mount namespaces ($H: the
+    // helper, $D: the directory), and waits (at most 20 s) for `ready`
+    // (relative to the directory) to appear. The pid written in it.
+    pid_t start(const std::string& script, const std::string& ready, bool userns = true) {
+        const std::string full = "H='" + dir_.path + "/helper'; D='" + dir_.path + "'; " + script;
+        pgid_ = fork();
+        if (pgid_ == 0) {
+            setpgid(0, 0);
+            if (userns) {
+                execl("/usr/bin/setpriv", "setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups",
+                      "/usr/bin/unshare", "-Urm", "/bin/sh", "-c", full.c_str(), (char*)nullptr);
+            } else {
+                execl("/usr/bin/setpriv", "setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups",
+                      "/bin/sh", "-c", full.c_str(), (char*)nullptr);
+            }
+            _exit(127);
+        }
+        setpgid(pgid_, pgid_);
+        const std::string path = dir_.path + "/" + ready;
+        for (int i = 0; i < 2000; ++i) {
+            std::ifstream in(path);
+            pid_t pid = 0;
+            if (in >> pid && pid > 0) return pid;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return 0;
+    }
+
+private:
+    amtest::TempDir dir_;
+    bool ok_ = false;
+    pid_t pgid_ = 0;
+};
+
+bool can_attack() {
+    // Not about the budget: a slow cold collection must not leave a file out.
+    set_digest_budget({1ull << 40, std::chrono::hours(1)});
+    if (geteuid() != 0 || !amtest::have_tools("cc setpriv unshare md5sum")) return false;
+    int st = 0;
+    run("setpriv --reuid=nobody --regid=nogroup --clear-groups unshare -Urm true 2>/dev/null", &st);
+    return st == 0;
+}
+
+const AM::ProcessInfo* find_pid(const std::vector<AM::ProcessInfo>& all, pid_t pid) {
+    for (const AM::ProcessInfo& p : all)
+        if (p.pid == pid) return &p;
+    return nullptr;
+}
+
+const AM::ProcessModuleInfo* find_module(const AM::ProcessInfo* p, const std::string& path) {
+    if (!p) return nullptr;
+    for (const AM::ProcessModuleInfo& m : p->modules)
+        if (m.path == path) return &m;
+    return nullptr;
+}
+
+// A file mapped by nobody, then something else put at its path inside
+// nobody's own mount namespace: the digest reported is the mapped file's
+// (or none), never what lies at the path now.
+TEST(ProcessHostile, MappedFileReplacedAtItsPath) {
+    if (!can_attack()) GTEST_SKIP() << "needs root, cc, setpriv and unprivileged user namespaces";
+    struct Case {
+        const char* name;
+        const char* script;  // after mapping $D/u/lib.so; writes $D/u/ready.
+        bool fifo;
+        const char* helper_args = "";
+    };
+    const Case cases[] = {
+        {"root-only file bound over it", "mount --bind $D/secret $D/u/lib.so", false},
+        {"benign library bound over evil", "mount --bind $D/benign.so $D/u/lib.so", false},
+        {"chroot into a jail with a decoy at the same path", "true", false, "chroot $D/u/jail"},
+        {"FIFO bound over it, a writer waiting",
+         "mkfifo $D/u/fifo && mount --bind $D/u/fifo $D/u/lib.so && "
+         "{ (exec 3>$D/u/lib.so; exec sleep 1000) & } && sleep 0.3",
+         true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Attack a;
+        ASSERT_TRUE(a.ok());
+        const std::string lib = a.file("/u/lib.so", "evil library " + std::string(c.name), 0644, true);
+        const std::string secret = a.file("/secret", "root only: the digest of this must stay here", 0600);
+        const std::string benign = a.file("/benign.so", "benign library", 0644);
+        const std::string want = md5_of(lib);
+        a.file("/u/jail" + a.dir() + "/u/lib.so", "benign library", 0644);
+        const pid_t pid = a.start("$H $D/u/pid $D/u/lib.so " + std::string(c.helper_args) +
+                                      " & while [ ! -s $D/u/pid ]; do sleep 0.01; done; " +
+                                      std::string(c.script) + " && cp $D/u/pid $D/u/ready; wait",
+                                  "u/ready");
+        ASSERT_GT(pid, 0) << "the attack did not start";
+        std::vector<AM::ProcessInfo> all;
+        ASSERT_EQ(collect_processes(HostRoot("/"), all), 0);
+        const AM::ProcessModuleInfo* m = find_module(find_pid(all, pid), lib);
+        ASSERT_NE(m, nullptr);
+        EXPECT_NE(m->md5, md5_of(secret));
+        EXPECT_NE(m->md5, md5_of(benign));
+        EXPECT_TRUE(m->md5 == want || m->md5.empty()) << m->md5;
+        EXPECT_EQ(m->md5, want) << "the mapped file itself is readable through map_files";
+        if (c.fifo) {
+            // A writer released by an open for reading moves on to exec sleep.
+            bool released = false;
+            for (int i = 0; i < 50 && !released; ++i) {
+                released = run("pgrep -g " + std::to_string(getpgid(pid)) + " -x -f 'sleep 1000'") != "";
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+            EXPECT_FALSE(released) << "the FIFO was opened for reading";
+        }
+    }
+}
+
+// The directory of a mapped library swapped with a link to a root-only
+// directory, in a loop, while collections run: the root-only file's digest
+// never appears.
+TEST(ProcessHostile, RenameExchangeRace) {
+    if (!can_attack()) GTEST_SKIP() << "needs root, cc, setpriv and unprivileged user namespaces";
+    Attack a;
+    ASSERT_TRUE(a.ok());
+    a.file("/u/a/lib.so", "the user's own library", 0644, true);
+    chown((a.dir() + "/u/a").c_str(), 65534, 65534);
+    const std::string secret = a.file("/root/lib.so", "root-only library content", 0600);
+    chmod((a.dir() + "/root").c_str(), 0700);
+    ASSERT_EQ(symlink((a.dir() + "/root").c_str(), (a.dir() + "/u/b").c_str()), 0);
+    lchown((a.dir() + "/u/b").c_str(), 65534, 65534);
+    const std::string bad = md5_of(secret);
+    const pid_t pid = a.start("$H $D/u/pid $D/u/a/lib.so swap $D/u/a $D/u/b 4", "u/pid", false);
+    ASSERT_GT(pid, 0);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    int runs = 0, seen = 0;
+    while (std::chrono::steady_clock::now() < end) {
+        std::vector<AM::ProcessInfo> all;
+        ASSERT_EQ(collect_processes(HostRoot("/"), all), 0);
+        ++runs;
+        const AM::ProcessInfo* p = find_pid(all, pid);
+        if (!p) continue;
+        for (const AM::ProcessModuleInfo& m : p->modules) {
+            if (m.path.find("/lib.so") == std::string::npos) continue;
+            ++seen;
+            ASSERT_NE(m.md5, bad) << "run " << runs << ": " << m.path;
+        }
+    }
+    EXPECT_GT(seen, 0);
+}
+
+// Device and shared memory mappings: listed, never opened for reading.
+// The collector runs under strace in a child copy of this program.
+TEST(ProcessHostile, DevicesAndSharedMemoryNotOpened) {
+    if (getenv("AMTEST_COLLECT_ONCE")) {
+        std::vector<AM::ProcessInfo> all;
+        ASSERT_EQ(collect_processes(HostRoot("/"), all), 0);
+        const AM::ProcessInfo* p = find_pid(all, atoi(getenv("AMTEST_COLLECT_ONCE")));
+        ASSERT_NE(p, nullptr);
+        std::string listed;
+        for (const AM::ProcessModuleInfo& m : p->modules) listed += m.path + "=" + m.md5 + ";";
+        std::ofstream(getenv("AMTEST_LISTED")) << listed;
+        return;
+    }
+    if (!can_attack() || !amtest::have_tools("strace")) GTEST_SKIP() << "needs strace and user namespaces";
+    Attack a;
+    ASSERT_TRUE(a.ok());
+    const pid_t pid = a.start("exec $H $D/u/pid zero", "u/pid");
+    ASSERT_GT(pid, 0);
+    const std::string log = a.dir() + "/strace.log", listed = a.dir() + "/listed";
+    int st = 0;
+    const std::string out =
+        run("ASAN_OPTIONS=detect_leaks=0 AMTEST_COLLECT_ONCE=" + std::to_string(pid) +
+                " AMTEST_LISTED=" + listed + " strace -ff -qq -yy -e trace=open,openat,openat2 -o " + log +
+                " /proc/" + std::to_string(getpid()) +
+                "/exe --gtest_filter=ProcessHostile.DevicesAndSharedMemoryNotOpened 2>&1",
+            &st);
+    ASSERT_EQ(st, 0) << out;
+    // One file per thread (-ff): a call is never split across lines there.
+    int lines = 0;
+    for (const auto& e : fs::directory_iterator(a.dir())) {
+        if (e.path().filename().string().rfind("strace.log.", 0) != 0) continue;
+        std::ifstream in(e.path());
+        std::string line;
+        while (std::getline(in, line)) {
+            ++lines;
+            if (line.find("O_PATH") != std::string::npos) continue;
+            EXPECT_EQ(line.find("<char 1:5>"), std::string::npos) << line;
+            EXPECT_EQ(line.find("/dev/zero (deleted)"), std::string::npos) << line;
+            EXPECT_EQ(line.find("memfd:amtest"), std::string::npos) << line;
+        }
+    }
+    EXPECT_GT(lines, 10);
+    std::ifstream lin(listed);
+    std::string got((std::istreambuf_iterator<char>(lin)), std::istreambuf_iterator<char>());
+    EXPECT_NE(got.find("/dev/zero=;"), std::string::npos) << got;
+    EXPECT_NE(got.find("/dev/zero (deleted)=;"), std::string::npos) << got;
+    EXPECT_NE(got.find("/memfd:amtest (deleted)=;"), std::string::npos) << got;
+}
+
+// Sparse files mapped by a process, more than one collection's budget can
+// read: each collection reads within it, skipped files get empty digests
+// (not those of an empty file), and the next collections go on until all
+// are hashed.
+TEST(ProcessBudget, CollectionsContinueWhereTheLastStopped) {
+    struct Row {
+        DigestBudgetLimits limits;
+    };
+    const Row rows[] = {
+        {{50ull << 20, std::chrono::milliseconds(600000)}},  // bytes run out
+        {{1ull << 40, std::chrono::milliseconds(0)}},        // time runs out
+    };
+    const DigestBudgetLimits saved = digest_budget();
+    for (const Row& row : rows) {
+        amtest::TempDir dir("ambudget");
+        std::vector<std::string> files;
+        for (int i = 0; i < 3; ++i) {
+            files.push_back(dir.path + "/big" + std::to_string(i) + ".so");
+            // Different sizes: different files to the digest cache.
+            ASSERT_EQ(truncate((dir.file("/big" + std::to_string(i) + ".so", "")).c_str(), (40 << 20) + i),
+                      0);
+        }
+        std::vector<std::string> want;
+        for (const std::string& f : files) want.push_back(md5_of(f));
+        std::vector<AM::ProcessInfo> all;
+        ASSERT_EQ(collect_processes(HostRoot("/"), all), 0);  // the host's other files are cached now
+        int ready[2];
+        ASSERT_EQ(pipe(ready), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            for (const std::string& f : files) {
+                const int fd = open(f.c_str(), O_RDONLY);
+                if (fd < 0 || mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0) == MAP_FAILED)
+                    _exit(1);
+            }
+            (void)!write(ready[1], "x", 1);
+            pause();
+            _exit(0);
+        }
+        char c;
+        ASSERT_EQ(read(ready[0], &c, 1), 1);
+        close(ready[0]);
+        close(ready[1]);
+        set_digest_budget(row.limits);
+        std::set<size_t> done;
+        int collections = 0;
+        for (; collections < 6 && done.size() < files.size(); ++collections) {
+            const uint64_t before = digest_stats().bytes_hashed;
+            ASSERT_EQ(collect_processes(HostRoot("/"), all), 0);
+            EXPECT_LE(digest_stats().bytes_hashed - before, (50ull << 20) + (41ull << 20));
+            const AM::ProcessInfo* p = find_pid(all, child);
+            ASSERT_NE(p, nullptr);
+            size_t now = 0;
+            for (size_t i = 0; i < files.size(); ++i) {
+                const AM::ProcessModuleInfo* m = find_module(p, files[i]);
+                ASSERT_NE(m, nullptr);
+                if (m->md5.empty()) {
+                    EXPECT_EQ(m->sha256, "");
+                    EXPECT_EQ(done.count(i), 0u) << "a hashed file stays hashed";
+                    continue;
+                }
+                EXPECT_EQ(m->md5, want[i]);
+                if (done.insert(i).second) ++now;
+            }
+            EXPECT_LE(now, 1u) << "collection " << collections << " read past its budget";
+            EXPECT_GE(now, 1u) << "collection " << collections << " did not continue";
+        }
+        EXPECT_EQ(done.size(), files.size());
+        set_digest_budget(saved);
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+}
+
+TEST(ProcessEnv, SecretNames) {
+    const std::pair<const char*, bool> names[] = {
+        {"MYSQL_PWD", true},
+        {"PGPASSWORD", true},
+        {"AWS_SECRET_ACCESS_KEY", true},
+        {"GITHUB_TOKEN", true},
+        {"db_passwd", true},
+        {"GPG_PASSPHRASE", true},
+        {"SSH_PRIVATE", true},
+        {"STRIPE_API_KEY", true},
+        {"SIGNING_KEY", true},
+        {"AZURE_CREDENTIALS", true},
+        {"SMTP_PASS", true},
+        {"X_APIKEY", true},
+        {"PWD", false},
+        {"OLDPWD", false},
+        {"PATH", false},
+        {"PGPASSFILE", false},
+        {"SSH_ASKPASS", false},
+        {"KEYMAP", false},
+        {"HOME", false},
+        {"LD_PRELOAD", false},
+    };
+    for (const auto& n : names) EXPECT_EQ(procfs::secret_name(n.first), n.second) << n.first;
+}
+
+TEST(ProcessEnv, RedactedAndEscaped) {
+    const std::pair<std::string, std::string> rows[] = {
+        {std::string("A=1\0B=2\0\0", 9), "A=1\nB=2"},
+        {std::string("A=x\nLD_PRELOAD=/tmp/evil.so\0", 28), "A=x\\nLD_PRELOAD=/tmp/evil.so"},
+        {std::string("W=c:\\dir\\n\0", 11), "W=c:\\\\dir\\\\n"},
+        {"DATABASE_URL=postgres://app:hunter2@db:5432/x", "DATABASE_URL=postgres://app:<redacted>@db:5432/x"},
+        {"U=https://host/a@b:c", "U=https://host/a@b:c"},
+        {"MYSQL_PWD=a\nb", "MYSQL_PWD=<redacted>"},
+        {"NOEQUALS\nX", "NOEQUALS\\nX"},
+    };
+    for (const auto& r : rows) EXPECT_EQ(procfs::format_environ(r.first), r.second) << r.second;
+}
+
+// A real process's environment, as the collector reports it.
+TEST(ProcessEnv, LiveProcess) {
+    const pid_t child = fork();
+    if (child == 0) {
+        const char* env[] = {"MYSQL_PWD=s3cret",   "AWS_SECRET_ACCESS_KEY=wJalrXUtnFEMI",
+                             "GITHUB_TOKEN=ghp_x", "A=x\nLD_PRELOAD=/tmp/evil.so",
+                             "PWD=/tmp",           nullptr};
+        execle("/bin/sleep", "sleep", "3607", (char*)nullptr, env);
+        _exit(127);
+    }
+    std::vector<AM::ProcessInfo> all;
+    const AM::ProcessInfo* p = nullptr;
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(collect_processes(HostRoot("/"), all), 0);
+        p = find_pid(all, child);
+        if (p && p->cmd_line == "sleep 3607") break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->env,
+              "MYSQL_PWD=<redacted>\nAWS_SECRET_ACCESS_KEY=<redacted>\nGITHUB_TOKEN=<redacted>\n"
+              "A=x\\nLD_PRELOAD=/tmp/evil.so\nPWD=/tmp");
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
+// Kernel threads: their working directory is the root, as readlink says.
+TEST(ProcessLive, KernelThreadCurrentDir) {
+    std::vector<AM::ProcessInfo> all;
+    ASSERT_EQ(collect_processes(HostRoot("/"), all), 0);
+    int checked = 0;
+    for (const AM::ProcessInfo& p : all) {
+        if (p.pid != 2 && p.ppid != 2) continue;
+        char buf[4096];
+        const std::string link = "/proc/" + std::to_string(p.pid) + "/cwd";
+        const ssize_t n = readlink(link.c_str(), buf, sizeof buf);
+        if (n <= 0) continue;
+        EXPECT_EQ(p.current_dir, std::string(buf, n)) << p.pid << " " << p.name;
+        ++checked;
+    }
+    if (checked == 0) GTEST_SKIP() << "no kernel threads visible";
+}
+
+}  // namespace
