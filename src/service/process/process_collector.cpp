@@ -20,6 +20,7 @@
 
 #include "collectors.h"
 #include "core/file_facts.h"
+#include "packages/package_index.h"
 #include "process/process_parse.h"
 
 namespace amsvc {
@@ -472,6 +473,9 @@ private:
 
 int32_t collect_processes(const HostRoot& root, std::vector<AM::ProcessInfo>& out) {
     return guarded(out, [&] {
+        // Owners are asked once the modules are known: the package index
+        // builds on its own thread meanwhile, so hashing does not wait for it.
+        package_index_prefetch(root);
         Collector c(root);
         return c.run(out);
     });
