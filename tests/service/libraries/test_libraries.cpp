@@ -1,0 +1,209 @@
+// The library walk over trees built here with the real tools: jar/zip,
+// python3 -m venv, go build; checked against those tools' own view
+// (importlib.metadata, go version -m, dpkg -S) where they have one.
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "libraries/library_walk.h"
+#include "test_util.h"
+
+using namespace amsvc;
+using amtest::run;
+
+namespace {
+
+typedef std::set<std::string> Lines;  // "name|version|path"
+
+Lines collect(const HostRoot& root, const LibraryLimits& lim, LibraryStats* stats = nullptr, int* rc = nullptr) {
+    std::vector<AM::ThirdPartDevLibInfo> out;
+    const int r = collect_libraries(root, out, lim, stats);
+    if (rc) *rc = r;
+    Lines lines;
+    for (const auto& l : out) lines.insert(l.name + "|" + l.version + "|" + l.path);
+    return lines;
+}
+
+LibraryLimits no_procs() {
+    LibraryLimits lim;
+    lim.with_process_dirs = false;
+    return lim;
+}
+
+int sh(const std::string& cmd) {
+    int st = -1;
+    run("set -e; " + cmd + " >/dev/null 2>&1", &st);
+    return st;
+}
+
+}  // namespace
+
+class JavaTree : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (!amtest::have_tools("zip jar")) return;
+        t_ = new amtest::TempDir("amlibs");
+        amtest::TempDir& t = *t_;
+        t.file("/src/log4j/META-INF/maven/org.apache.logging.log4j/log4j-core/pom.properties",
+               "groupId=org.apache.logging.log4j\nartifactId=log4j-core\nversion=2.14.1\n");
+        ASSERT_EQ(sh("cd '" + t.path + "/src/log4j' && mkdir -p ../BOOT-INF/lib && zip -qr "
+                     "../BOOT-INF/lib/log4j-core-2.14.1.jar META-INF"),
+                  0);
+        // A manifest-only jar, made by the jar tool, compressed inside the fat jar.
+        t.file("/src/guava/Manifest.txt", "Bundle-SymbolicName: com.google.guava;singleton:=true\nBundle-Version: 31.1.0.jre\n");
+        t.file("/src/guava/com/x.class", "cafe");
+        ASSERT_EQ(sh("cd '" + t.path + "/src/guava' && jar cfm ../BOOT-INF/lib/guava-31.1-jre.jar Manifest.txt com"), 0);
+        t.file("/src/META-INF/maven/com.acme/app/pom.properties", "groupId=com.acme\nartifactId=app\nversion=1.0\n");
+        t.file("/src/META-INF/maven/com.google.code.gson/gson/pom.properties",
+               "groupId=com.google.code.gson\nartifactId=gson\nversion=2.8.9\n");
+        ASSERT_EQ(sh("cd '" + t.path + "/src' && mkdir -p ../opt/app && zip -q0r ../opt/app/app.jar META-INF/maven "
+                     "BOOT-INF/lib/log4j-core-2.14.1.jar && zip -q9 ../opt/app/app.jar BOOT-INF/lib/guava-31.1-jre.jar"),
+                  0);
+        // An ear holding a war holding a jar; and a jar with neither pom nor manifest.
+        t.file("/src/jd/META-INF/maven/com.fasterxml.jackson.core/jackson-databind/pom.properties",
+               "groupId=com.fasterxml.jackson.core\nartifactId=jackson-databind\nversion=2.13.4\n");
+        t.file("/src/plain/a.txt", "x");
+        ASSERT_EQ(sh("cd '" + t.path + "/src' && mkdir -p war/WEB-INF/lib ear/lib && (cd jd && zip -qr "
+                     "../war/WEB-INF/lib/jackson-databind-2.13.4.jar META-INF) && (cd plain && zip -q "
+                     "../ear/lib/commons-lang3-3.12.0.jar a.txt) && (cd war && zip -qr ../ear/web.war WEB-INF) && "
+                     "mkdir -p ../srv && cd ear && zip -qr ../../srv/shop.ear lib web.war"),
+                  0);
+    }
+    static void TearDownTestSuite() {
+        delete t_;
+        t_ = nullptr;
+    }
+    void SetUp() override {
+        if (!t_) GTEST_SKIP() << "zip and jar needed";
+    }
+    static amtest::TempDir* t_;
+};
+amtest::TempDir* JavaTree::t_ = nullptr;
+
+TEST_F(JavaTree, NestedArchivesAndFallbacks) {
+    const Lines got = collect(HostRoot(t_->path), no_procs());
+    const Lines want = {
+        "com.acme:app|1.0|/opt/app/app.jar",
+        "com.google.code.gson:gson|2.8.9|/opt/app/app.jar",
+        "org.apache.logging.log4j:log4j-core|2.14.1|/opt/app/app.jar!/BOOT-INF/lib/log4j-core-2.14.1.jar",
+        "com.google.guava|31.1.0.jre|/opt/app/app.jar!/BOOT-INF/lib/guava-31.1-jre.jar",
+        "shop||/srv/shop.ear",
+        "commons-lang3|3.12.0|/srv/shop.ear!/lib/commons-lang3-3.12.0.jar",
+        "web||/srv/shop.ear!/web.war",
+        "com.fasterxml.jackson.core:jackson-databind|2.13.4|/srv/shop.ear!/web.war!/WEB-INF/lib/"
+        "jackson-databind-2.13.4.jar",
+    };
+    EXPECT_EQ(got, want);
+}
+
+TEST_F(JavaTree, NestingDepthAndCache) {
+    clear_library_cache();
+    LibraryLimits lim = no_procs();
+    lim.archive.max_depth = 2;  // the ear and the war, not the war's jars
+    const Lines got = collect(HostRoot(t_->path), lim);
+    EXPECT_TRUE(got.count("jackson-databind|2.13.4|/srv/shop.ear!/web.war!/WEB-INF/lib/jackson-databind-2.13.4.jar"));
+
+    clear_library_cache();
+    LibraryStats first, second, third;
+    collect(HostRoot(t_->path), no_procs(), &first);
+    collect(HostRoot(t_->path), no_procs(), &second);
+    EXPECT_EQ(first.parsed, 2u);
+    EXPECT_EQ(second.parsed, 0u);
+    EXPECT_EQ(second.cached, 2u);
+    // A file rewritten in place is read again, and only that one.
+    ASSERT_EQ(sh("cd '" + t_->path + "/src' && zip -q ../srv/shop.ear ear/lib/commons-lang3-3.12.0.jar"), 0);
+    collect(HostRoot(t_->path), no_procs(), &third);
+    EXPECT_EQ(third.parsed, 1u);
+}
+
+TEST_F(JavaTree, BoundsEndTheListWithAMarker) {
+    LibraryLimits lim = no_procs();
+    lim.max_entries = 3;
+    LibraryStats st;
+    std::vector<AM::ThirdPartDevLibInfo> out;
+    EXPECT_EQ(collect_libraries(HostRoot(t_->path), out, lim, &st), 0);
+    EXPECT_EQ(st.bound, "entries");
+    ASSERT_FALSE(out.empty());
+    EXPECT_EQ(out.back().name, "");
+    EXPECT_EQ(out.back().version, "incomplete: entries");
+
+    lim = no_procs();
+    lim.max_depth = 0;
+    out.clear();
+    EXPECT_EQ(collect_libraries(HostRoot(t_->path), out, lim, &st), 0);
+    EXPECT_EQ(st.bound, "depth");
+    EXPECT_EQ(out.back().version, "incomplete: depth");
+
+    EXPECT_EQ(collect_libraries(HostRoot(t_->path + "/nonexistent"), out, no_procs()), -ENOENT);
+    lim = no_procs();
+    lim.roots = {"/nothing-here"};
+    EXPECT_EQ(collect_libraries(HostRoot(t_->path), out, lim), -ENOENT);
+}
+
+// What an attacker lays out: a FIFO named like a jar, a truncated archive, a
+// zip bomb, 100k entries, a huge pom.properties, traversal names, links out
+// of the root; made by an unprivileged user where the file system allows.
+TEST(LibraryHostile, HostileFilesYieldWhatCanBeRead) {
+    if (!amtest::have_tools("zip python3 runuser")) GTEST_SKIP() << "zip, python3, runuser needed";
+    amtest::TempDir t("amlibh");
+    amtest::TempDir outside("amlibo");
+    outside.file("/o/secret-9.9.jar", "PK");
+    chmod(t.path.c_str(), 0755);
+    t.mkdir("/home/mallory");
+    ASSERT_EQ(sh("chown nobody '" + t.path + "/home/mallory'"), 0);
+    const std::string m = t.path + "/home/mallory";
+    ASSERT_EQ(sh("runuser -u nobody -- sh -c \"cd '" + m + "' && mkfifo x.jar && ln -s '" + outside.path +
+                 "/o' out && ln -s /etc/passwd passwd.jar && ln -s '" + outside.path + "/o/secret-9.9.jar' s.jar\""),
+              0);
+    const char* py = R"PY(
+import zipfile, sys, os
+d = sys.argv[1]
+z = zipfile.ZipFile(d + '/bomb-1.0.jar', 'w', zipfile.ZIP_DEFLATED)
+z.writestr('META-INF/maven/g/bomb/pom.properties', 'groupId=g\nartifactId=bomb\nversion=1.0\n' + 'x' * (10 << 20))
+inner = zipfile.ZipFile(d + '/inner.zip', 'w', zipfile.ZIP_STORED)
+inner.writestr('pad', b'\0' * (64 << 20))
+inner.close()
+z.write(d + '/inner.zip', 'BOOT-INF/lib/zeros-1.0.jar')
+z.writestr('../../../etc/evil-6.6.jar', 'PK')
+z.writestr('BOOT-INF/lib/\x1b[31mred-1.jar', 'x')
+z.close()
+os.remove(d + '/inner.zip')
+z = zipfile.ZipFile(d + '/many-2.0.jar', 'w', zipfile.ZIP_STORED)
+for i in range(100000): z.writestr('META-INF/maven/g/a%d/pom.properties' % i, 'artifactId=a%d\nversion=1\n' % i)
+z.close()
+data = open(d + '/many-2.0.jar', 'rb').read()
+open(d + '/cut-3.0.jar', 'wb').write(data[:len(data) // 2])
+)PY";
+    t.file("/gen.py", py);
+    ASSERT_EQ(sh("runuser -u nobody -- /usr/bin/python3 '" + t.path + "/gen.py' '" + m + "'"), 0);
+    // A link planted as a walk root leads nowhere outside the image.
+    t.link("/srv", outside.path + "/o");
+
+    LibraryStats st;
+    int rc = -1;
+    const Lines got = collect(HostRoot(t.path), no_procs(), &st, &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(st.bound, "");
+    const std::string h = "/home/mallory/";
+    // The bomb's pom is read from its head; its nested archive inflates past
+    // the bound, so it is named by its file name; the traversal and
+    // control-character names are not nested into.
+    EXPECT_TRUE(got.count("g:bomb|1.0|" + h + "bomb-1.0.jar"));
+    EXPECT_TRUE(got.count("zeros|1.0|" + h + "bomb-1.0.jar!/BOOT-INF/lib/zeros-1.0.jar"));
+    EXPECT_TRUE(got.count("cut|3.0|" + h + "cut-3.0.jar"));
+    size_t many = 0;
+    for (const std::string& l : got) {
+        EXPECT_EQ(l.find("secret"), std::string::npos) << l;
+        EXPECT_EQ(l.find("evil"), std::string::npos) << l;
+        EXPECT_EQ(l.find('\x1b'), std::string::npos) << l;
+        EXPECT_EQ(l.find("|/home/mallory/x.jar"), std::string::npos) << l;
+        EXPECT_EQ(l.find("passwd"), std::string::npos) << l;
+        many += l.find("many-2.0.jar") != std::string::npos;
+    }
+    // Each of the 100k poms is a library, up to the per-archive bound.
+    EXPECT_EQ(many, ArchiveLimits().max_poms);
+}
