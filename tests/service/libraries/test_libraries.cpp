@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/common.h"
 #include "libraries/library_walk.h"
 #include "test_util.h"
 
@@ -206,4 +207,80 @@ open(d + '/cut-3.0.jar', 'wb').write(data[:len(data) // 2])
     }
     // Each of the 100k poms is a library, up to the per-archive bound.
     EXPECT_EQ(many, ArchiveLimits().max_poms);
+}
+
+// Python, Node, Ruby, Composer, Go and shared objects in one tree; the live
+// host root with walk roots inside the scratch tree, so ownership is judged
+// by this machine's real package database.
+TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
+    if (!amtest::have_tools("go") || access("/usr/bin/python3", X_OK) != 0) GTEST_SKIP() << "go and python3 needed";
+    amtest::TempDir t("amlibe");
+    const std::string venv = t.path + "/opt/venv";
+    ASSERT_EQ(sh("/usr/bin/python3 -m venv '" + venv + "'"), 0);
+    // What the interpreter itself says is installed in the venv.
+    Lines want;
+    const std::string dists = run("'" + venv + "/bin/python' -c 'import importlib.metadata as m, sys\n"
+                                  "for d in m.distributions(): print(d.metadata[\"Name\"] + \"|\" + d.version + \"|\" + "
+                                  "str(d._path))'");
+    for (std::string_view l : split_lines(dists)) want.insert(std::string(l).replace(l.rfind('|') + 1, t.path.size(), ""));
+    ASSERT_FALSE(want.empty());
+    t.file("/opt/venv/lib/python3.11/site-packages/old-0.1.egg-info/PKG-INFO", "Name: old\nVersion: 0.1\n");
+    want.insert("old|0.1|/opt/venv/lib/python3.11/site-packages/old-0.1.egg-info");
+
+    t.file("/srv/web/node_modules/express/package.json", R"({"name":"express","version":"4.18.2"})");
+    t.file("/srv/web/node_modules/express/lib/package.json", R"({"name":"not-a-package","version":"0"})");
+    t.file("/srv/web/node_modules/@babel/core/package.json", R"({"name":"@babel/core","version":"7.22.0"})");
+    t.file("/srv/web/node_modules/express/node_modules/debug/package.json", R"({"name":"debug","version":"2.6.9"})");
+    want.insert("express|4.18.2|/srv/web/node_modules/express");
+    want.insert("@babel/core|7.22.0|/srv/web/node_modules/@babel/core");
+    want.insert("debug|2.6.9|/srv/web/node_modules/express/node_modules/debug");
+
+    t.file("/srv/gems/specifications/rack-2.2.4.gemspec", "Gem::Specification.new do |s|\n  s.name = \"rack\".freeze\n  s.version = \"2.2.4\"\nend\n");
+    want.insert("rack|2.2.4|/srv/gems/specifications/rack-2.2.4.gemspec");
+    t.file("/srv/php/vendor/composer/installed.json",
+           R"({"packages":[{"name":"monolog/monolog","version":"2.3.5","install-path":"../monolog/monolog"},)"
+           R"({"name":"evil/x","version":"1","install-path":"../../../../etc"}]})");
+    want.insert("monolog/monolog|2.3.5|/srv/php/vendor/monolog/monolog");
+    want.insert("evil/x|1|/srv/php/vendor/evil/x");
+
+    // A Go program with a dependency replaced by a local module; what
+    // `go version -m` prints is what is expected.
+    t.file("/gosrc/dep/go.mod", "module example.com/dep\n\ngo 1.19\n");
+    t.file("/gosrc/dep/dep.go", "package dep\n\nfunc Hello() string { return \"hi\" }\n");
+    t.file("/gosrc/app/go.mod", "module example.com/app\n\ngo 1.19\n\nrequire example.com/dep v1.2.3\n\n"
+                                "replace example.com/dep => ../dep\n");
+    t.file("/gosrc/app/main.go", "package main\n\nimport \"example.com/dep\"\n\nfunc main() { println(dep.Hello()) }\n");
+    ASSERT_EQ(sh("cd '" + t.path + "/gosrc/app' && mkdir -p ../../opt/goapp && GOFLAGS=-mod=mod GOPROXY=off "
+                 "CGO_ENABLED=0 go build -o ../../opt/goapp/server ."),
+              0);
+    for (std::string_view l : split_lines(run("go version -m '" + t.path + "/opt/goapp/server'"))) {
+        const std::vector<std::string_view> f = split_ws(trim(l));
+        if (f.size() >= 3 && (f[0] == "mod" || f[0] == "dep"))
+            want.insert(std::string(f[1]) + "|" + std::string(f[2]) + "|/opt/goapp/server");
+        if (f.size() == 2 && f[0].find(':') != std::string_view::npos)
+            want.insert("stdlib|" + std::string(f[1]) + "|/opt/goapp/server");
+    }
+
+    // A shared object that dpkg installed is the package kind's; a copy of it
+    // elsewhere is not. Links to it are no records of their own.
+    const std::string real = "/usr/lib/x86_64-linux-gnu/libz.so.1.2.13";
+    ASSERT_EQ(sh("cp " + real + " '" + t.path + "/opt/libz.so.1.2.13' && ln -s libz.so.1.2.13 '" + t.path +
+                 "/opt/libz.so.1'"),
+              0);
+    want.insert("libz|1.2.13|/opt/libz.so.1.2.13");
+
+    LibraryLimits lim = no_procs();
+    lim.roots = {t.path + "/opt", t.path + "/srv", "/usr/lib/x86_64-linux-gnu/gconv"};
+    Lines got = collect(HostRoot("/"), lim);
+    Lines got_rel;
+    for (const std::string& l : got) {
+        std::string r = l;
+        const size_t at = r.find(t.path);
+        if (at != std::string::npos) r.erase(at, t.path.size());
+        got_rel.insert(r);
+    }
+    EXPECT_EQ(got_rel, want);
+    // gconv's modules are all owned by a package, as dpkg -S says.
+    EXPECT_EQ(sh("dpkg -S /usr/lib/x86_64-linux-gnu/gconv/UTF-7.so"), 0);
+    for (const std::string& l : got) EXPECT_EQ(l.find("gconv"), std::string::npos) << l;
 }
