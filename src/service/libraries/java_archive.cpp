@@ -25,8 +25,12 @@ struct ZipCloser {
 typedef std::unique_ptr<zip_t, ZipCloser> ZipPtr;
 
 struct Walk {
+    Walk(const ArchiveLimits& l, std::vector<LibId>& o)
+        : lim(l), read_left(l.max_total_read), archives_left(l.max_archives), entries_left(l.max_total_entries),
+          out(o) {}
     const ArchiveLimits& lim;
     uint64_t read_left;
+    size_t archives_left, entries_left;
     std::vector<LibId>& out;
 };
 
@@ -91,7 +95,9 @@ void scan_zip(zip_t* za, std::string_view file_name, const std::string& where, i
 // the bound; anything else is known by its name.
 void scan_nested(zip_t* za, zip_uint64_t i, std::string_view entry, const std::string& where, int depth, Walk& w) {
     const std::string_view fname = base_name(entry);
-    if (depth >= w.lim.max_depth) return add_file_name_lib(fname, where, w.out);
+    if (depth >= w.lim.max_depth || w.archives_left == 0 || w.entries_left == 0)
+        return add_file_name_lib(fname, where, w.out);
+    --w.archives_left;
     zip_stat_t st;
     zip_stat_init(&st);
     if (zip_stat_index(za, i, 0, &st) != 0) return add_file_name_lib(fname, where, w.out);
@@ -125,7 +131,10 @@ void scan_nested(zip_t* za, zip_uint64_t i, std::string_view entry, const std::s
 
 void scan_zip(zip_t* za, std::string_view file_name, const std::string& where, int depth, Walk& w) {
     const zip_int64_t count = zip_get_num_entries(za, 0);
-    const zip_uint64_t n = count < 0 ? 0 : std::min<zip_uint64_t>(count, w.lim.max_entries);
+    // libzip has parsed the whole central directory already: all of it counts.
+    const zip_uint64_t all = count < 0 ? 0 : static_cast<zip_uint64_t>(count);
+    const zip_uint64_t n = std::min<zip_uint64_t>(std::min<zip_uint64_t>(all, w.lim.max_entries), w.entries_left);
+    w.entries_left -= std::min<zip_uint64_t>(all, w.entries_left);
     zip_int64_t manifest = -1;
     std::vector<zip_uint64_t> poms, nested;
     for (zip_uint64_t i = 0; i < n; ++i) {
@@ -202,7 +211,7 @@ void scan_java_archive(int fd, std::string_view file_name, std::vector<LibId>& o
     if (src && !za) zip_source_free(src);
     zip_error_fini(&err);
     if (!za) return add_file_name_lib(file_name, std::string(), out);
-    Walk w{limits, limits.max_total_read, out};
+    Walk w(limits, out);
     scan_zip(za.get(), file_name, std::string(), 1, w);
 }
 
@@ -215,7 +224,7 @@ void scan_java_archive_buffer(const void* data, size_t size, std::string_view fi
     if (src && !za) zip_source_free(src);
     zip_error_fini(&err);
     if (!za) return add_file_name_lib(file_name, std::string(), out);
-    Walk w{limits, limits.max_total_read, out};
+    Walk w(limits, out);
     scan_zip(za.get(), file_name, std::string(), 1, w);
 }
 

@@ -21,6 +21,10 @@ struct ArchiveLimits {
     uint64_t max_total_read = 256ull << 20;   // bytes read from all entries of one file's archive tree
     size_t max_poms = 2000;                   // pom.properties read per archive
     size_t max_nested = 4096;                 // nested archives opened per archive
+    // For one file's whole archive tree: entries may share their data, so a
+    // small file can hold archives inside archives without end.
+    size_t max_archives = 10000;              // archives opened
+    size_t max_total_entries = 1000000;       // central directory entries looked at
 };
 
 // Whether a file name ends in one of the Java archive extensions.

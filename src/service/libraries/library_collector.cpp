@@ -117,7 +117,8 @@ std::string_view parent_of(std::string_view p) {
     return s == std::string_view::npos || s == 0 ? std::string_view("/") : p.substr(0, s);
 }
 
-// Python extension modules belong to the distribution that carries them.
+// Python extension modules belong to the distribution (or the interpreter's
+// lib-dynload) that carries them.
 bool python_extension(std::string_view name) {
     return name.find(".cpython-") != std::string_view::npos || name.find(".pypy") != std::string_view::npos ||
            ends_with(name, ".abi3.so");
@@ -143,7 +144,8 @@ Kind classify(std::string_view name, std::string_view dir) {
         return dbase == "site-packages" || dbase == "dist-packages" ? Kind::kPythonFile : Kind::kNone;
     if (name.find(".so") != std::string_view::npos) {
         std::string n, v;
-        return !python_extension(name) && split_so_name(name, n, v) ? Kind::kSo : Kind::kNone;
+        return !python_extension(name) && dbase != "lib-dynload" && split_so_name(name, n, v) ? Kind::kSo
+                                                                                                : Kind::kNone;
     }
     // Programs: no extension. Whether it is a Go program is for its content to say.
     if (name.find('.', 1) == std::string_view::npos) return Kind::kGo;
