@@ -270,7 +270,9 @@ TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
     want.insert("libz|1.2.13|/opt/libz.so.1.2.13");
 
     LibraryLimits lim = no_procs();
-    lim.roots = {t.path + "/opt", t.path + "/srv", "/usr/lib/x86_64-linux-gnu/gconv"};
+    // Merged /usr: dpkg names gconv under /usr/lib and the PAM modules under
+    // /lib; each is walked under the other name.
+    lim.roots = {t.path + "/opt", t.path + "/srv", "/lib/x86_64-linux-gnu/gconv", "/usr/lib/x86_64-linux-gnu/security"};
     Lines got = collect(HostRoot("/"), lim);
     Lines got_rel;
     for (const std::string& l : got) {
@@ -280,7 +282,10 @@ TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
         got_rel.insert(r);
     }
     EXPECT_EQ(got_rel, want);
-    // gconv's modules are all owned by a package, as dpkg -S says.
-    EXPECT_EQ(sh("dpkg -S /usr/lib/x86_64-linux-gnu/gconv/UTF-7.so"), 0);
-    for (const std::string& l : got) EXPECT_EQ(l.find("gconv"), std::string::npos) << l;
+    // Those modules are all owned by a package, as dpkg -S says.
+    EXPECT_EQ(sh("dpkg -S /usr/lib/x86_64-linux-gnu/gconv/UTF-7.so /lib/x86_64-linux-gnu/security/pam_unix.so"), 0);
+    for (const std::string& l : got) {
+        EXPECT_EQ(l.find("gconv"), std::string::npos) << l;
+        EXPECT_EQ(l.find("security"), std::string::npos) << l;
+    }
 }
