@@ -253,7 +253,8 @@ TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
     ASSERT_EQ(sh("cd '" + t.path + "/gosrc/app' && mkdir -p ../../opt/goapp && GOFLAGS=-mod=mod GOPROXY=off "
                  "CGO_ENABLED=0 go build -o ../../opt/goapp/server ."),
               0);
-    for (std::string_view l : split_lines(run("go version -m '" + t.path + "/opt/goapp/server'"))) {
+    const std::string go_says = run("go version -m '" + t.path + "/opt/goapp/server'");
+    for (std::string_view l : split_lines(go_says)) {
         const std::vector<std::string_view> f = split_ws(trim(l));
         if (f.size() >= 3 && (f[0] == "mod" || f[0] == "dep"))
             want.insert(std::string(f[1]) + "|" + std::string(f[2]) + "|/opt/goapp/server");
