@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <set>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -289,4 +291,34 @@ TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
         EXPECT_EQ(l.find("gconv"), std::string::npos) << l;
         EXPECT_EQ(l.find("security"), std::string::npos) << l;
     }
+}
+
+// A file swapped between a jar and a FIFO while collections run: no hang,
+// and whatever is reported came from the jar.
+TEST(LibraryHostile, JarSwappedForFifoDuringTheWalk) {
+    if (!amtest::have_tools("zip")) GTEST_SKIP() << "zip needed";
+    amtest::TempDir t("amlibr");
+    t.file("/src/META-INF/maven/g/race/pom.properties", "groupId=g\nartifactId=race\nversion=1\n");
+    ASSERT_EQ(sh("cd '" + t.path + "/src' && mkdir -p ../opt && zip -qr ../opt/real.jar META-INF && mkfifo ../opt/fifo"), 0);
+    const std::string jar = t.path + "/opt/real.jar", fifo = t.path + "/opt/fifo", race = t.path + "/opt/race-1.jar";
+    std::atomic<bool> done{false};
+    std::thread swapper([&] {
+        for (int i = 0; !done; ++i) {
+            // race-1.jar is the jar, then the FIFO, then the jar again.
+            if (i % 2 == 0) {
+                rename(jar.c_str(), race.c_str());
+                rename(race.c_str(), jar.c_str());
+            } else {
+                rename(fifo.c_str(), race.c_str());
+                rename(race.c_str(), fifo.c_str());
+            }
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        clear_library_cache();
+        for (const std::string& l : collect(HostRoot(t.path), no_procs()))
+            EXPECT_TRUE(l == "g:race|1|/opt/real.jar" || l == "g:race|1|/opt/race-1.jar") << l;
+    }
+    done = true;
+    swapper.join();
 }
