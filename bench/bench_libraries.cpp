@@ -120,8 +120,8 @@ int main(int argc, char** argv) {
     const double repeated = ambench::median_ms([&] { collect_libraries(root, out, lim, &st); });
     const double find_ms2 = ambench::median_ms([&] { ambench::run_peer(find_cmd); });
     const double peer = (find_ms + find_ms2) / 2;
-    printf("tree: %zu entries, %zu records (%zu read, %zu cached on the last run)\n", st.entries, records, st.parsed,
-           st.cached);
+    printf("tree: %zu entries, %zu records (%zu read, %zu cached on the last run)\n", st.entries, records,
+           st.parsed, st.cached);
     printf("find -type f      %8.1f ms\n", peer);
     printf("fresh collection  %8.1f ms  ratio %.2f (target <= 3)\n", fresh, fresh / peer);
     printf("repeated          %8.1f ms  ratio %.2f (target <= 1)\n", repeated, repeated / peer);

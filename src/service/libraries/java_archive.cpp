@@ -26,7 +26,10 @@ typedef std::unique_ptr<zip_t, ZipCloser> ZipPtr;
 
 struct Walk {
     Walk(const ArchiveLimits& l, std::vector<LibId>& o)
-        : lim(l), read_left(l.max_total_read), archives_left(l.max_archives), entries_left(l.max_total_entries),
+        : lim(l),
+          read_left(l.max_total_read),
+          archives_left(l.max_archives),
+          entries_left(l.max_total_entries),
           out(o) {}
     const ArchiveLimits& lim;
     uint64_t read_left;
@@ -93,7 +96,8 @@ void scan_zip(zip_t* za, std::string_view file_name, const std::string& where, i
 // A nested archive: stored entries are opened in place (a window of the
 // outer archive, nothing copied), compressed ones inflated in memory within
 // the bound; anything else is known by its name.
-void scan_nested(zip_t* za, zip_uint64_t i, std::string_view entry, const std::string& where, int depth, Walk& w) {
+void scan_nested(zip_t* za, zip_uint64_t i, std::string_view entry, const std::string& where, int depth,
+                 Walk& w) {
     const std::string_view fname = base_name(entry);
     if (depth >= w.lim.max_depth || w.archives_left == 0 || w.entries_left == 0)
         return add_file_name_lib(fname, where, w.out);
@@ -133,7 +137,8 @@ void scan_zip(zip_t* za, std::string_view file_name, const std::string& where, i
     const zip_int64_t count = zip_get_num_entries(za, 0);
     // libzip has parsed the whole central directory already: all of it counts.
     const zip_uint64_t all = count < 0 ? 0 : static_cast<zip_uint64_t>(count);
-    const zip_uint64_t n = std::min<zip_uint64_t>(std::min<zip_uint64_t>(all, w.lim.max_entries), w.entries_left);
+    const zip_uint64_t n =
+        std::min<zip_uint64_t>(std::min<zip_uint64_t>(all, w.lim.max_entries), w.entries_left);
     w.entries_left -= std::min<zip_uint64_t>(all, w.entries_left);
     zip_int64_t manifest = -1;
     std::vector<zip_uint64_t> poms, nested;
@@ -142,7 +147,8 @@ void scan_zip(zip_t* za, std::string_view file_name, const std::string& where, i
         if (!cname) continue;
         const std::string_view name(cname);
         if (starts_with(name, "META-INF/")) {
-            if (name == "META-INF/MANIFEST.MF") manifest = static_cast<zip_int64_t>(i);
+            if (name == "META-INF/MANIFEST.MF")
+                manifest = static_cast<zip_int64_t>(i);
             else if (starts_with(name, "META-INF/maven/") && ends_with(name, "/pom.properties") &&
                      poms.size() < w.lim.max_poms)
                 poms.push_back(i);
@@ -164,7 +170,8 @@ void scan_zip(zip_t* za, std::string_view file_name, const std::string& where, i
     }
     if (found == 0) {
         LibId id;
-        if (manifest >= 0 && read_entry(za, static_cast<zip_uint64_t>(manifest), kMaxMetaBytes, w, text, complete) &&
+        if (manifest >= 0 &&
+            read_entry(za, static_cast<zip_uint64_t>(manifest), kMaxMetaBytes, w, text, complete) &&
             manifest_library(text, id)) {
             if (id.name.empty() || id.version.empty()) {
                 // The file name fills what the manifest leaves out.
@@ -196,7 +203,8 @@ bool is_java_archive_name(std::string_view name) {
     return false;
 }
 
-void scan_java_archive(int fd, std::string_view file_name, std::vector<LibId>& out, const ArchiveLimits& limits) {
+void scan_java_archive(int fd, std::string_view file_name, std::vector<LibId>& out,
+                       const ArchiveLimits& limits) {
     // The source owns the stream (and so the descriptor) from here on.
     FILE* fp = ::fdopen(fd, "rb");
     if (!fp) {
@@ -215,8 +223,8 @@ void scan_java_archive(int fd, std::string_view file_name, std::vector<LibId>& o
     scan_zip(za.get(), file_name, std::string(), 1, w);
 }
 
-void scan_java_archive_buffer(const void* data, size_t size, std::string_view file_name, std::vector<LibId>& out,
-                              const ArchiveLimits& limits) {
+void scan_java_archive_buffer(const void* data, size_t size, std::string_view file_name,
+                              std::vector<LibId>& out, const ArchiveLimits& limits) {
     zip_error_t err;
     zip_error_init(&err);
     zip_source_t* src = zip_source_buffer_create(data, size, 0, &err);

@@ -34,9 +34,12 @@ bool parse_pom_properties(std::string_view text, LibId& out) {
         const size_t eq = line.find_first_of("=:");
         if (eq == std::string_view::npos) continue;
         const std::string_view key = trim(line.substr(0, eq));
-        if (key == "groupId") group = clean(value_after(line, eq));
-        else if (key == "artifactId") artifact = clean(value_after(line, eq));
-        else if (key == "version") version = clean(value_after(line, eq));
+        if (key == "groupId")
+            group = clean(value_after(line, eq));
+        else if (key == "artifactId")
+            artifact = clean(value_after(line, eq));
+        else if (key == "version")
+            version = clean(value_after(line, eq));
     }
     if (artifact.empty()) return false;
     out.name = group.empty() ? artifact : group + ":" + artifact;
@@ -66,10 +69,14 @@ std::vector<std::pair<std::string, std::string>> parse_manifest(std::string_view
 bool manifest_library(std::string_view text, LibId& out) {
     std::string title, version, bsn, bversion;
     for (const auto& kv : parse_manifest(text)) {
-        if (kv.first == "Implementation-Title") title = kv.second;
-        else if (kv.first == "Implementation-Version") version = kv.second;
-        else if (kv.first == "Bundle-SymbolicName") bsn = std::string(trim(std::string_view(kv.second).substr(0, kv.second.find(';'))));
-        else if (kv.first == "Bundle-Version") bversion = kv.second;
+        if (kv.first == "Implementation-Title")
+            title = kv.second;
+        else if (kv.first == "Implementation-Version")
+            version = kv.second;
+        else if (kv.first == "Bundle-SymbolicName")
+            bsn = std::string(trim(std::string_view(kv.second).substr(0, kv.second.find(';'))));
+        else if (kv.first == "Bundle-Version")
+            bversion = kv.second;
     }
     if (title.empty() && version.empty()) {
         title = bsn;
@@ -139,8 +146,10 @@ bool parse_python_metadata(std::string_view text, LibId& out) {
         const size_t colon = line.find(':');
         if (colon == std::string_view::npos) continue;
         const std::string_view key = line.substr(0, colon);
-        if (key == "Name" && name.empty()) name = clean(line.substr(colon + 1));
-        else if (key == "Version" && version.empty()) version = clean(line.substr(colon + 1));
+        if (key == "Name" && name.empty())
+            name = clean(line.substr(colon + 1));
+        else if (key == "Version" && version.empty())
+            version = clean(line.substr(colon + 1));
     }
     if (name.empty()) return false;
     out.name = name;
@@ -375,7 +384,8 @@ std::string strip_modinfo_frame(const std::string& mod) {
 
 }  // namespace
 
-bool decode_go_buildinfo(std::string_view blob, const std::function<bool(uint64_t, size_t, std::string&)>& read_addr,
+bool decode_go_buildinfo(std::string_view blob,
+                         const std::function<bool(uint64_t, size_t, std::string&)>& read_addr,
                          std::string& go_version, std::string& modinfo) {
     if (blob.size() < kGoHeader || blob.compare(0, kGoMagicLen, kGoMagic) != 0) return false;
     const size_t ptr = static_cast<unsigned char>(blob[14]);
@@ -419,7 +429,11 @@ struct ElfLoad {
 
 bool read_go_buildinfo(const ReadAt& read, std::string& go_version, std::string& modinfo) {
     std::string eh;
-    if (!read(0, 64, eh) || eh.size() < 52 || eh.compare(0, 4, "\x7f" "ELF") != 0) return false;
+    if (!read(0, 64, eh) || eh.size() < 52 ||
+        eh.compare(0, 4,
+                   "\x7f"
+                   "ELF") != 0)
+        return false;
     const bool is64 = eh[4] == 2, big = eh[5] == 2;
     if ((!is64 && eh[4] != 1) || (is64 && eh.size() < 64)) return false;
     const unsigned char* h = reinterpret_cast<const unsigned char*>(eh.data());
@@ -471,7 +485,8 @@ bool read_go_buildinfo(const ReadAt& read, std::string& go_version, std::string&
         std::string sh;
         if (read(shoff, shentsize * shnum, sh) && sh.size() == shentsize * shnum) {
             auto sec = [&](size_t i, size_t field, size_t size) {
-                return get_uint(reinterpret_cast<const unsigned char*>(sh.data()) + i * shentsize + field, size, big);
+                return get_uint(reinterpret_cast<const unsigned char*>(sh.data()) + i * shentsize + field,
+                                size, big);
             };
             const uint64_t stroff = is64 ? sec(shstrndx, 24, 8) : sec(shstrndx, 16, 4);
             const uint64_t strsize = is64 ? sec(shstrndx, 32, 8) : sec(shstrndx, 20, 4);

@@ -77,7 +77,8 @@ bool read_go_buildinfo(const ReadAt& read, std::string& go_version, std::string&
 
 // The blob itself (from its magic on), for the inline form and tests;
 // `read_addr` reads virtual addresses for the pointer form (may be empty).
-bool decode_go_buildinfo(std::string_view blob, const std::function<bool(uint64_t, size_t, std::string&)>& read_addr,
+bool decode_go_buildinfo(std::string_view blob,
+                         const std::function<bool(uint64_t, size_t, std::string&)>& read_addr,
                          std::string& go_version, std::string& modinfo);
 
 }  // namespace amsvc

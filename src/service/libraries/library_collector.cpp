@@ -62,7 +62,8 @@ struct RootCache {
 };
 
 std::mutex g_cache_mutex;
-std::map<std::string, RootCache>* g_caches = nullptr;  // by host root; never freed (no exit-time order issues)
+std::map<std::string, RootCache>* g_caches =
+    nullptr;  // by host root; never freed (no exit-time order issues)
 
 bool same_time(const struct timespec& a, const struct timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -145,7 +146,7 @@ Kind classify(std::string_view name, std::string_view dir) {
     if (name.find(".so") != std::string_view::npos) {
         std::string n, v;
         return !python_extension(name) && dbase != "lib-dynload" && split_so_name(name, n, v) ? Kind::kSo
-                                                                                                : Kind::kNone;
+                                                                                              : Kind::kNone;
     }
     // Programs: no extension. Whether it is a Go program is for its content to say.
     if (name.find('.', 1) == std::string_view::npos) return Kind::kGo;
@@ -191,10 +192,12 @@ std::vector<LibId> read_libraries(Kind kind, int fd, std::string_view name, cons
     switch (kind) {
         case Kind::kPythonDir:
         case Kind::kPythonFile:
-            if (read_fd_bounded(fd, kMaxMetaBytes, text) && parse_python_metadata(text, id)) libs.push_back(id);
+            if (read_fd_bounded(fd, kMaxMetaBytes, text) && parse_python_metadata(text, id))
+                libs.push_back(id);
             break;
         case Kind::kNode:
-            if (read_fd_bounded(fd, kMaxMetaBytes * 4, text) && parse_package_json(text, id)) libs.push_back(id);
+            if (read_fd_bounded(fd, kMaxMetaBytes * 4, text) && parse_package_json(text, id))
+                libs.push_back(id);
             break;
         case Kind::kGem:
             if (read_fd_bounded(fd, kMaxMetaBytes, text)) {
@@ -230,7 +233,10 @@ std::vector<LibId> read_libraries(Kind kind, int fd, std::string_view name, cons
         }
         case Kind::kSo: {
             char magic[4];
-            if (::pread(fd, magic, 4, 0) == 4 && std::string_view(magic, 4) == "\x7f" "ELF" &&
+            if (::pread(fd, magic, 4, 0) == 4 &&
+                std::string_view(magic, 4) ==
+                    "\x7f"
+                    "ELF" &&
                 split_so_name(name, id.name, id.version))
                 libs.push_back(id);
             break;
@@ -244,7 +250,10 @@ std::vector<LibId> read_libraries(Kind kind, int fd, std::string_view name, cons
 class Walker {
 public:
     Walker(const HostRoot& root, const LibraryLimits& lim, RootCache& cache, LibraryStats& stats)
-        : root_(root), lim_(lim), cache_(cache), stats_(stats),
+        : root_(root),
+          lim_(lim),
+          cache_(cache),
+          stats_(stats),
           deadline_(std::chrono::steady_clock::now() +
                     std::chrono::milliseconds(static_cast<int64_t>(lim.max_seconds * 1000))) {}
 
@@ -295,9 +304,12 @@ private:
     }
     bool check_bounds(const std::string& where) {
         if (stopped()) return false;
-        if (stats_.entries >= lim_.max_entries) stop("entries", where);
-        else if (found_.size() >= lim_.max_records) stop("records", where);
-        else if ((stats_.entries & 255) == 0 && std::chrono::steady_clock::now() >= deadline_) stop("time", where);
+        if (stats_.entries >= lim_.max_entries)
+            stop("entries", where);
+        else if (found_.size() >= lim_.max_records)
+            stop("records", where);
+        else if ((stats_.entries & 255) == 0 && std::chrono::steady_clock::now() >= deadline_)
+            stop("time", where);
         return !stopped();
     }
 
@@ -356,7 +368,8 @@ void Walker::walk_dir(int dfd, std::string& path, const struct stat& dst, int de
             if (sub >= 0) {
                 struct stat st;
                 // Crossing into another file system: only local ones are walked.
-                if (::fstat(sub, &st) == 0 && S_ISDIR(st.st_mode) && (st.st_dev == dst.st_dev || !foreign_fs(sub))) {
+                if (::fstat(sub, &st) == 0 && S_ISDIR(st.st_mode) &&
+                    (st.st_dev == dst.st_dev || !foreign_fs(sub))) {
                     walk_dir(sub, path, st, depth + 1);
                 } else {
                     ::close(sub);
@@ -395,7 +408,8 @@ void Walker::visit_file(int dfd, const char* name, const std::string& dir, Kind 
     if (fd < 0) return;
     struct stat fst;
     // The file opened must be the one looked at: no swap in between.
-    if (::fstat(fd, &fst) != 0 || !S_ISREG(fst.st_mode) || fst.st_dev != st.st_dev || fst.st_ino != st.st_ino) {
+    if (::fstat(fd, &fst) != 0 || !S_ISREG(fst.st_mode) || fst.st_dev != st.st_dev ||
+        fst.st_ino != st.st_ino) {
         ::close(fd);
         return;
     }
@@ -464,8 +478,8 @@ std::vector<std::string> Walker::process_dirs() {
         if (ends_with(cwd, " (deleted)") || cwd.find('\0') != std::string::npos) continue;
         cwd = normalize_path(cwd);
         // "/" and the system's own trees are not applications' homes.
-        static const char* const kSystem[] = {"/", "/usr", "/bin", "/sbin", "/lib", "/lib64", "/etc", "/boot",
-                                              "/proc", "/sys", "/dev", "/run", "/var", "/tmp"};
+        static const char* const kSystem[] = {"/",     "/usr",  "/bin", "/sbin", "/lib", "/lib64", "/etc",
+                                              "/boot", "/proc", "/sys", "/dev",  "/run", "/var",   "/tmp"};
         bool system = false;
         for (const char* s : kSystem) system |= cwd == s;
         for (const char* s : {"/proc/", "/sys/", "/dev/", "/run/"}) system |= starts_with(cwd, s);
@@ -474,8 +488,8 @@ std::vector<std::string> Walker::process_dirs() {
         // own view: walked only when the host's path is that very directory.
         struct stat real, here;
         Fd in_root(open_in_root(root_fd_.get(), cwd, false));
-        if (in_root.get() < 0 || ::fstatat(pid.get(), "cwd", &real, 0) != 0 || ::fstat(in_root.get(), &here) != 0 ||
-            real.st_dev != here.st_dev || real.st_ino != here.st_ino)
+        if (in_root.get() < 0 || ::fstatat(pid.get(), "cwd", &real, 0) != 0 ||
+            ::fstat(in_root.get(), &here) != 0 || real.st_dev != here.st_dev || real.st_ino != here.st_ino)
             continue;
         dirs.push_back(cwd);
         if (dirs.size() >= 4096) break;
@@ -487,9 +501,18 @@ std::vector<std::string> Walker::process_dirs() {
 }  // namespace
 
 std::vector<std::string> library_roots(const HostRoot& root) {
-    std::vector<std::string> roots = {"/opt", "/srv", "/usr/local", "/var/www", "/var/lib", "/root",
-                                      "/usr/share/java", "/usr/lib/jvm", "/usr/lib/node_modules",
-                                      "/usr/share/nodejs", "/usr/lib/ruby", "/usr/share/rubygems-integration",
+    std::vector<std::string> roots = {"/opt",
+                                      "/srv",
+                                      "/usr/local",
+                                      "/var/www",
+                                      "/var/lib",
+                                      "/root",
+                                      "/usr/share/java",
+                                      "/usr/lib/jvm",
+                                      "/usr/lib/node_modules",
+                                      "/usr/share/nodejs",
+                                      "/usr/lib/ruby",
+                                      "/usr/share/rubygems-integration",
                                       "/usr/share/php"};
     const int rfd = open_root_dir(root.root());
     if (rfd < 0) return roots;
@@ -541,18 +564,22 @@ int32_t collect_libraries(const HostRoot& root, std::vector<AM::ThirdPartDevLibI
     int last_err = 0;
     for (const std::string& r : roots) {
         int err = 0;
-        if (w.walk_root(r, &err)) ++walked;
-        else if (err == ENOENT || err == ENOTDIR) ++absent;
-        else last_err = err;
+        if (w.walk_root(r, &err))
+            ++walked;
+        else if (err == ENOENT || err == ENOTDIR)
+            ++absent;
+        else
+            last_err = err;
     }
     if (walked == 0) return last_err ? -EACCES : -ENOENT;
 
     std::vector<AM::ThirdPartDevLibInfo>& found = w.found();
-    std::sort(found.begin(), found.end(), [](const AM::ThirdPartDevLibInfo& a, const AM::ThirdPartDevLibInfo& b) {
-        if (a.path != b.path) return a.path < b.path;
-        if (a.name != b.name) return a.name < b.name;
-        return a.version < b.version;
-    });
+    std::sort(found.begin(), found.end(),
+              [](const AM::ThirdPartDevLibInfo& a, const AM::ThirdPartDevLibInfo& b) {
+                  if (a.path != b.path) return a.path < b.path;
+                  if (a.name != b.name) return a.name < b.name;
+                  return a.version < b.version;
+              });
     found.erase(std::unique(found.begin(), found.end(),
                             [](const AM::ThirdPartDevLibInfo& a, const AM::ThirdPartDevLibInfo& b) {
                                 return a.path == b.path && a.name == b.name && a.version == b.version;
@@ -568,8 +595,10 @@ int32_t collect_libraries(const HostRoot& root, std::vector<AM::ThirdPartDevLibI
     } else {
         // Files not met this time are gone (or out of reach): forget them.
         for (auto it = cache.files.begin(); it != cache.files.end();) {
-            if (it->second.gen != cache.gen) it = cache.files.erase(it);
-            else ++it;
+            if (it->second.gen != cache.gen)
+                it = cache.files.erase(it);
+            else
+                ++it;
         }
     }
     if (stats_out) *stats_out = stats;

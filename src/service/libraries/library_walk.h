@@ -14,10 +14,10 @@
 namespace amsvc {
 
 struct LibraryLimits {
-    int max_depth = 64;              // directory levels below a walk root
-    size_t max_entries = 2000000;    // directory entries looked at, all roots together
-    double max_seconds = 300;        // wall time of one collection
-    size_t max_records = 200000;     // libraries reported
+    int max_depth = 64;            // directory levels below a walk root
+    size_t max_entries = 2000000;  // directory entries looked at, all roots together
+    double max_seconds = 300;      // wall time of one collection
+    size_t max_records = 200000;   // libraries reported
     ArchiveLimits archive;
     // Walk these host paths instead of the usual application roots (tests,
     // benchmark); the working directories of processes are still walked first
@@ -27,11 +27,11 @@ struct LibraryLimits {
 };
 
 struct LibraryStats {
-    size_t dirs = 0;        // directories walked
-    size_t entries = 0;     // directory entries looked at
-    size_t parsed = 0;      // files opened and read this time
-    size_t cached = 0;      // files answered from the cache
-    std::string bound;      // the bound that stopped the walk ("" when none did)
+    size_t dirs = 0;     // directories walked
+    size_t entries = 0;  // directory entries looked at
+    size_t parsed = 0;   // files opened and read this time
+    size_t cached = 0;   // files answered from the cache
+    std::string bound;   // the bound that stopped the walk ("" when none did)
 };
 
 // Prefix of the `version` of the record that ends a list cut by a bound.

@@ -31,8 +31,8 @@ void check_table(const std::vector<Case>& cases, F parse) {
 }  // namespace
 
 TEST(LibParse, PomProperties) {
-    check_table({{"#Generated\ngroupId=org.apache.logging.log4j\nartifactId=log4j-core\nversion=2.14.1\n", true,
-                  "org.apache.logging.log4j:log4j-core", "2.14.1"},
+    check_table({{"#Generated\ngroupId=org.apache.logging.log4j\nartifactId=log4j-core\nversion=2.14.1\n",
+                  true, "org.apache.logging.log4j:log4j-core", "2.14.1"},
                  {"version = 1.0 \r\nartifactId : a\r\n", true, "a", "1.0"},
                  {"groupId=g\nversion=1\n", false, "", ""},
                  {"", false, "", ""}},
@@ -46,11 +46,12 @@ TEST(LibParse, PomProperties) {
 
 TEST(LibParse, Manifest) {
     check_table(
-        {{"Manifest-Version: 1.0\r\nImplementation-Title: Apache Log4j Core\r\nImplementation-Version: 2.14.1\r\n", true,
-          "Apache Log4j Core", "2.14.1"},
+        {{"Manifest-Version: 1.0\r\nImplementation-Title: Apache Log4j Core\r\nImplementation-Version: "
+          "2.14.1\r\n",
+          true, "Apache Log4j Core", "2.14.1"},
          // Directives of the symbolic name go; a 72-byte line continues after one space.
-         {"Bundle-SymbolicName: com.google.guava.fail\n ureaccess;singleton:=true\nBundle-Version: 1.0.1\n", true,
-          "com.google.guava.failureaccess", "1.0.1"},
+         {"Bundle-SymbolicName: com.google.guava.fail\n ureaccess;singleton:=true\nBundle-Version: 1.0.1\n",
+          true, "com.google.guava.failureaccess", "1.0.1"},
          // Only the main section counts.
          {"Manifest-Version: 1.0\n\nName: x/\nImplementation-Title: other\n", false, "", ""},
          {"Created-By: 17 (Debian)\n", false, "", ""},
@@ -60,10 +61,14 @@ TEST(LibParse, Manifest) {
 
 TEST(LibParse, FileAndSharedObjectNames) {
     const char* const files[][3] = {
-        {"log4j-core-2.14.1.jar", "log4j-core", "2.14.1"},     {"log4j-1.2-api-2.17.1.jar", "log4j-1.2-api", "2.17.1"},
-        {"guava-31.1-jre.jar", "guava", "31.1-jre"},           {"lucene-core-9.4.2-2.jar", "lucene-core", "9.4.2-2"},
-        {"hadoop-3.war", "hadoop", "3"},                        {"app.jar", "app", ""},
-        {"rake-13.0.6.gemspec", "rake", "13.0.6"},              {"bcprov-jdk15on-1.70.jar", "bcprov-jdk15on", "1.70"},
+        {"log4j-core-2.14.1.jar", "log4j-core", "2.14.1"},
+        {"log4j-1.2-api-2.17.1.jar", "log4j-1.2-api", "2.17.1"},
+        {"guava-31.1-jre.jar", "guava", "31.1-jre"},
+        {"lucene-core-9.4.2-2.jar", "lucene-core", "9.4.2-2"},
+        {"hadoop-3.war", "hadoop", "3"},
+        {"app.jar", "app", ""},
+        {"rake-13.0.6.gemspec", "rake", "13.0.6"},
+        {"bcprov-jdk15on-1.70.jar", "bcprov-jdk15on", "1.70"},
     };
     for (const auto& f : files) {
         std::string n, v;
@@ -72,9 +77,14 @@ TEST(LibParse, FileAndSharedObjectNames) {
         EXPECT_EQ(v, f[2]) << f[0];
     }
     const char* const sos[][3] = {
-        {"libfoo.so.1.2.3", "libfoo", "1.2.3"}, {"libssl.so.3", "libssl", "3"}, {"libfoo.so", "libfoo", ""},
-        {"libfoo-1.2.so", "libfoo-1.2", ""},   {"libx.solver.so.1", "libx.solver", "1"},
-        {"notes.sol", nullptr, nullptr},       {"libfoo.so.bak", nullptr, nullptr}, {".so", nullptr, nullptr},
+        {"libfoo.so.1.2.3", "libfoo", "1.2.3"},
+        {"libssl.so.3", "libssl", "3"},
+        {"libfoo.so", "libfoo", ""},
+        {"libfoo-1.2.so", "libfoo-1.2", ""},
+        {"libx.solver.so.1", "libx.solver", "1"},
+        {"notes.sol", nullptr, nullptr},
+        {"libfoo.so.bak", nullptr, nullptr},
+        {".so", nullptr, nullptr},
     };
     for (const auto& s : sos) {
         std::string n, v;
@@ -87,13 +97,13 @@ TEST(LibParse, FileAndSharedObjectNames) {
 }
 
 TEST(LibParse, PythonNodeGem) {
-    check_table({{"Metadata-Version: 2.1\nName: requests\nVersion: 2.31.0\nSummary: x\n\nName: not-me\n", true,
-                  "requests", "2.31.0"},
+    check_table({{"Metadata-Version: 2.1\nName: requests\nVersion: 2.31.0\nSummary: x\n\nName: not-me\n",
+                  true, "requests", "2.31.0"},
                  {"Metadata-Version: 1.0\r\nName: old\r\nVersion: 0.1\r\n", true, "old", "0.1"},
                  {"\nName: body-only\n", false, "", ""}},
                 parse_python_metadata);
-    check_table({{R"({"version":"1.0.0","dependencies":{"name":"x","version":"9"},"name":"@scope/pkg"})", true,
-                  "@scope/pkg", "1.0.0"},
+    check_table({{R"({"version":"1.0.0","dependencies":{"name":"x","version":"9"},"name":"@scope/pkg"})",
+                  true, "@scope/pkg", "1.0.0"},
                  {R"({"name": "yallist", "version": "4.0.0", "files": ["a"]})", true, "yallist", "4.0.0"},
                  {R"({"version": "1"})", false, "", ""},
                  {R"(["name", "x"])", false, "", ""},
@@ -105,10 +115,10 @@ TEST(LibParse, PythonNodeGem) {
     LibId id;
     EXPECT_TRUE(parse_package_json(deep, id));
     EXPECT_EQ(id.name, "d");
-    check_table({{"Gem::Specification.new do |s|\n  s.name = \"rake\".freeze\n  s.version = \"13.0.6\"\n", true,
-                  "rake", "13.0.6"},
-                 {"Gem::Specification.new do |spec|\n spec.name = %q{json}\n spec.version = '2.6.1'\n", true, "json",
-                  "2.6.1"},
+    check_table({{"Gem::Specification.new do |s|\n  s.name = \"rake\".freeze\n  s.version = \"13.0.6\"\n",
+                  true, "rake", "13.0.6"},
+                 {"Gem::Specification.new do |spec|\n spec.name = %q{json}\n spec.version = '2.6.1'\n", true,
+                  "json", "2.6.1"},
                  {"s.required_rubygems_version = Gem::Requirement.new(\">= 0\")\n", false, "", ""}},
                 parse_gemspec);
 }
@@ -151,8 +161,14 @@ TEST(LibParse, GoModinfo) {
 
 namespace {
 
-const char kStart[] = "0w\xaf\x0c\x92t\x08\x02" "A\xe1\xc1\x07\xe6\xd6\x18\xe6";
-const char kEnd[] = "\xf9" "2C1\x86\x18 r\x00\x82" "B\x10" "A\x16\xd8\xf2";
+const char kStart[] =
+    "0w\xaf\x0c\x92t\x08\x02"
+    "A\xe1\xc1\x07\xe6\xd6\x18\xe6";
+const char kEnd[] =
+    "\xf9"
+    "2C1\x86\x18 r\x00\x82"
+    "B\x10"
+    "A\x16\xd8\xf2";
 const std::string kMod = std::string(kStart, 16) + "path\tx\nmod\tx\t(devel)\t\n" + std::string(kEnd, 16);
 
 std::string header(unsigned char ptr, unsigned char flags) {
@@ -188,18 +204,21 @@ TEST(LibParse, GoBuildInfoBlob) {
     // segments. A minimal little-endian ELF64 with one writable PT_LOAD
     // mapping file offset 0x100 at address 0x400100.
     std::string elf(0x400, '\0');
-    memcpy(&elf[0], "\x7f" "ELF\x02\x01\x01", 7);
-    put64(elf, 32, 64);                           // e_phoff
-    elf[54] = 56;                                 // e_phentsize
-    elf[56] = 1;                                  // e_phnum
-    elf[64] = 1;                                  // PT_LOAD
-    elf[68] = 6;                                  // PF_R|PF_W
-    put64(elf, 64 + 8, 0x100);                    // p_offset
-    put64(elf, 64 + 16, 0x400100);                // p_vaddr
-    put64(elf, 64 + 32, 0x300);                   // p_filesz
+    memcpy(&elf[0],
+           "\x7f"
+           "ELF\x02\x01\x01",
+           7);
+    put64(elf, 32, 64);             // e_phoff
+    elf[54] = 56;                   // e_phentsize
+    elf[56] = 1;                    // e_phnum
+    elf[64] = 1;                    // PT_LOAD
+    elf[68] = 6;                    // PF_R|PF_W
+    put64(elf, 64 + 8, 0x100);      // p_offset
+    put64(elf, 64 + 16, 0x400100);  // p_vaddr
+    put64(elf, 64 + 32, 0x300);     // p_filesz
     std::string h = header(8, 0);
-    put64(h, 16, 0x400180);                       // -> version string header
-    put64(h, 24, 0x400190);                       // -> modinfo string header
+    put64(h, 16, 0x400180);  // -> version string header
+    put64(h, 24, 0x400190);  // -> modinfo string header
     elf.replace(0x100, 32, h);
     put64(elf, 0x180, 0x400200);
     put64(elf, 0x188, 8);

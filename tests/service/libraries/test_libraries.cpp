@@ -22,7 +22,8 @@ namespace {
 
 typedef std::set<std::string> Lines;  // "name|version|path"
 
-Lines collect(const HostRoot& root, const LibraryLimits& lim, LibraryStats* stats = nullptr, int* rc = nullptr) {
+Lines collect(const HostRoot& root, const LibraryLimits& lim, LibraryStats* stats = nullptr,
+              int* rc = nullptr) {
     std::vector<AM::ThirdPartDevLibInfo> out;
     const int r = collect_libraries(root, out, lim, stats);
     if (rc) *rc = r;
@@ -53,28 +54,37 @@ protected:
         amtest::TempDir& t = *t_;
         t.file("/src/log4j/META-INF/maven/org.apache.logging.log4j/log4j-core/pom.properties",
                "groupId=org.apache.logging.log4j\nartifactId=log4j-core\nversion=2.14.1\n");
-        ASSERT_EQ(sh("cd '" + t.path + "/src/log4j' && mkdir -p ../BOOT-INF/lib && zip -qr "
+        ASSERT_EQ(sh("cd '" + t.path +
+                     "/src/log4j' && mkdir -p ../BOOT-INF/lib && zip -qr "
                      "../BOOT-INF/lib/log4j-core-2.14.1.jar META-INF"),
                   0);
         // A manifest-only jar, made by the jar tool, compressed inside the fat jar.
-        t.file("/src/guava/Manifest.txt", "Bundle-SymbolicName: com.google.guava;singleton:=true\nBundle-Version: 31.1.0.jre\n");
+        t.file("/src/guava/Manifest.txt",
+               "Bundle-SymbolicName: com.google.guava;singleton:=true\nBundle-Version: 31.1.0.jre\n");
         t.file("/src/guava/com/x.class", "cafe");
-        ASSERT_EQ(sh("cd '" + t.path + "/src/guava' && jar cfm ../BOOT-INF/lib/guava-31.1-jre.jar Manifest.txt com"), 0);
-        t.file("/src/META-INF/maven/com.acme/app/pom.properties", "groupId=com.acme\nartifactId=app\nversion=1.0\n");
+        ASSERT_EQ(sh("cd '" + t.path +
+                     "/src/guava' && jar cfm ../BOOT-INF/lib/guava-31.1-jre.jar Manifest.txt com"),
+                  0);
+        t.file("/src/META-INF/maven/com.acme/app/pom.properties",
+               "groupId=com.acme\nartifactId=app\nversion=1.0\n");
         t.file("/src/META-INF/maven/com.google.code.gson/gson/pom.properties",
                "groupId=com.google.code.gson\nartifactId=gson\nversion=2.8.9\n");
-        ASSERT_EQ(sh("cd '" + t.path + "/src' && mkdir -p ../opt/app && zip -q0r ../opt/app/app.jar META-INF/maven "
-                     "BOOT-INF/lib/log4j-core-2.14.1.jar && zip -q9 ../opt/app/app.jar BOOT-INF/lib/guava-31.1-jre.jar"),
+        ASSERT_EQ(sh("cd '" + t.path +
+                     "/src' && mkdir -p ../opt/app && zip -q0r ../opt/app/app.jar META-INF/maven "
+                     "BOOT-INF/lib/log4j-core-2.14.1.jar && zip -q9 ../opt/app/app.jar "
+                     "BOOT-INF/lib/guava-31.1-jre.jar"),
                   0);
         // An ear holding a war holding a jar; and a jar with neither pom nor manifest.
         t.file("/src/jd/META-INF/maven/com.fasterxml.jackson.core/jackson-databind/pom.properties",
                "groupId=com.fasterxml.jackson.core\nartifactId=jackson-databind\nversion=2.13.4\n");
         t.file("/src/plain/a.txt", "x");
-        ASSERT_EQ(sh("cd '" + t.path + "/src' && mkdir -p war/WEB-INF/lib ear/lib && (cd jd && zip -qr "
-                     "../war/WEB-INF/lib/jackson-databind-2.13.4.jar META-INF) && (cd plain && zip -q "
-                     "../ear/lib/commons-lang3-3.12.0.jar a.txt) && (cd war && zip -qr ../ear/web.war WEB-INF) && "
-                     "mkdir -p ../srv && cd ear && zip -qr ../../srv/shop.ear lib web.war"),
-                  0);
+        ASSERT_EQ(
+            sh("cd '" + t.path +
+               "/src' && mkdir -p war/WEB-INF/lib ear/lib && (cd jd && zip -qr "
+               "../war/WEB-INF/lib/jackson-databind-2.13.4.jar META-INF) && (cd plain && zip -q "
+               "../ear/lib/commons-lang3-3.12.0.jar a.txt) && (cd war && zip -qr ../ear/web.war WEB-INF) && "
+               "mkdir -p ../srv && cd ear && zip -qr ../../srv/shop.ear lib web.war"),
+            0);
     }
     static void TearDownTestSuite() {
         delete t_;
@@ -108,7 +118,8 @@ TEST_F(JavaTree, NestingDepthAndCache) {
     LibraryLimits lim = no_procs();
     lim.archive.max_depth = 2;  // the ear and the war, not the war's jars
     const Lines got = collect(HostRoot(t_->path), lim);
-    EXPECT_TRUE(got.count("jackson-databind|2.13.4|/srv/shop.ear!/web.war!/WEB-INF/lib/jackson-databind-2.13.4.jar"));
+    EXPECT_TRUE(
+        got.count("jackson-databind|2.13.4|/srv/shop.ear!/web.war!/WEB-INF/lib/jackson-databind-2.13.4.jar"));
 
     clear_library_cache();
     LibraryStats first, second, third;
@@ -160,7 +171,8 @@ TEST(LibraryHostile, HostileFilesYieldWhatCanBeRead) {
     ASSERT_EQ(sh("chown nobody '" + t.path + "/home/mallory'"), 0);
     const std::string m = t.path + "/home/mallory";
     ASSERT_EQ(sh("runuser -u nobody -- sh -c \"cd '" + m + "' && mkfifo x.jar && ln -s '" + outside.path +
-                 "/o' out && ln -s /etc/passwd passwd.jar && ln -s '" + outside.path + "/o/secret-9.9.jar' s.jar\""),
+                 "/o' out && ln -s /etc/passwd passwd.jar && ln -s '" + outside.path +
+                 "/o/secret-9.9.jar' s.jar\""),
               0);
     const char* py = R"PY(
 import zipfile, sys, os
@@ -215,16 +227,20 @@ open(d + '/cut-3.0.jar', 'wb').write(data[:len(data) // 2])
 // host root with walk roots inside the scratch tree, so ownership is judged
 // by this machine's real package database.
 TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
-    if (!amtest::have_tools("go") || access("/usr/bin/python3", X_OK) != 0) GTEST_SKIP() << "go and python3 needed";
+    if (!amtest::have_tools("go") || access("/usr/bin/python3", X_OK) != 0)
+        GTEST_SKIP() << "go and python3 needed";
     amtest::TempDir t("amlibe");
     const std::string venv = t.path + "/opt/venv";
     ASSERT_EQ(sh("/usr/bin/python3 -m venv '" + venv + "'"), 0);
     // What the interpreter itself says is installed in the venv.
     Lines want;
-    const std::string dists = run("'" + venv + "/bin/python' -c 'import importlib.metadata as m, sys\n"
-                                  "for d in m.distributions(): print(d.metadata[\"Name\"] + \"|\" + d.version + \"|\" + "
-                                  "str(d._path))'");
-    for (std::string_view l : split_lines(dists)) want.insert(std::string(l).replace(l.rfind('|') + 1, t.path.size(), ""));
+    const std::string dists =
+        run("'" + venv +
+            "/bin/python' -c 'import importlib.metadata as m, sys\n"
+            "for d in m.distributions(): print(d.metadata[\"Name\"] + \"|\" + d.version + \"|\" + "
+            "str(d._path))'");
+    for (std::string_view l : split_lines(dists))
+        want.insert(std::string(l).replace(l.rfind('|') + 1, t.path.size(), ""));
     ASSERT_FALSE(want.empty());
     t.file("/opt/venv/lib/python3.11/site-packages/old-0.1.egg-info/PKG-INFO", "Name: old\nVersion: 0.1\n");
     want.insert("old|0.1|/opt/venv/lib/python3.11/site-packages/old-0.1.egg-info");
@@ -232,12 +248,14 @@ TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
     t.file("/srv/web/node_modules/express/package.json", R"({"name":"express","version":"4.18.2"})");
     t.file("/srv/web/node_modules/express/lib/package.json", R"({"name":"not-a-package","version":"0"})");
     t.file("/srv/web/node_modules/@babel/core/package.json", R"({"name":"@babel/core","version":"7.22.0"})");
-    t.file("/srv/web/node_modules/express/node_modules/debug/package.json", R"({"name":"debug","version":"2.6.9"})");
+    t.file("/srv/web/node_modules/express/node_modules/debug/package.json",
+           R"({"name":"debug","version":"2.6.9"})");
     want.insert("express|4.18.2|/srv/web/node_modules/express");
     want.insert("@babel/core|7.22.0|/srv/web/node_modules/@babel/core");
     want.insert("debug|2.6.9|/srv/web/node_modules/express/node_modules/debug");
 
-    t.file("/srv/gems/specifications/rack-2.2.4.gemspec", "Gem::Specification.new do |s|\n  s.name = \"rack\".freeze\n  s.version = \"2.2.4\"\nend\n");
+    t.file("/srv/gems/specifications/rack-2.2.4.gemspec",
+           "Gem::Specification.new do |s|\n  s.name = \"rack\".freeze\n  s.version = \"2.2.4\"\nend\n");
     want.insert("rack|2.2.4|/srv/gems/specifications/rack-2.2.4.gemspec");
     t.file("/srv/php/vendor/composer/installed.json",
            R"({"packages":[{"name":"monolog/monolog","version":"2.3.5","install-path":"../monolog/monolog"},)"
@@ -249,10 +267,13 @@ TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
     // `go version -m` prints is what is expected.
     t.file("/gosrc/dep/go.mod", "module example.com/dep\n\ngo 1.19\n");
     t.file("/gosrc/dep/dep.go", "package dep\n\nfunc Hello() string { return \"hi\" }\n");
-    t.file("/gosrc/app/go.mod", "module example.com/app\n\ngo 1.19\n\nrequire example.com/dep v1.2.3\n\n"
-                                "replace example.com/dep => ../dep\n");
-    t.file("/gosrc/app/main.go", "package main\n\nimport \"example.com/dep\"\n\nfunc main() { println(dep.Hello()) }\n");
-    ASSERT_EQ(sh("cd '" + t.path + "/gosrc/app' && mkdir -p ../../opt/goapp && GOFLAGS=-mod=mod GOPROXY=off "
+    t.file("/gosrc/app/go.mod",
+           "module example.com/app\n\ngo 1.19\n\nrequire example.com/dep v1.2.3\n\n"
+           "replace example.com/dep => ../dep\n");
+    t.file("/gosrc/app/main.go",
+           "package main\n\nimport \"example.com/dep\"\n\nfunc main() { println(dep.Hello()) }\n");
+    ASSERT_EQ(sh("cd '" + t.path +
+                 "/gosrc/app' && mkdir -p ../../opt/goapp && GOFLAGS=-mod=mod GOPROXY=off "
                  "CGO_ENABLED=0 go build -o ../../opt/goapp/server ."),
               0);
     const std::string go_says = run("go version -m '" + t.path + "/opt/goapp/server'");
@@ -275,7 +296,8 @@ TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
     LibraryLimits lim = no_procs();
     // Merged /usr: dpkg names gconv under /usr/lib and the PAM modules under
     // /lib; each is walked under the other name.
-    lim.roots = {t.path + "/opt", t.path + "/srv", "/lib/x86_64-linux-gnu/gconv", "/usr/lib/x86_64-linux-gnu/security"};
+    lim.roots = {t.path + "/opt", t.path + "/srv", "/lib/x86_64-linux-gnu/gconv",
+                 "/usr/lib/x86_64-linux-gnu/security"};
     Lines got = collect(HostRoot("/"), lim);
     Lines got_rel;
     for (const std::string& l : got) {
@@ -286,7 +308,8 @@ TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
     }
     EXPECT_EQ(got_rel, want);
     // Those modules are all owned by a package, as dpkg -S says.
-    EXPECT_EQ(sh("dpkg -S /usr/lib/x86_64-linux-gnu/gconv/UTF-7.so /lib/x86_64-linux-gnu/security/pam_unix.so"), 0);
+    EXPECT_EQ(
+        sh("dpkg -S /usr/lib/x86_64-linux-gnu/gconv/UTF-7.so /lib/x86_64-linux-gnu/security/pam_unix.so"), 0);
     for (const std::string& l : got) {
         EXPECT_EQ(l.find("gconv"), std::string::npos) << l;
         EXPECT_EQ(l.find("security"), std::string::npos) << l;
@@ -299,8 +322,11 @@ TEST(LibraryHostile, JarSwappedForFifoDuringTheWalk) {
     if (!amtest::have_tools("zip")) GTEST_SKIP() << "zip needed";
     amtest::TempDir t("amlibr");
     t.file("/src/META-INF/maven/g/race/pom.properties", "groupId=g\nartifactId=race\nversion=1\n");
-    ASSERT_EQ(sh("cd '" + t.path + "/src' && mkdir -p ../opt && zip -qr ../opt/real.jar META-INF && mkfifo ../opt/fifo"), 0);
-    const std::string jar = t.path + "/opt/real.jar", fifo = t.path + "/opt/fifo", race = t.path + "/opt/race-1.jar";
+    ASSERT_EQ(sh("cd '" + t.path +
+                 "/src' && mkdir -p ../opt && zip -qr ../opt/real.jar META-INF && mkfifo ../opt/fifo"),
+              0);
+    const std::string jar = t.path + "/opt/real.jar", fifo = t.path + "/opt/fifo",
+                      race = t.path + "/opt/race-1.jar";
     std::atomic<bool> done{false};
     std::thread swapper([&] {
         for (int i = 0; !done; ++i) {
