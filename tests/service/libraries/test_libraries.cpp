@@ -1,0 +1,350 @@
+// The library walk over trees built here with the real tools: jar/zip,
+// python3 -m venv, go build; checked against those tools' own view
+// (importlib.metadata, go version -m, dpkg -S) where they have one.
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "core/common.h"
+#include "libraries/library_walk.h"
+#include "test_util.h"
+
+using namespace amsvc;
+using amtest::run;
+
+namespace {
+
+typedef std::set<std::string> Lines;  // "name|version|path"
+
+Lines collect(const HostRoot& root, const LibraryLimits& lim, LibraryStats* stats = nullptr,
+              int* rc = nullptr) {
+    std::vector<AM::ThirdPartDevLibInfo> out;
+    const int r = collect_libraries(root, out, lim, stats);
+    if (rc) *rc = r;
+    Lines lines;
+    for (const auto& l : out) lines.insert(l.name + "|" + l.version + "|" + l.path);
+    return lines;
+}
+
+LibraryLimits no_procs() {
+    LibraryLimits lim;
+    lim.with_process_dirs = false;
+    return lim;
+}
+
+int sh(const std::string& cmd) {
+    int st = -1;
+    run("set -e; " + cmd + " >/dev/null 2>&1", &st);
+    return st;
+}
+
+}  // namespace
+
+class JavaTree : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (!amtest::have_tools("zip jar")) return;
+        t_ = new amtest::TempDir("amlibs");
+        amtest::TempDir& t = *t_;
+        t.file("/src/log4j/META-INF/maven/org.apache.logging.log4j/log4j-core/pom.properties",
+               "groupId=org.apache.logging.log4j\nartifactId=log4j-core\nversion=2.14.1\n");
+        ASSERT_EQ(sh("cd '" + t.path +
+                     "/src/log4j' && mkdir -p ../BOOT-INF/lib && zip -qr "
+                     "../BOOT-INF/lib/log4j-core-2.14.1.jar META-INF"),
+                  0);
+        // A manifest-only jar, made by the jar tool, compressed inside the fat jar.
+        t.file("/src/guava/Manifest.txt",
+               "Bundle-SymbolicName: com.google.guava;singleton:=true\nBundle-Version: 31.1.0.jre\n");
+        t.file("/src/guava/com/x.class", "cafe");
+        ASSERT_EQ(sh("cd '" + t.path +
+                     "/src/guava' && jar cfm ../BOOT-INF/lib/guava-31.1-jre.jar Manifest.txt com"),
+                  0);
+        t.file("/src/META-INF/maven/com.acme/app/pom.properties",
+               "groupId=com.acme\nartifactId=app\nversion=1.0\n");
+        t.file("/src/META-INF/maven/com.google.code.gson/gson/pom.properties",
+               "groupId=com.google.code.gson\nartifactId=gson\nversion=2.8.9\n");
+        ASSERT_EQ(sh("cd '" + t.path +
+                     "/src' && mkdir -p ../opt/app && zip -q0r ../opt/app/app.jar META-INF/maven "
+                     "BOOT-INF/lib/log4j-core-2.14.1.jar && zip -q9 ../opt/app/app.jar "
+                     "BOOT-INF/lib/guava-31.1-jre.jar"),
+                  0);
+        // An ear holding a war holding a jar; and a jar with neither pom nor manifest.
+        t.file("/src/jd/META-INF/maven/com.fasterxml.jackson.core/jackson-databind/pom.properties",
+               "groupId=com.fasterxml.jackson.core\nartifactId=jackson-databind\nversion=2.13.4\n");
+        t.file("/src/plain/a.txt", "x");
+        ASSERT_EQ(
+            sh("cd '" + t.path +
+               "/src' && mkdir -p war/WEB-INF/lib ear/lib && (cd jd && zip -qr "
+               "../war/WEB-INF/lib/jackson-databind-2.13.4.jar META-INF) && (cd plain && zip -q "
+               "../ear/lib/commons-lang3-3.12.0.jar a.txt) && (cd war && zip -qr ../ear/web.war WEB-INF) && "
+               "mkdir -p ../srv && cd ear && zip -qr ../../srv/shop.ear lib web.war"),
+            0);
+    }
+    static void TearDownTestSuite() {
+        delete t_;
+        t_ = nullptr;
+    }
+    void SetUp() override {
+        if (!t_) GTEST_SKIP() << "zip and jar needed";
+    }
+    static amtest::TempDir* t_;
+};
+amtest::TempDir* JavaTree::t_ = nullptr;
+
+TEST_F(JavaTree, NestedArchivesAndFallbacks) {
+    const Lines got = collect(HostRoot(t_->path), no_procs());
+    const Lines want = {
+        "com.acme:app|1.0|/opt/app/app.jar",
+        "com.google.code.gson:gson|2.8.9|/opt/app/app.jar",
+        "org.apache.logging.log4j:log4j-core|2.14.1|/opt/app/app.jar!/BOOT-INF/lib/log4j-core-2.14.1.jar",
+        "com.google.guava|31.1.0.jre|/opt/app/app.jar!/BOOT-INF/lib/guava-31.1-jre.jar",
+        "shop||/srv/shop.ear",
+        "commons-lang3|3.12.0|/srv/shop.ear!/lib/commons-lang3-3.12.0.jar",
+        "web||/srv/shop.ear!/web.war",
+        "com.fasterxml.jackson.core:jackson-databind|2.13.4|/srv/shop.ear!/web.war!/WEB-INF/lib/"
+        "jackson-databind-2.13.4.jar",
+    };
+    EXPECT_EQ(got, want);
+}
+
+TEST_F(JavaTree, NestingDepthAndCache) {
+    clear_library_cache();
+    LibraryLimits lim = no_procs();
+    lim.archive.max_depth = 2;  // the ear and the war, not the war's jars
+    const Lines got = collect(HostRoot(t_->path), lim);
+    EXPECT_TRUE(
+        got.count("jackson-databind|2.13.4|/srv/shop.ear!/web.war!/WEB-INF/lib/jackson-databind-2.13.4.jar"));
+
+    clear_library_cache();
+    LibraryStats first, second, third;
+    collect(HostRoot(t_->path), no_procs(), &first);
+    collect(HostRoot(t_->path), no_procs(), &second);
+    EXPECT_EQ(first.parsed, 2u);
+    EXPECT_EQ(second.parsed, 0u);
+    EXPECT_EQ(second.cached, 2u);
+    // A file rewritten in place is read again, and only that one.
+    ASSERT_EQ(sh("cd '" + t_->path + "/src' && zip -q ../srv/shop.ear ear/lib/commons-lang3-3.12.0.jar"), 0);
+    collect(HostRoot(t_->path), no_procs(), &third);
+    EXPECT_EQ(third.parsed, 1u);
+}
+
+TEST_F(JavaTree, BoundsEndTheListWithAMarker) {
+    LibraryLimits lim = no_procs();
+    lim.max_entries = 3;
+    LibraryStats st;
+    std::vector<AM::ThirdPartDevLibInfo> out;
+    EXPECT_EQ(collect_libraries(HostRoot(t_->path), out, lim, &st), 0);
+    EXPECT_EQ(st.bound, "entries");
+    ASSERT_FALSE(out.empty());
+    EXPECT_EQ(out.back().name, "");
+    EXPECT_EQ(out.back().version, "incomplete: entries");
+
+    lim = no_procs();
+    lim.max_depth = 0;
+    out.clear();
+    EXPECT_EQ(collect_libraries(HostRoot(t_->path), out, lim, &st), 0);
+    EXPECT_EQ(st.bound, "depth");
+    EXPECT_EQ(out.back().version, "incomplete: depth");
+
+    EXPECT_EQ(collect_libraries(HostRoot(t_->path + "/nonexistent"), out, no_procs()), -ENOENT);
+    lim = no_procs();
+    lim.roots = {"/nothing-here"};
+    EXPECT_EQ(collect_libraries(HostRoot(t_->path), out, lim), -ENOENT);
+}
+
+// What an attacker lays out: a FIFO named like a jar, a truncated archive, a
+// zip bomb, 100k entries, a huge pom.properties, traversal names, links out
+// of the root; made by an unprivileged user where the file system allows.
+TEST(LibraryHostile, HostileFilesYieldWhatCanBeRead) {
+    if (!amtest::have_tools("zip python3 runuser")) GTEST_SKIP() << "zip, python3, runuser needed";
+    amtest::TempDir t("amlibh");
+    amtest::TempDir outside("amlibo");
+    outside.file("/o/secret-9.9.jar", "PK");
+    chmod(t.path.c_str(), 0755);
+    t.mkdir("/home/mallory");
+    ASSERT_EQ(sh("chown nobody '" + t.path + "/home/mallory'"), 0);
+    const std::string m = t.path + "/home/mallory";
+    ASSERT_EQ(sh("runuser -u nobody -- sh -c \"cd '" + m + "' && mkfifo x.jar && ln -s '" + outside.path +
+                 "/o' out && ln -s /etc/passwd passwd.jar && ln -s '" + outside.path +
+                 "/o/secret-9.9.jar' s.jar\""),
+              0);
+    const char* py = R"PY(
+import zipfile, sys, os
+d = sys.argv[1]
+z = zipfile.ZipFile(d + '/bomb-1.0.jar', 'w', zipfile.ZIP_DEFLATED)
+z.writestr('META-INF/maven/g/bomb/pom.properties', 'groupId=g\nartifactId=bomb\nversion=1.0\n' + 'x' * (10 << 20))
+inner = zipfile.ZipFile(d + '/inner.zip', 'w', zipfile.ZIP_STORED)
+inner.writestr('pad', b'\0' * (64 << 20))
+inner.close()
+z.write(d + '/inner.zip', 'BOOT-INF/lib/zeros-1.0.jar')
+z.writestr('../../../etc/evil-6.6.jar', 'PK')
+z.writestr('BOOT-INF/lib/\x1b[31mred-1.jar', 'x')
+z.close()
+os.remove(d + '/inner.zip')
+z = zipfile.ZipFile(d + '/many-2.0.jar', 'w', zipfile.ZIP_STORED)
+for i in range(100000): z.writestr('META-INF/maven/g/a%d/pom.properties' % i, 'artifactId=a%d\nversion=1\n' % i)
+z.close()
+data = open(d + '/many-2.0.jar', 'rb').read()
+open(d + '/cut-3.0.jar', 'wb').write(data[:len(data) // 2])
+)PY";
+    t.file("/gen.py", py);
+    ASSERT_EQ(sh("runuser -u nobody -- /usr/bin/python3 '" + t.path + "/gen.py' '" + m + "'"), 0);
+    // A link planted as a walk root leads nowhere outside the image.
+    t.link("/srv", outside.path + "/o");
+
+    LibraryStats st;
+    int rc = -1;
+    const Lines got = collect(HostRoot(t.path), no_procs(), &st, &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(st.bound, "");
+    const std::string h = "/home/mallory/";
+    // The bomb's pom is read from its head; its nested archive inflates past
+    // the bound, so it is named by its file name; the traversal and
+    // control-character names are not nested into.
+    EXPECT_TRUE(got.count("g:bomb|1.0|" + h + "bomb-1.0.jar"));
+    EXPECT_TRUE(got.count("zeros|1.0|" + h + "bomb-1.0.jar!/BOOT-INF/lib/zeros-1.0.jar"));
+    EXPECT_TRUE(got.count("cut|3.0|" + h + "cut-3.0.jar"));
+    size_t many = 0;
+    for (const std::string& l : got) {
+        EXPECT_EQ(l.find("secret"), std::string::npos) << l;
+        EXPECT_EQ(l.find("evil"), std::string::npos) << l;
+        EXPECT_EQ(l.find('\x1b'), std::string::npos) << l;
+        EXPECT_EQ(l.find("|/home/mallory/x.jar"), std::string::npos) << l;
+        EXPECT_EQ(l.find("passwd"), std::string::npos) << l;
+        many += l.find("many-2.0.jar") != std::string::npos;
+    }
+    // Each of the 100k poms is a library, up to the per-archive bound.
+    EXPECT_EQ(many, ArchiveLimits().max_poms);
+}
+
+// Python, Node, Ruby, Composer, Go and shared objects in one tree; the live
+// host root with walk roots inside the scratch tree, so ownership is judged
+// by this machine's real package database.
+TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
+    if (!amtest::have_tools("go") || access("/usr/bin/python3", X_OK) != 0)
+        GTEST_SKIP() << "go and python3 needed";
+    amtest::TempDir t("amlibe");
+    const std::string venv = t.path + "/opt/venv";
+    ASSERT_EQ(sh("/usr/bin/python3 -m venv '" + venv + "'"), 0);
+    // What the interpreter itself says is installed in the venv.
+    Lines want;
+    const std::string dists =
+        run("'" + venv +
+            "/bin/python' -c 'import importlib.metadata as m, sys\n"
+            "for d in m.distributions(): print(d.metadata[\"Name\"] + \"|\" + d.version + \"|\" + "
+            "str(d._path))'");
+    for (std::string_view l : split_lines(dists))
+        want.insert(std::string(l).replace(l.rfind('|') + 1, t.path.size(), ""));
+    ASSERT_FALSE(want.empty());
+    t.file("/opt/venv/lib/python3.11/site-packages/old-0.1.egg-info/PKG-INFO", "Name: old\nVersion: 0.1\n");
+    want.insert("old|0.1|/opt/venv/lib/python3.11/site-packages/old-0.1.egg-info");
+
+    t.file("/srv/web/node_modules/express/package.json", R"({"name":"express","version":"4.18.2"})");
+    t.file("/srv/web/node_modules/express/lib/package.json", R"({"name":"not-a-package","version":"0"})");
+    t.file("/srv/web/node_modules/@babel/core/package.json", R"({"name":"@babel/core","version":"7.22.0"})");
+    t.file("/srv/web/node_modules/express/node_modules/debug/package.json",
+           R"({"name":"debug","version":"2.6.9"})");
+    want.insert("express|4.18.2|/srv/web/node_modules/express");
+    want.insert("@babel/core|7.22.0|/srv/web/node_modules/@babel/core");
+    want.insert("debug|2.6.9|/srv/web/node_modules/express/node_modules/debug");
+
+    t.file("/srv/gems/specifications/rack-2.2.4.gemspec",
+           "Gem::Specification.new do |s|\n  s.name = \"rack\".freeze\n  s.version = \"2.2.4\"\nend\n");
+    want.insert("rack|2.2.4|/srv/gems/specifications/rack-2.2.4.gemspec");
+    t.file("/srv/php/vendor/composer/installed.json",
+           R"({"packages":[{"name":"monolog/monolog","version":"2.3.5","install-path":"../monolog/monolog"},)"
+           R"({"name":"evil/x","version":"1","install-path":"../../../../etc"}]})");
+    want.insert("monolog/monolog|2.3.5|/srv/php/vendor/monolog/monolog");
+    want.insert("evil/x|1|/srv/php/vendor/evil/x");
+
+    // A Go program with a dependency replaced by a local module; what
+    // `go version -m` prints is what is expected.
+    t.file("/gosrc/dep/go.mod", "module example.com/dep\n\ngo 1.19\n");
+    t.file("/gosrc/dep/dep.go", "package dep\n\nfunc Hello() string { return \"hi\" }\n");
+    t.file("/gosrc/app/go.mod",
+           "module example.com/app\n\ngo 1.19\n\nrequire example.com/dep v1.2.3\n\n"
+           "replace example.com/dep => ../dep\n");
+    t.file("/gosrc/app/main.go",
+           "package main\n\nimport \"example.com/dep\"\n\nfunc main() { println(dep.Hello()) }\n");
+    ASSERT_EQ(sh("cd '" + t.path +
+                 "/gosrc/app' && mkdir -p ../../opt/goapp && GOFLAGS=-mod=mod GOPROXY=off "
+                 "CGO_ENABLED=0 go build -o ../../opt/goapp/server ."),
+              0);
+    const std::string go_says = run("go version -m '" + t.path + "/opt/goapp/server'");
+    for (std::string_view l : split_lines(go_says)) {
+        const std::vector<std::string_view> f = split_ws(trim(l));
+        if (f.size() >= 3 && (f[0] == "mod" || f[0] == "dep"))
+            want.insert(std::string(f[1]) + "|" + std::string(f[2]) + "|/opt/goapp/server");
+        if (f.size() == 2 && f[0].find(':') != std::string_view::npos)
+            want.insert("stdlib|" + std::string(f[1]) + "|/opt/goapp/server");
+    }
+
+    // A shared object that dpkg installed is the package kind's; a copy of it
+    // elsewhere is not. Links to it are no records of their own.
+    const std::string real = "/usr/lib/x86_64-linux-gnu/libz.so.1.2.13";
+    ASSERT_EQ(sh("cp " + real + " '" + t.path + "/opt/libz.so.1.2.13' && ln -s libz.so.1.2.13 '" + t.path +
+                 "/opt/libz.so.1'"),
+              0);
+    want.insert("libz|1.2.13|/opt/libz.so.1.2.13");
+
+    LibraryLimits lim = no_procs();
+    // Merged /usr: dpkg names gconv under /usr/lib and the PAM modules under
+    // /lib; each is walked under the other name.
+    lim.roots = {t.path + "/opt", t.path + "/srv", "/lib/x86_64-linux-gnu/gconv",
+                 "/usr/lib/x86_64-linux-gnu/security"};
+    Lines got = collect(HostRoot("/"), lim);
+    Lines got_rel;
+    for (const std::string& l : got) {
+        std::string r = l;
+        const size_t at = r.find(t.path);
+        if (at != std::string::npos) r.erase(at, t.path.size());
+        got_rel.insert(r);
+    }
+    EXPECT_EQ(got_rel, want);
+    // Those modules are all owned by a package, as dpkg -S says.
+    EXPECT_EQ(
+        sh("dpkg -S /usr/lib/x86_64-linux-gnu/gconv/UTF-7.so /lib/x86_64-linux-gnu/security/pam_unix.so"), 0);
+    for (const std::string& l : got) {
+        EXPECT_EQ(l.find("gconv"), std::string::npos) << l;
+        EXPECT_EQ(l.find("security"), std::string::npos) << l;
+    }
+}
+
+// A file swapped between a jar and a FIFO while collections run: no hang,
+// and whatever is reported came from the jar.
+TEST(LibraryHostile, JarSwappedForFifoDuringTheWalk) {
+    if (!amtest::have_tools("zip")) GTEST_SKIP() << "zip needed";
+    amtest::TempDir t("amlibr");
+    t.file("/src/META-INF/maven/g/race/pom.properties", "groupId=g\nartifactId=race\nversion=1\n");
+    ASSERT_EQ(sh("cd '" + t.path +
+                 "/src' && mkdir -p ../opt && zip -qr ../opt/real.jar META-INF && mkfifo ../opt/fifo"),
+              0);
+    const std::string jar = t.path + "/opt/real.jar", fifo = t.path + "/opt/fifo",
+                      race = t.path + "/opt/race-1.jar";
+    std::atomic<bool> done{false};
+    std::thread swapper([&] {
+        for (int i = 0; !done; ++i) {
+            // race-1.jar is the jar, then the FIFO, then the jar again.
+            if (i % 2 == 0) {
+                rename(jar.c_str(), race.c_str());
+                rename(race.c_str(), jar.c_str());
+            } else {
+                rename(fifo.c_str(), race.c_str());
+                rename(race.c_str(), fifo.c_str());
+            }
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        clear_library_cache();
+        for (const std::string& l : collect(HostRoot(t.path), no_procs()))
+            EXPECT_TRUE(l == "g:race|1|/opt/real.jar" || l == "g:race|1|/opt/race-1.jar") << l;
+    }
+    done = true;
+    swapper.join();
+}
