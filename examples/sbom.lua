@@ -101,12 +101,13 @@ pkgs = nil
 local rc_lib, libs = inv.collect(spec_of.thirdpart_dev_lib, opts.fast)
 if rc_lib == 0 then
   for _, l in inv.each(libs) do
-    local url = purl.library(l)
-    local c = { type = "library", ["bom-ref"] = unique_ref(url .. "|" .. l.path), name = text(l.name),
-      version = text(l.version), purl = url,
-      evidence = { occurrences = { { location = text(l.path) } } } }
-    emit(c)
-    counts.library = counts.library + 1
+    -- A record without a name marks where a bounded walk stopped: no component.
+    if l.name ~= "" then
+      local url = purl.library(l)
+      emit({ type = "library", ["bom-ref"] = unique_ref(url .. "|" .. l.path), name = text(l.name),
+        version = text(l.version), purl = url, evidence = { occurrences = { { location = text(l.path) } } } })
+      counts.library = counts.library + 1
+    end
   end
 end
 libs = nil
