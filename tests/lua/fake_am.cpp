@@ -69,7 +69,6 @@ void decorate(IAssetManager::CronInfo& r, size_t i, const Plan&) {
 void decorate(IAssetManager::SysInstallPackageInfo& r, size_t, const Plan&) {
     r.size = 18446744073709551615ULL;
 }
-void decorate(IAssetManager::UserInfo& r, size_t, const Plan&) { r.uid = "0"; }
 
 template <class R>
 int32_t fill(const char* op, std::vector<R>& list) {
