@@ -42,8 +42,10 @@ TEST_F(Facade, InterfaceSlotOrder) {
     std::vector<AM::ThirdPartDevLibInfo> lt;
     AM::DockerInfo d;
     void* args[] = {nullptr, nullptr, &lp, &ln, &ls, &lu, &lk, &la, &lc, &lm, &sys, &lt, &d};
+    // clang-format off
     const char* ops[] = {"init", "release", "process", "netlink", "service", "user", "sys_install_package",
                          "auto_run_serv", "cron", "sys_module", "system", "thirdpart_dev_lib", "docker"};
+    // clang-format on
     for (int i = 0; i < 13; ++i) {
         if (i < 2)
             reinterpret_cast<int32_t (*)(IAssetManager*)>(vt[2 + i])(svc);

@@ -52,13 +52,14 @@ TEST(NetlinkProcTable, RejectsMalformedLines) {
     const std::string tail = " 00000000:00000000 00:00000000 00000000     0        0 1001 1";
     const std::pair<int, std::string> bad[] = {
         {AF_INET, ""},
-        {AF_INET, "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout"},
-        {AF_INET, "   8: 0100007F:0016 00000000:0000 10A" + tail},     // state out of range
-        {AF_INET, "   9 0100007F:0016 00000000:0000 0A" + tail},       // no colon after the slot
-        {AF_INET, "  10: 0100007F0016 00000000:0000 0A" + tail},       // no colon in the address
-        {AF_INET, "  11: 0100007F: 00000000:0000 0A" + tail},          // empty port
+        {AF_INET,
+         "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout"},
+        {AF_INET, "   8: 0100007F:0016 00000000:0000 10A" + tail},  // state out of range
+        {AF_INET, "   9 0100007F:0016 00000000:0000 0A" + tail},    // no colon after the slot
+        {AF_INET, "  10: 0100007F0016 00000000:0000 0A" + tail},    // no colon in the address
+        {AF_INET, "  11: 0100007F: 00000000:0000 0A" + tail},       // empty port
         {AF_INET, "  12: 0100007F:0016 00000000:0000 0A" + tail.substr(0, tail.size() - 6) + "-5 1"},
-        {AF_INET6, "   0: 00000000:0016 00000000:0000 0A" + tail},     // a v4 line is no v6 line
+        {AF_INET6, "   0: 00000000:0016 00000000:0000 0A" + tail},  // a v4 line is no v6 line
         {AF_UNIX, "   0: 00000000:0016 00000000:0000 0A" + tail},
     };
     for (const auto& b : bad) {
@@ -76,7 +77,8 @@ TEST(NetlinkProcTable, WholeTableSkipsJunkAndHonoursCeiling) {
                  1000 + i, 7000 + i);
         text += line + std::string(i % 10 == 0 ? "junk\n\n" : "");
     }
-    text += "  99: 0100007F:0016 00000000:0000 0A 00000000:00000000 00:00000000 00000000 0 0 9999 1";  // no \n
+    text +=
+        "  99: 0100007F:0016 00000000:0000 0A 00000000:00000000 00:00000000 00000000 0 0 9999 1";  // no \n
     std::vector<Sock> out;
     EXPECT_EQ(nl::parse_proc_net_table(text, Proto::kTcp, AF_INET, out), 51u);
     EXPECT_EQ(out.back().inode, 9999u);
@@ -228,7 +230,6 @@ TEST(NetlinkDiag, HostileBuffersNeverReadPastTheEnd) {
 }
 
 // ---------------------------------------------------------------- snapshot host root
-
 
 TEST(NetlinkSnapshot, FixtureHostWithContainerNamespace) {
     std::vector<AM::NetLinkInfo> out(3);  // replaced, not appended to
