@@ -92,27 +92,6 @@ describe("list classes", function()
       h.raises("invalid 'self' in function 'operator[]'", geti, nil, 0)
       h.raises("invalid 'self' in function 'operator&[]'", seti, nil, 0, x)
     end)
-
-    it(class_name .. " serves a read-only list through the read-only form", function()
-      local class = _G[class_name]
-      local l = class:new()
-      l:push_back(rec("ro"))
-      local mt = getmetatable(l)
-      local const_mt = debug.getregistry()["const vector<assetman::" .. r .. ">"]
-      debug.setmetatable(l, const_mt)
-      local ok, e = pcall(function()
-        assert.are.equal("const vector<assetman::" .. r .. ">", tolua.type(l))
-        assert.are.equal(1, l:size())
-        local item = l[0]
-        assert.are.equal("const assetman::" .. r, tolua.type(item))
-        assert.are.equal("ro", item[t])
-        h.raises("error in function 'push_back'.", function() l:push_back(rec("no")) end)
-        h.raises("error in function 'push_back'.", function() class.new_local(class):push_back(item) end)
-      end)
-      debug.setmetatable(l, mt)
-      l:delete()
-      assert(ok, e)
-    end)
   end
 
   it("hand out element copies that belong to the collector", function()
