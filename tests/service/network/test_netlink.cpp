@@ -2,14 +2,12 @@
 // bytes, a snapshot host root, and the live host checked against ss.
 #include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sched.h>
-#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
