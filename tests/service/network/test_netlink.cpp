@@ -66,17 +66,24 @@ TEST(NetlinkProcTable, RejectsMalformedLines) {
     }
 }
 
-TEST(NetlinkProcTable, WholeTableSkipsJunkAndHonoursCeiling) {
-    std::string text = "  sl  local_address rem_address st\n";
-    for (int i = 0; i < 50; ++i) {
-        char line[200];
+// A TCP table of n sockets 127.0.0.1:i -> 127.0.0.1:8080 (inode 100000 + i),
+// with a junk line after every `junk_every` of them.
+std::string tcp_table(int n, int junk_every, const char* eol = "\n") {
+    std::string text = "  sl  local_address rem_address   st\n";
+    char line[200];
+    for (int i = 0; i < n; ++i) {
         snprintf(line, sizeof line,
-                 "%4d: 0100007F:%04X 00000000:0000 0A 00000000:00000000 00:00000000 00000000 0 0 %d 1\r\n", i,
-                 1000 + i, 7000 + i);
-        text += line + std::string(i % 10 == 0 ? "junk\n\n" : "");
+                 "%6d: 0100007F:%04X 0100007F:1F90 01 00000000:00000000 00:00000000 00000000 0 0 %d 1%s", i,
+                 i % 65536, 100000 + i, eol);
+        text += line + std::string(i % junk_every == 0 ? "x:\n\n" : "");
     }
-    text +=
-        "  99: 0100007F:0016 00000000:0000 0A 00000000:00000000 00:00000000 00000000 0 0 9999 1";  // no \n
+    return text;
+}
+
+TEST(NetlinkProcTable, WholeTableSkipsJunkAndHonoursCeiling) {
+    const std::string text = tcp_table(50, 10, "\r\n") +
+                             "  99: 0100007F:0016 00000000:0000 0A 00000000:00000000 "
+                             "00:00000000 00000000 0 0 9999 1";  // no newline
     std::vector<Sock> out;
     EXPECT_EQ(nl::parse_proc_net_table(text, Proto::kTcp, AF_INET, out), 51u);
     EXPECT_EQ(out.back().inode, 9999u);
@@ -291,24 +298,10 @@ TEST(NetlinkSnapshot, MissingAndHostileSources) {
     EXPECT_EQ(out[0].pid, 0);
 }
 
+// Chunk boundaries of the streamed read fall anywhere; junk in between is skipped.
 TEST(NetlinkSnapshot, HugeTableIsStreamed) {
     TempDir t;
-    t.mkdir("/proc");
-    t.mkdir("/proc/net");
-    {
-        std::ofstream f(t.path + "/proc/net/tcp");
-        f << "  sl  local_address rem_address   st\n";
-        char line[200];
-        for (int i = 0; i < 200000; ++i) {
-            snprintf(line, sizeof line,
-                     "%6d: 0100007F:%04X 0100007F:1F90 01 00000000:00000000 00:00000000 00000000 0 0 %d 1 "
-                     "0000000000000000 20 4 30 10 -1\n",
-                     i, i % 65536, 100000 + i);
-            f << line;
-            // Chunk boundaries fall anywhere; junk in between is skipped.
-            if (i % 1000 == 0) f << "x:\n";
-        }
-    }
+    t.file("/proc/net/tcp", tcp_table(200000, 1000));
     std::vector<AM::NetLinkInfo> out;
     ASSERT_EQ(amsvc::collect_netlinks(HostRoot(t.path), out), 0);
     EXPECT_EQ(out.size(), 200000u);
