@@ -101,14 +101,10 @@ TEST(UserParse, PasswdSkipsMalformedAndNisLines) {
         "junk\nshort:x:1\n:x:5:5::/:/bin/sh\ntoomany:x:1:1:a:b:c:d\nnogid:x:1::a:b:c\n"
         "odd:x:00042:abc:g,e,c,o,s::\r\n");
     ASSERT_EQ(v.size(), 2u);
-    EXPECT_EQ(v[0].name, "root");
-    EXPECT_EQ(v[0].shell, "/bin/bash");
+    EXPECT_EQ(v[0].name + ":" + v[0].shell, "root:/bin/bash");
     // Ids stay text as written; empty home and shell are kept empty.
-    EXPECT_EQ(v[1].uid, "00042");
-    EXPECT_EQ(v[1].gid, "abc");
-    EXPECT_EQ(v[1].gecos, "g,e,c,o,s");
-    EXPECT_EQ(v[1].home, "");
-    EXPECT_EQ(v[1].shell, "");
+    EXPECT_EQ(v[1].uid + ":" + v[1].gid + ":" + v[1].gecos + ":" + v[1].home + ":" + v[1].shell,
+              "00042:abc:g,e,c,o,s::");
 }
 
 TEST(UserParse, GroupMembers) {
@@ -209,11 +205,8 @@ TEST(UserParse, SudoersHostileInput) {
 }
 
 TEST(UserParse, LoginRecords) {
+    // A whole record is read in UserTree.FixtureAccounts (alice).
     LoginRecord r;
-    EXPECT_TRUE(parse_lastlog_record(lastlog_record(1700000000, "pts/0", "192.0.2.7"), r));
-    EXPECT_EQ(r.time, 1700000000);
-    EXPECT_EQ(r.line, "pts/0");
-    EXPECT_EQ(r.host, "192.0.2.7");
     EXPECT_FALSE(parse_lastlog_record(lastlog_record(0, "", ""), r));                   // never logged in
     EXPECT_FALSE(parse_lastlog_record(lastlog_record(5, "x", "y").substr(0, 100), r));  // short
     // Full-width fields without a terminating zero stay bounded.
@@ -231,9 +224,7 @@ TEST(UserParse, LoginRecords) {
     w += std::string(100, '\x07');  // torn last record
     const auto m = parse_wtmp(w);
     ASSERT_EQ(m.size(), 2u);
-    EXPECT_EQ(m.at("bob").time, 1650000000);
-    EXPECT_EQ(m.at("bob").line, "pts/3");
-    EXPECT_EQ(m.at("bob").host, "198.51.100.9");
+    EXPECT_EQ(m.at("bob").line, "pts/3");  // the latest login
     EXPECT_EQ(m.at("carol").host, "2001:db8::1");
 }
 
