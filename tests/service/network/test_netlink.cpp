@@ -18,7 +18,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -427,18 +426,6 @@ bool split_ss_endpoint(std::string s, std::string& addr, int& port, bool& v6) {
     return true;
 }
 
-std::string ss_state(const std::string& proto, std::string st) {
-    if (proto != "tcp") return st;  // UNCONN / ESTAB as they stand
-    if (st == "ESTAB") return "ESTABLISHED";
-    if (st == "UNCONN") return "CLOSE";
-    static const std::map<std::string, std::string> kMap = {{"FIN-WAIT-1", "FIN_WAIT1"},
-                                                            {"FIN-WAIT-2", "FIN_WAIT2"}};
-    const auto it = kMap.find(st);
-    if (it != kMap.end()) return it->second;
-    std::replace(st.begin(), st.end(), '-', '_');
-    return st;
-}
-
 // The sockets `ss` reports for the given pids, with the pids it names.
 std::map<Conn, std::set<int>> ss_sockets(const char* args, const std::set<int>& pids) {
     std::map<Conn, std::set<int>> out;
@@ -462,7 +449,8 @@ std::map<Conn, std::set<int>> ss_sockets(const char* args, const std::set<int>& 
         if (!split_ss_endpoint(local, la, lp, lv6) || !split_ss_endpoint(peer, ra, rp, rv6)) continue;
         const bool v6 = lv6 || la.find(':') != std::string::npos;
         if (ra == "::" && !v6) ra = "0.0.0.0";
-        const std::string st = ss_state(proto, state);
+        // The states our sockets are in: ss says ESTAB for TCP's ESTABLISHED too.
+        const std::string st = proto == "tcp" && state == std::string("ESTAB") ? "ESTABLISHED" : state;
         out[Conn(proto + (v6 ? "6" : ""), la, lp, ra, rp, st)] = owners;
     }
     pclose(p);
