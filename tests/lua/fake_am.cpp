@@ -1,12 +1,13 @@
-// A counting stand-in for the asset service for the Lua tests. Preloaded into
-// the interpreter, so assetman.so's get_am_instance resolves here; its control
-// functions are reached from Lua through package.loadlib("luaopen_fake_am").
-#include <malloc.h>
-#include <stddef.h>
+// The counting fake service (see fake_am.h). Preloaded into the interpreter or
+// linked into a test program, so assetman.so's get_am_instance resolves here.
+#include "fake_am.h"
 
+#include <malloc.h>
+
+#include <condition_variable>
 #include <map>
+#include <mutex>
 #include <stdexcept>
-#include <string>
 #include <vector>
 
 extern "C" {
@@ -20,24 +21,25 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak)
 
 namespace {
 
-struct Plan {
-    int32_t code = 0;
-    size_t records = 1;
-    size_t text_len = 0;  // when set, records carry one text of this length
-    bool fail = false;    // throw instead of filling
-};
+using fake_am::Plan;
 
+// Guarded by mu: the facade tests call from several threads.
 struct State {
+    std::mutex mu;
+    std::condition_variable released_cv;
+    bool released = false;
     std::map<std::string, Plan> plans;
     std::map<std::string, int> calls;
     std::map<std::string, size_t> size_seen;
     bool system_null = false;
 } g;
 
-const Plan& enter(const char* op, size_t size) {
+Plan enter(const char* op, size_t size) {
+    std::unique_lock<std::mutex> lock(g.mu);
     ++g.calls[op];
     g.size_seen[op] = size;
-    const Plan& p = g.plans[op];
+    const Plan p = g.plans[op];
+    if (p.hold) g.released_cv.wait(lock, [] { return g.released; });
     if (p.fail) throw std::runtime_error(std::string("fake service failed in ") + op);
     return p;
 }
@@ -67,11 +69,10 @@ void decorate(IAssetManager::CronInfo& r, size_t i, const Plan&) {
 void decorate(IAssetManager::SysInstallPackageInfo& r, size_t, const Plan&) {
     r.size = 18446744073709551615ULL;
 }
-void decorate(IAssetManager::UserInfo& r, size_t, const Plan&) { r.uid = "0"; }
 
 template <class R>
 int32_t fill(const char* op, std::vector<R>& list) {
-    const Plan& p = enter(op, list.size());
+    const Plan p = enter(op, list.size());
     list.clear();
     for (size_t i = 0; i < p.records; ++i) {
         R r{};
@@ -101,11 +102,11 @@ public:
         return fill("thirdpart_dev_lib", l);
     }
     int32_t collect_system(SystemInfo* s) override {
-        const Plan& p = enter("system", 0);
+        const Plan p = enter("system", 0);
         g.system_null = s == nullptr;
         if (s) {
             s->host = "host1";
-            s->version = "os-1";
+            s->version = p.blank ? "" : "os-1";
             s->b64 = true;
             s->envs.clear();
             for (size_t i = 0; i < p.records; ++i) s->envs.push_back("K" + std::to_string(i) + "=V");
@@ -124,8 +125,8 @@ public:
         return p.code;
     }
     int32_t collect_docker(DockerInfo& d) override {
-        const Plan& p = enter("docker", 0);
-        d.storage_driver = "overlay2";
+        const Plan p = enter("docker", 0);
+        d.storage_driver = p.blank ? "" : "overlay2";
         d.version = "20.10";
         d.image_num = "3";
         d.container_num = "0";
@@ -135,11 +136,12 @@ public:
 
 // fake_am.set(op, code [, records [, text_len [, fail]]])
 int l_set(lua_State* L) {
-    Plan& p = g.plans[luaL_checkstring(L, 1)];
+    Plan p;
     p.code = static_cast<int32_t>(luaL_checknumber(L, 2));
     p.records = static_cast<size_t>(luaL_optnumber(L, 3, 1));
     p.text_len = static_cast<size_t>(luaL_optnumber(L, 4, 0));
     p.fail = lua_toboolean(L, 5) != 0;
+    fake_am::set(luaL_checkstring(L, 1), p);
     return 0;
 }
 // The native object behind a tolua++ value, as a light userdata.
@@ -166,11 +168,11 @@ int l_envs(lua_State* L) {
     return 1;
 }
 int l_calls(lua_State* L) {
-    lua_pushnumber(L, g.calls[luaL_checkstring(L, 1)]);
+    lua_pushnumber(L, fake_am::calls(luaL_checkstring(L, 1)));
     return 1;
 }
 int l_size_seen(lua_State* L) {
-    lua_pushnumber(L, static_cast<lua_Number>(g.size_seen[luaL_checkstring(L, 1)]));
+    lua_pushnumber(L, static_cast<lua_Number>(fake_am::size_seen(luaL_checkstring(L, 1))));
     return 1;
 }
 int l_system_null(lua_State* L) {
@@ -178,10 +180,7 @@ int l_system_null(lua_State* L) {
     return 1;
 }
 int l_reset(lua_State*) {
-    g.plans.clear();
-    g.calls.clear();
-    g.size_seen.clear();
-    g.system_null = false;
+    fake_am::reset();
     return 0;
 }
 // fake_am.push_reg(list, n): appends n records to a vector<assetman::RegAutoStartInfo>,
@@ -206,6 +205,34 @@ int l_heap(lua_State* L) {
 }
 
 }  // namespace
+
+namespace fake_am {
+void set(const std::string& op, const Plan& plan) {
+    std::lock_guard<std::mutex> lock(g.mu);
+    g.plans[op] = plan;
+}
+int calls(const std::string& op) {
+    std::lock_guard<std::mutex> lock(g.mu);
+    return g.calls[op];
+}
+size_t size_seen(const std::string& op) {
+    std::lock_guard<std::mutex> lock(g.mu);
+    return g.size_seen[op];
+}
+void release_holds() {
+    std::lock_guard<std::mutex> lock(g.mu);
+    g.released = true;
+    g.released_cv.notify_all();
+}
+void reset() {
+    std::lock_guard<std::mutex> lock(g.mu);
+    g.plans.clear();
+    g.calls.clear();
+    g.size_seen.clear();
+    g.system_null = false;
+    g.released = false;
+}
+}  // namespace fake_am
 
 extern "C" __attribute__((visibility("default"))) IAssetManager* get_am_instance() {
     static FakeAm instance;

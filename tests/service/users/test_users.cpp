@@ -101,14 +101,10 @@ TEST(UserParse, PasswdSkipsMalformedAndNisLines) {
         "junk\nshort:x:1\n:x:5:5::/:/bin/sh\ntoomany:x:1:1:a:b:c:d\nnogid:x:1::a:b:c\n"
         "odd:x:00042:abc:g,e,c,o,s::\r\n");
     ASSERT_EQ(v.size(), 2u);
-    EXPECT_EQ(v[0].name, "root");
-    EXPECT_EQ(v[0].shell, "/bin/bash");
+    EXPECT_EQ(v[0].name + ":" + v[0].shell, "root:/bin/bash");
     // Ids stay text as written; empty home and shell are kept empty.
-    EXPECT_EQ(v[1].uid, "00042");
-    EXPECT_EQ(v[1].gid, "abc");
-    EXPECT_EQ(v[1].gecos, "g,e,c,o,s");
-    EXPECT_EQ(v[1].home, "");
-    EXPECT_EQ(v[1].shell, "");
+    EXPECT_EQ(v[1].uid + ":" + v[1].gid + ":" + v[1].gecos + ":" + v[1].home + ":" + v[1].shell,
+              "00042:abc:g,e,c,o,s::");
 }
 
 TEST(UserParse, GroupMembers) {
@@ -118,42 +114,40 @@ TEST(UserParse, GroupMembers) {
     EXPECT_TRUE(g[1].members.empty());
 }
 
+// Each line's dates, whether it disables the account on day 19700
+// (2023-12-09), and a day on which it did not yet (0: none).
 TEST(UserParse, ShadowDatesAndDisabledStates) {
-    const auto s = parse_shadow(
-        "a:$6$x:19500:0:90:7:::\n"          // password expires after 90 days
-        "b:!$6$x:19500:0:99999:7:::\n"      // locked
-        "c:*:19500::::::\n"                 // no password, not locked
-        "d:$6$x:19500:0:99999:7::19600:\n"  // account expired
-        "e:$6$x:0:0:99999:7:::\n"           // must change at next login
-        "f:$6$x:19000:0:30:7:10::\n"        // inactive period over
-        "g:$6$x:19500:0:10000:7::0:\n"      // max >= 10000: never; expire day 0
-        "h:$6$x:junk:-5:x::::\n"            // junk numbers
-        "i:$6$x:9223372036854775807:0:5:7:9223372036854775807:9223372036854775807:\n"
-        "short:x:1\n");
+    struct Case {
+        std::string line, changed, password_expires, expires;
+        bool disabled;
+        time_t not_yet;
+    };
+    const Case cases[] = {
+        // An expired password alone does not disable.
+        {"a:$6$x:19500:0:90:7:::", "2023-05-23", "2023-08-21", "", false, 0},
+        {"b:!$6$x:19500:0:99999:7:::", "2023-05-23", "", "", true, 0},  // locked
+        {"c:*:19500::::::", "2023-05-23", "", "", false, 0},            // no password, not locked
+        {"d:$6$x:19500:0:99999:7::19600:", "2023-05-23", "", "2023-08-31", true, 19599},  // expired
+        {"e:$6$x:0:0:99999:7:::", "", "", "", false, 0},  // must change at next login
+        {"f:$6$x:19000:0:30:7:10::", "2022-01-08", "2022-02-07", "", true, 19040},  // inactive period over
+        {"g:$6$x:19500:0:10000:7::0:", "2023-05-23", "", "1970-01-01", true, 0},    // max >= 10000: never
+        {"h:$6$x:junk:-5:x::::", "", "", "", false, 0},
+        // Absurd numbers count as unset.
+        {"i:$6$x:9223372036854775807:0:5:7:9223372036854775807:9223372036854775807:", "", "", "", false, 0},
+    };
+    std::string text;
+    for (const Case& c : cases) text += c.line + "\n";
+    const auto s = parse_shadow(text + "short:x:1\n");
     ASSERT_EQ(s.size(), 9u);
-    const time_t now = 19700 * 86400;  // 2023-12-09
-    EXPECT_EQ(last_change_date(s[0]), "2023-05-23");
-    EXPECT_EQ(password_expire_date(s[0]), "2023-08-21");
-    EXPECT_EQ(account_expire_date(s[0]), "");
-    EXPECT_FALSE(is_disabled(s[0], now));  // expired password alone does not disable
-    EXPECT_TRUE(is_disabled(s[1], now));
-    EXPECT_FALSE(is_disabled(s[2], now));
-    EXPECT_EQ(account_expire_date(s[3]), "2023-08-31");
-    EXPECT_TRUE(is_disabled(s[3], now));
-    EXPECT_FALSE(is_disabled(s[3], 19599 * 86400));
-    EXPECT_EQ(last_change_date(s[4]), "");
-    EXPECT_EQ(password_expire_date(s[4]), "");
-    EXPECT_TRUE(is_disabled(s[5], now));
-    EXPECT_FALSE(is_disabled(s[5], (19000 + 40) * 86400));
-    EXPECT_EQ(password_expire_date(s[6]), "");
-    EXPECT_EQ(account_expire_date(s[6]), "1970-01-01");
-    EXPECT_TRUE(is_disabled(s[6], now));
-    EXPECT_EQ(last_change_date(s[7]), "");
+    for (size_t i = 0; i < s.size(); ++i) {
+        const Case& c = cases[i];
+        EXPECT_EQ(last_change_date(s[i]), c.changed) << c.line;
+        EXPECT_EQ(password_expire_date(s[i]), c.password_expires) << c.line;
+        EXPECT_EQ(account_expire_date(s[i]), c.expires) << c.line;
+        EXPECT_EQ(is_disabled(s[i], 19700 * 86400), c.disabled) << c.line;
+        EXPECT_TRUE(!c.not_yet || !is_disabled(s[i], c.not_yet * 86400)) << c.line;
+    }
     EXPECT_EQ(s[7].min_days, -1);
-    EXPECT_FALSE(is_disabled(s[7], now));
-    EXPECT_EQ(s[8].last_change, -1);  // absurd numbers count as unset
-    EXPECT_EQ(password_expire_date(s[8]), "");
-    EXPECT_FALSE(is_disabled(s[8], now));
 }
 
 TEST(UserParse, SudoersRules) {
@@ -211,11 +205,8 @@ TEST(UserParse, SudoersHostileInput) {
 }
 
 TEST(UserParse, LoginRecords) {
+    // A whole record is read in UserTree.FixtureAccounts (alice).
     LoginRecord r;
-    EXPECT_TRUE(parse_lastlog_record(lastlog_record(1700000000, "pts/0", "192.0.2.7"), r));
-    EXPECT_EQ(r.time, 1700000000);
-    EXPECT_EQ(r.line, "pts/0");
-    EXPECT_EQ(r.host, "192.0.2.7");
     EXPECT_FALSE(parse_lastlog_record(lastlog_record(0, "", ""), r));                   // never logged in
     EXPECT_FALSE(parse_lastlog_record(lastlog_record(5, "x", "y").substr(0, 100), r));  // short
     // Full-width fields without a terminating zero stay bounded.
@@ -233,9 +224,7 @@ TEST(UserParse, LoginRecords) {
     w += std::string(100, '\x07');  // torn last record
     const auto m = parse_wtmp(w);
     ASSERT_EQ(m.size(), 2u);
-    EXPECT_EQ(m.at("bob").time, 1650000000);
-    EXPECT_EQ(m.at("bob").line, "pts/3");
-    EXPECT_EQ(m.at("bob").host, "198.51.100.9");
+    EXPECT_EQ(m.at("bob").line, "pts/3");  // the latest login
     EXPECT_EQ(m.at("carol").host, "2001:db8::1");
 }
 
@@ -277,32 +266,28 @@ TEST_F(UserTree, FixtureAccounts) {
     EXPECT_EQ(disabled, (std::set<std::string>{"bob", "eve", "dave", "gina"}));
 
     const AM::UserInfo& a = m.at("alice");
-    EXPECT_EQ(a.uid, "1000");
-    EXPECT_EQ(a.gid, "1000");
-    EXPECT_EQ(a.groupname, "alice");
-    EXPECT_EQ(a.comment, "Alice A,,,");
-    EXPECT_EQ(a.homedir, "/home/alice");
-    EXPECT_EQ(a.shell, "/bin/bash");
-    EXPECT_EQ(a.last_change_passwd, "2023-05-23");
-    EXPECT_EQ(a.passwd_expire, "2023-08-21");
-    EXPECT_EQ(a.account_expire, "");
+    EXPECT_EQ(a.uid + ":" + a.gid + ":" + a.groupname + ":" + a.comment + ":" + a.homedir + ":" + a.shell,
+              "1000:1000:alice:Alice A,,,:/home/alice:/bin/bash");
+    EXPECT_EQ(a.last_change_passwd + " " + a.passwd_expire + " " + a.account_expire,
+              "2023-05-23 2023-08-21 ");
     // lastlog wins over wtmp
-    EXPECT_EQ(a.last_login_time, "2023-11-14 22:13:20");
-    EXPECT_EQ(a.last_login_term, "pts/0");
-    EXPECT_EQ(a.last_login_ip, "192.0.2.7");
-
-    EXPECT_EQ(m.at("bob").last_login_time, "2022-04-15 05:20:00");
-    EXPECT_EQ(m.at("bob").last_login_ip, "198.51.100.9");
-    EXPECT_EQ(m.at("dave").last_login_ip, "example.org");
-    EXPECT_EQ(m.at("dave").groupname, "users");
-    EXPECT_EQ(m.at("dave").account_expire, "2023-08-31");
-    EXPECT_EQ(m.at("carol").last_login_time, "");
-    EXPECT_EQ(m.at("eve").uid, "01004");
-    EXPECT_EQ(m.at("leo").groupname, "sudo");  // gid "027" matches group 27
-    EXPECT_EQ(m.at("leo").gid, "027");
-    EXPECT_EQ(m.at("crlf").shell, "/bin/bash");
-    EXPECT_EQ(m.at("judy").account_expire, "2243-10-16");
-    EXPECT_EQ(m.at("hank").passwd_expire, "");
+    EXPECT_EQ(a.last_login_time + " " + a.last_login_term + " " + a.last_login_ip,
+              "2023-11-14 22:13:20 pts/0 192.0.2.7");
+    const std::tuple<const char*, std::string AM::UserInfo::*, const char*> fields[] = {
+        {"bob", &AM::UserInfo::last_login_time, "2022-04-15 05:20:00"},
+        {"bob", &AM::UserInfo::last_login_ip, "198.51.100.9"},
+        {"dave", &AM::UserInfo::last_login_ip, "example.org"},
+        {"dave", &AM::UserInfo::groupname, "users"},
+        {"carol", &AM::UserInfo::last_login_time, ""},
+        {"eve", &AM::UserInfo::uid, "01004"},
+        {"leo", &AM::UserInfo::groupname, "sudo"},  // gid "027" matches group 27
+        {"leo", &AM::UserInfo::gid, "027"},
+        {"crlf", &AM::UserInfo::shell, "/bin/bash"},
+        {"judy", &AM::UserInfo::account_expire, "2243-10-16"},
+        {"hank", &AM::UserInfo::passwd_expire, ""},
+    };
+    for (const auto& f : fields)
+        EXPECT_EQ(m.at(std::get<0>(f)).*std::get<1>(f), std::get<2>(f)) << std::get<0>(f);
 }
 
 TEST_F(UserTree, MissingAndUnreadableSources) {
