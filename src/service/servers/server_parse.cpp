@@ -576,10 +576,11 @@ void mycnf_file(Reader& r, const std::string& text, size_t depth, ServerConf& c,
                 files.push_back(arg);
             } else if (w[0] == "!includedir") {
                 std::vector<std::string> names;
-                if (r.source().list(arg, names)) {
+                const std::string dir = normalize_path(arg);
+                if (r.source().list(dir, names)) {
                     std::sort(names.begin(), names.end());
                     for (const std::string& n : names)
-                        if (ends_with(n, ".cnf")) files.push_back(resolve(arg, n));
+                        if (ends_with(n, ".cnf")) files.push_back(resolve(dir, n));
                 }
             }
             for (const std::string& f : files) {
@@ -654,7 +655,7 @@ void pg_file(Reader& r, const std::string& path, const std::string& text, size_t
         if (key == "include" || key == "include_if_exists") {
             files.push_back(resolve(dir, val));
         } else if (key == "include_dir") {
-            const std::string d = resolve(dir, val);
+            const std::string d = normalize_path(resolve(dir, val));
             std::vector<std::string> names;
             if (r.source().list(d, names)) {
                 std::sort(names.begin(), names.end());
@@ -1105,7 +1106,15 @@ std::vector<DpkgEntry> dpkg_matching(std::string_view status, const std::vector<
         if (end == std::string_view::npos) end = status.size();
         const std::string_view stanza = status.substr(pos, end - pos);
         pos = end + 2;
-        if (!starts_with(stanza, "Package: ") && stanza.find("\nPackage: ") == std::string_view::npos) continue;
+        // The name first: most stanzas end there.
+        const size_t at = starts_with(stanza, "Package: ") ? 0 : stanza.find("\nPackage: ");
+        if (at == std::string_view::npos) continue;
+        const size_t from = at == 0 ? 9 : at + 10;
+        const size_t eol = stanza.find('\n', from);
+        const std::string_view pname = trim(stanza.substr(from, eol == std::string_view::npos ? eol : eol - from));
+        bool wanted = false;
+        for (const std::string& g : globs) wanted = wanted || glob_match(g, pname);
+        if (!wanted) continue;
         DpkgEntry e;
         bool installed = false;
         for (std::string_view line : split_lines(stanza)) {
@@ -1115,12 +1124,7 @@ std::vector<DpkgEntry> dpkg_matching(std::string_view status, const std::vector<
             else if (starts_with(line, "Multi-Arch: ")) e.multi_arch = std::string(trim(line.substr(12)));
             else if (starts_with(line, "Status: ")) installed = ends_with(trim(line), " installed");
         }
-        if (!installed || e.name.empty()) continue;
-        for (const std::string& g : globs)
-            if (glob_match(g, e.name)) {
-                out.push_back(std::move(e));
-                break;
-            }
+        if (installed && !e.name.empty()) out.push_back(std::move(e));
     }
     return out;
 }

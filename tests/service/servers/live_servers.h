@@ -170,6 +170,7 @@ struct LiveServers {
     bool start_memcached() {
         const std::string d = dir + "/memcached";
         std::filesystem::create_directories(d);
+        chmod(d.c_str(), 0777);  // it writes its pid file as nobody
         if (sh("/usr/bin/memcached -d -u nobody -l 127.0.0.1 -p " + std::to_string(memcached_port()) +
                " -U 0 -P " + d + "/mc.pid >/dev/null 2>&1") != 0 ||
             !wait_port(memcached_port())) {

@@ -1,0 +1,264 @@
+// collect_servers on fixture trees (an image with nginx configured, a server
+// in a container under a fake /proc, hostile configurations) and on Debian's
+// servers started here, compared with nginx -T, apache2ctl -S, ss and dpkg.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <regex>
+#include <set>
+
+#include "../test_util.h"
+#include "collectors.h"
+#include "live_servers.h"
+
+using amsvc::AM;
+using amtest::TempDir;
+
+namespace {
+
+// A literal with its NUL bytes.
+#define BYTES(lit) std::string(lit, sizeof(lit) - 1)
+
+std::vector<AM::ServiceInfo> collect(const std::string& root, int32_t* rc = nullptr) {
+    std::vector<AM::ServiceInfo> out;
+    const int32_t r = amsvc::collect_servers(amsvc::HostRoot(root), out);
+    if (rc) *rc = r;
+    return out;
+}
+
+std::set<std::string> site_keys(const AM::ServiceInfo& s) {
+    std::set<std::string> k;
+    for (const auto& h : s.hosts) k.insert(std::to_string(h.port) + " " + h.host);
+    return k;
+}
+
+const AM::ServiceInfo* find(const std::vector<AM::ServiceInfo>& v, uint32_t pid, uint32_t port) {
+    for (const auto& s : v)
+        if (s.pid == pid && s.port == port) return &s;
+    return nullptr;
+}
+
+TEST(Servers, ImageWithNginxConfiguredButIdleAndHostileFiles) {
+    TempDir t("amsrv");
+    t.file("/etc/nginx/nginx.conf",
+           "error_log /var/log/nginx/e.log;\nhttp { access_log /var/log/nginx/a.log;\n"
+           "include /etc/nginx/sites-enabled/*; }\n");
+    t.file("/etc/nginx/sites-available/shop",
+           "server { listen 8081; server_name shop.test www.shop.test; root /srv/shop; }\n");
+    t.link("/etc/nginx/sites-enabled/shop", "../sites-available/shop");
+    // Hostile: a link to the image's shadow file (root-only), a loop, a FIFO,
+    // a file readable by its owner only, NUL bytes.
+    t.file("/etc/shadow", "server { listen 6666; server_name leaked; }\n", 0640);
+    t.link("/etc/nginx/sites-enabled/shadow", "/etc/shadow");
+    t.file("/etc/nginx/sites-enabled/loop", "include /etc/nginx/sites-enabled/*;\n"
+                                            "server { listen 8082; server_name loop.test; }\n");
+    t.file("/etc/nginx/sites-enabled/secret", "server { listen 6667; server_name secret.test; }\n", 0600);
+    ASSERT_EQ(mkfifo((t.path + "/etc/nginx/sites-enabled/fifo").c_str(), 0644), 0);
+    t.file("/etc/nginx/sites-enabled/nul", BYTES("server { listen 8083; server_name nul.test; }\n\0"
+                                                 "server { listen 6668; }"));
+    // A link that leaves the image must not reach the machine's /etc.
+    t.link("/etc/nginx/sites-enabled/host", "../../../../../../etc/nginx/nginx.conf");
+
+    const auto t0 = std::chrono::steady_clock::now();
+    int32_t rc = -1;
+    const auto out = collect(t.path, &rc);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(10));  // a hang guard, not a timing check
+    EXPECT_EQ(rc, 0);
+    std::set<uint32_t> ports;
+    std::set<std::string> names;
+    for (const auto& s : out) {
+        EXPECT_EQ(s.pid, 0u);
+        EXPECT_EQ(s.type, 1u);
+        EXPECT_EQ(s.configure_path, "/etc/nginx/nginx.conf");
+        EXPECT_EQ(s.log_path, "/var/log/nginx/e.log");
+        ports.insert(s.port);
+        for (const auto& h : s.hosts) {
+            names.insert(h.host);
+            EXPECT_EQ(h.port, s.port);
+        }
+    }
+    EXPECT_EQ(ports, (std::set<uint32_t>{8081, 8082, 8083}));
+    EXPECT_EQ(names, (std::set<std::string>{"shop.test", "www.shop.test", "loop.test", "nul.test"}));
+    const AM::ServiceInfo* shop = find(out, 0, 8081);
+    ASSERT_TRUE(shop);
+    ASSERT_EQ(shop->hosts.size(), 2u);
+    EXPECT_EQ(shop->hosts[0].document, "/srv/shop");
+    EXPECT_EQ(shop->hosts[0].logpath, "/var/log/nginx/a.log");
+}
+
+// A server in a container: its sockets and process under a /proc of the tree,
+// its configuration inside its own root.
+TEST(Servers, ContainerServerReadsItsOwnRoot) {
+    TempDir t("amsrv");
+    t.file("/proc/net/tcp",
+           "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
+           "   0: 0100007F:1F98 00000000:0000 0A 00000000:00000000 00:00000000 00000000     0        0 777 1\n");
+    t.file("/proc/4242/stat", "4242 (nginx) S 1 4242 4242 0 -1 4194560 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n");
+    t.file("/proc/4242/comm", "nginx\n");
+    t.file("/proc/4242/status", "Name:\tnginx\nUid:\t0\t0\t0\t0\nGid:\t0\t0\t0\t0\n");
+    t.file("/proc/4242/cmdline", BYTES("nginx: master process /usr/sbin/nginx -g daemon off;\0"));
+    t.file("/proc/4242/cgroup", "0::/system.slice/web.service\n");
+    t.link("/proc/4242/fd/3", "socket:[777]");
+    t.link("/proc/4242/exe", "/usr/sbin/nginx");
+    t.link("/proc/4242/root", "/containers/c1");
+    t.file("/containers/c1/etc/nginx/nginx.conf",
+           "http { server { listen 8088; server_name inside.test; root /usr/share/nginx/html; } }\n");
+    t.file("/containers/c1/usr/sbin/nginx", BYTES("\x7f" "ELF\x02\x01\x01") + std::string(11, '\0') +
+                                                BYTES("\xb7\0") + std::string(100, 'x') + BYTES("nginx/1.25.3\0"));
+
+    const auto out = collect(t.path);
+    const AM::ServiceInfo* s = find(out, 4242, 8088);
+    ASSERT_TRUE(s) << out.size();
+    EXPECT_EQ(s->type, 1u);
+    EXPECT_EQ(s->configure_path, "/etc/nginx/nginx.conf");
+    EXPECT_EQ(s->srv_name, "web.service");
+    EXPECT_EQ(s->arch, "aarch64");
+    EXPECT_EQ(s->version, "1.25.3");  // the container's program, not the host's package
+    EXPECT_EQ(site_keys(*s), (std::set<std::string>{"8088 inside.test"}));
+    for (const auto& r : out) EXPECT_NE(r.pid, 0u) << "the tree has no /etc/nginx of its own";
+}
+
+// ------------------------------------------------------------ the real thing
+
+// (port, name) pairs of `nginx -T`: our test configuration puts one listen
+// and one server_name per line.
+std::set<std::string> nginx_t_sites(const std::string& dump) {
+    std::set<std::string> out;
+    std::vector<std::string> ports, names;
+    std::istringstream in(dump);
+    std::string line;
+    const std::regex listen(R"(^\s*listen\s+[^:;]*:(\d+);)"), name(R"(^\s*server_name\s+([^;]+);)");
+    std::smatch m;
+    while (std::getline(in, line)) {
+        if (std::regex_search(line, m, listen)) ports.push_back(m[1]);
+        if (std::regex_search(line, m, name)) {
+            std::istringstream ns(m[1].str());
+            std::string n;
+            while (ns >> n) names.push_back(n);
+        }
+        if (line.find('}') != std::string::npos && line.find('{') == std::string::npos && !ports.empty() &&
+            line.find_first_not_of(" }") == std::string::npos && line.size() == 1) {
+            for (const auto& p : ports)
+                for (const auto& n : names) out.insert(p + " " + n);
+            ports.clear();
+            names.clear();
+        }
+    }
+    return out;
+}
+
+// (port, name) pairs of `apache2ctl -S`: "port N namevhost NAME (file:line)"
+// and the "alias NAME" lines after it.
+std::set<std::string> apache_s_sites(const std::string& dump) {
+    std::set<std::string> out;
+    std::istringstream in(dump);
+    std::string line, port;
+    // A lone vhost on an address prints as "*:8080   name (file:line)".
+    const std::regex vh(R"(port (\d+) namevhost (\S+))"), al(R"(^\s+alias (\S+))"),
+        lone(R"(^\S*:(\d+)\s+(\S+) \()");
+    std::smatch m;
+    while (std::getline(in, line)) {
+        if (std::regex_search(line, m, vh) || std::regex_search(line, m, lone)) {
+            port = m[1];
+            out.insert(port + " " + m[2].str());
+        } else if (!port.empty() && std::regex_search(line, m, al)) {
+            out.insert(port + " " + m[1].str());
+        }
+    }
+    return out;
+}
+
+std::string dpkg_version(const std::string& pkg) {
+    std::string v = amtest::run("dpkg-query -W -f='${Version}' " + pkg + " 2>/dev/null");
+    return v;
+}
+
+TEST(Servers, LiveNginxApacheRedisMemcached) {
+    if (getuid() != 0) GTEST_SKIP() << "starting the servers on their own configuration needs root here";
+    if (!amtest::have_tools("ss dpkg-query apache2ctl") || access("/usr/sbin/nginx", X_OK) ||
+        access("/usr/sbin/apache2", X_OK) || access("/usr/bin/redis-server", X_OK) || access("/usr/bin/memcached", X_OK))
+        GTEST_SKIP() << "nginx, apache2, redis-server or memcached is not installed (scripts/setup.sh installs them)";
+    amlive::LiveServers live(46100 + (getpid() % 50) * 10);
+    ASSERT_TRUE(live.start_nginx(4)) << live.log;
+    ASSERT_TRUE(live.start_apache(4)) << live.log;
+    ASSERT_TRUE(live.start_redis()) << live.log;
+    ASSERT_TRUE(live.start_memcached()) << live.log;
+
+    const auto out = collect("/");
+
+    // Listeners as ss sees them: every port of our servers, with its owner.
+    const std::string ss = amtest::run("ss -Htlnp");
+    for (int port : {live.nginx_port(), live.nginx_proxy_port(), live.apache_port(), live.apache_port2(),
+                     live.redis_port(), live.memcached_port()}) {
+        EXPECT_NE(ss.find(":" + std::to_string(port) + " "), std::string::npos) << port;
+        bool found = false;
+        for (const auto& s : out) found = found || (s.port == static_cast<uint32_t>(port) && s.pid != 0);
+        EXPECT_TRUE(found) << "no record for port " << port;
+    }
+
+    // nginx: sites as nginx -T prints the loaded configuration.
+    const AM::ServiceInfo* ng = find(out, live.nginx, live.nginx_port());
+    ASSERT_TRUE(ng);
+    const std::string conf = live.dir + "/nginx/nginx.conf";
+    const std::string dump = amtest::run("/usr/sbin/nginx -T -c " + conf + " -p " + live.dir + "/nginx/ 2>/dev/null");
+    std::set<std::string> ours = site_keys(*ng);
+    for (const auto& k : site_keys(*find(out, live.nginx, live.nginx_proxy_port()))) ours.insert(k);
+    EXPECT_EQ(ours, nginx_t_sites(dump));
+    EXPECT_EQ(ng->type, 1u);
+    EXPECT_EQ(ng->configure_path, conf);
+    EXPECT_EQ(ng->version, dpkg_version("nginx"));
+    EXPECT_EQ(ng->exec_user, "root");
+    EXPECT_EQ(ng->process_path, "/usr/sbin/nginx");
+    EXPECT_EQ(ng->log_path, live.dir + "/nginx/error.log");
+    EXPECT_FALSE(ng->arch.empty());
+    for (const auto& h : ng->hosts) {
+        EXPECT_EQ(h.ip, "127.0.0.1");
+        const bool snippet = h.host == "site0.test" || h.host == "www.site0.test" || h.host == "site1.test" ||
+                             h.host == "www.site1.test";
+        EXPECT_EQ(h.logpath, live.dir + (snippet ? "/nginx/snippet.log" : "/nginx/access.log")) << h.host;
+        EXPECT_EQ(h.document, live.dir + "/www/" + h.host.substr(h.host.find("site")).substr(0, 5));
+    }
+    const AM::ServiceInfo* proxy = find(out, live.nginx, live.nginx_proxy_port());
+    ASSERT_TRUE(proxy && proxy->hosts.size() == 1);
+    EXPECT_EQ(proxy->hosts[0].document, "");
+
+    // Apache: sites as apache2ctl -S prints its virtual hosts.
+    const AM::ServiceInfo* ap = find(out, live.apache, live.apache_port());
+    const AM::ServiceInfo* ap2 = find(out, live.apache, live.apache_port2());
+    ASSERT_TRUE(ap && ap2);
+    ours = site_keys(*ap);
+    for (const auto& k : site_keys(*ap2)) ours.insert(k);
+    EXPECT_EQ(ours, apache_s_sites(amtest::run("APACHE_CONFDIR=" + live.dir + "/apache apache2ctl -S 2>&1")));
+    EXPECT_EQ(ap->type, 2u);
+    EXPECT_EQ(ap->version, dpkg_version("apache2-bin"));
+    EXPECT_EQ(ap->configure_path, live.dir + "/apache/apache2.conf");
+    EXPECT_EQ(ap->log_path, live.dir + "/apache/logs/error.log");
+    for (const auto& h : ap->hosts) {
+        const bool snippet = h.host.find('0') != std::string::npos || h.host.find('1') != std::string::npos;
+        if (snippet) {
+            EXPECT_EQ(h.logpath, live.dir + "/apache/logs/sites/snippet.log") << h.host;
+        }
+        EXPECT_EQ(h.ip, "127.0.0.1");
+    }
+    for (const auto& s : out)
+        EXPECT_NE(s.port, static_cast<uint32_t>(live.apache_port() + 100)) << "IfModule ssl_module was not loaded";
+
+    // Redis and Memcached: versions from their packages, data from the config.
+    const AM::ServiceInfo* rd = find(out, live.redis, live.redis_port());
+    ASSERT_TRUE(rd);
+    EXPECT_EQ(rd->type, 8u);
+    EXPECT_EQ(rd->version, dpkg_version("redis-tools"));
+    EXPECT_EQ(rd->version, dpkg_version("redis-server"));
+    EXPECT_TRUE(rd->hosts.empty());
+    const AM::ServiceInfo* mc = find(out, live.memcached, live.memcached_port());
+    ASSERT_TRUE(mc);
+    EXPECT_EQ(mc->type, 10u);
+    EXPECT_EQ(mc->name, "Memcached");
+    EXPECT_EQ(mc->version, dpkg_version("memcached"));
+    EXPECT_EQ(mc->exec_user, "nobody");
+    EXPECT_EQ(mc->configure_path, "");
+    live.stop();
+}
+
+}  // namespace
