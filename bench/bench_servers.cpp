@@ -2,9 +2,11 @@
 // the tools an administrator runs for the same view: `ss -tlnp`, `nginx -T`
 // and `apache2ctl -S`. Medians of 5 runs, warm in this process and fresh
 // (a new process per run, as a first call after loading the module pays).
-// With --dump the records are printed instead.
+// With --dump the records are printed instead; --hold N keeps the servers up N s.
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -54,6 +56,12 @@ int main(int argc, char** argv) {
     }
     if (dump_only) {
         dump();
+        return 0;
+    }
+    if (argc > 2 && strcmp(argv[1], "--hold") == 0) {  // keep them running for a look by hand
+        printf("running under %s\n", live.dir.c_str());
+        fflush(stdout);
+        sleep(static_cast<unsigned>(atoi(argv[2])));
         return 0;
     }
     const std::string self = argc > 0 ? argv[0] : "bench_servers";

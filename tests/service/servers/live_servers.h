@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <stdio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,6 +34,18 @@ inline pid_t pid_from(const std::string& file) {
     return static_cast<pid_t>(v);
 }
 
+// The pid that ss reports as owning the listener on 127.0.0.1:`port`, so a
+// server whose pid file did not appear is still stopped.
+inline pid_t listener_pid(int port) {
+    const std::string cmd = "ss -Htlnp 'sport = :" + std::to_string(port) + "' | grep -o 'pid=[0-9]*' | head -1";
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return 0;
+    char buf[64] = {};
+    const bool got = fgets(buf, sizeof buf, p) != nullptr;
+    pclose(p);
+    return got ? static_cast<pid_t>(atol(buf + 4)) : 0;
+}
+
 // Waits (bounded) until `port` on 127.0.0.1 is listened on.
 inline bool wait_port(int port) {
     for (int i = 0; i < 100; ++i) {
@@ -52,6 +65,24 @@ inline void stop_pid(pid_t pid) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     if (kill(pid, 0) == 0) kill(pid, SIGKILL);
+}
+
+// The parent of a worker when it runs the same program (nginx, Apache).
+inline pid_t main_pid(pid_t pid) {
+    if (pid <= 0) return pid;
+    std::ifstream st("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(st, line);
+    const size_t rp = line.rfind(')');
+    if (rp == std::string::npos) return pid;
+    std::istringstream rest(line.substr(rp + 2));
+    char state;
+    long ppid = 0;
+    rest >> state >> ppid;
+    char a[4096] = {}, b[4096] = {};
+    const ssize_t na = readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), a, sizeof a - 1);
+    const ssize_t nb = readlink(("/proc/" + std::to_string(ppid) + "/exe").c_str(), b, sizeof b - 1);
+    return ppid > 1 && na > 0 && nb > 0 && std::string(a) == std::string(b) ? static_cast<pid_t>(ppid) : pid;
 }
 
 struct LiveServers {
@@ -105,6 +136,7 @@ struct LiveServers {
             return false;
         }
         nginx = pid_from(d + "/nginx.pid");
+        if (nginx <= 0) nginx = main_pid(listener_pid(nginx_port()));
         return nginx > 0;
     }
 
@@ -150,6 +182,7 @@ struct LiveServers {
         }
         for (int i = 0; i < 40 && (apache = pid_from(d + "/apache.pid")) <= 0; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (apache <= 0) apache = main_pid(listener_pid(apache_port()));
         return apache > 0;
     }
 
@@ -164,6 +197,7 @@ struct LiveServers {
         }
         for (int i = 0; i < 40 && (redis = pid_from(d + "/redis.pid")) <= 0; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (redis <= 0) redis = listener_pid(redis_port());
         return redis > 0;
     }
 
@@ -179,6 +213,7 @@ struct LiveServers {
         }
         for (int i = 0; i < 40 && (memcached = pid_from(d + "/mc.pid")) <= 0; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (memcached <= 0) memcached = listener_pid(memcached_port());
         return memcached > 0;
     }
 

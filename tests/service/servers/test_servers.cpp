@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <fstream>
 #include <regex>
 #include <set>
 
@@ -117,6 +118,81 @@ TEST(Servers, ContainerServerReadsItsOwnRoot) {
     EXPECT_EQ(s->version, "1.25.3");  // the container's program, not the host's package
     EXPECT_EQ(site_keys(*s), (std::set<std::string>{"8088 inside.test"}));
     for (const auto& r : out) EXPECT_NE(r.pid, 0u) << "the tree has no /etc/nginx of its own";
+}
+
+// A fake /proc with one listening process per product, each with its
+// configuration in the tree: Tomcat, MySQL with !includedir, PostgreSQL,
+// MongoDB.
+void fake_proc(const TempDir& t, int pid, const std::string& comm, const std::string& exe,
+               const std::vector<std::string>& argv, int inode) {
+    const std::string d = "/proc/" + std::to_string(pid);
+    std::string cmd;
+    for (const auto& a : argv) cmd += a + std::string(1, '\0');
+    t.file(d + "/comm", comm + "\n");
+    t.file(d + "/stat", std::to_string(pid) + " (" + comm + ") S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n");
+    t.file(d + "/status", "Uid:\t0\t0\t0\t0\nGid:\t0\t0\t0\t0\n");
+    t.file(d + "/cmdline", cmd);
+    t.link(d + "/exe", exe);
+    t.link(d + "/fd/5", "socket:[" + std::to_string(inode) + "]");
+}
+
+TEST(Servers, ProductsFromConfigurationTrees) {
+    TempDir t("amsrv");
+    std::string tcp = "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n";
+    const int ports[] = {8080, 3306, 5432, 27017};
+    for (int i = 0; i < 4; ++i) {
+        char line[256];
+        snprintf(line, sizeof line,
+                 "   %d: 00000000:%04X 00000000:0000 0A 00000000:00000000 00:00000000 00000000     0        0 %d 1\n", i,
+                 ports[i], 900 + i);
+        tcp += line;
+    }
+    t.file("/proc/net/tcp", tcp);
+    fake_proc(t, 100, "java", "/usr/lib/jvm/java-17/bin/java",
+              {"/usr/bin/java", "-Dcatalina.base=/var/lib/tomcat10", "-Dcatalina.home=/usr/share/tomcat10", "-cp",
+               "x.jar", "org.apache.catalina.startup.Bootstrap", "start"},
+              900);
+    t.file("/var/lib/tomcat10/conf/server.xml",
+           "<Server port=\"8005\"><Service><Connector port=\"8080\"/><!-- <Connector port=\"9\"/> -->"
+           "<Engine><Host name=\"app.test\" appBase=\"webapps\"/></Engine></Service></Server>\n");
+    fake_proc(t, 200, "mysqld", "/usr/sbin/mysqld", {"/usr/sbin/mysqld"}, 901);
+    t.file("/etc/mysql/my.cnf", "!includedir /etc/mysql/mysql.conf.d/\n");
+    t.file("/etc/mysql/mysql.conf.d/mysqld.cnf", "[mysqld]\ndatadir=/data/mysql\nlog_error=/var/log/mysql/error.log\n");
+    fake_proc(t, 300, "postgres", "/usr/lib/postgresql/15/bin/postgres",
+              {"/usr/lib/postgresql/15/bin/postgres", "-D", "/var/lib/postgresql/15/main", "-c",
+               "config_file=/etc/postgresql/15/main/postgresql.conf"},
+              902);
+    t.file("/etc/postgresql/15/main/postgresql.conf",
+           "data_directory = '/var/lib/postgresql/15/main'\nlogging_collector = on\nlog_directory = 'pg_log'\n");
+    fake_proc(t, 400, "mongod", "/usr/bin/mongod", {"/usr/bin/mongod", "--config", "/etc/mongod.conf"}, 903);
+    t.file("/etc/mongod.conf", "storage:\n  dbPath: /var/lib/mongodb\nsystemLog:\n  path: /var/log/mongodb/mongod.log\n");
+
+    const auto out = collect(t.path);
+    struct {
+        uint32_t pid, port, type;
+        const char* conf;
+        const char* data;
+        const char* log;
+    } want[] = {
+        {100, 8080, 3, "/var/lib/tomcat10/conf/server.xml", "", "/var/lib/tomcat10/logs"},
+        {200, 3306, 5, "/etc/mysql/my.cnf", "/data/mysql", "/var/log/mysql/error.log"},
+        {300, 5432, 7, "/etc/postgresql/15/main/postgresql.conf", "/var/lib/postgresql/15/main",
+         "/var/lib/postgresql/15/main/pg_log"},
+        {400, 27017, 9, "/etc/mongod.conf", "/var/lib/mongodb", "/var/log/mongodb/mongod.log"},
+    };
+    for (const auto& w : want) {
+        const AM::ServiceInfo* s = find(out, w.pid, w.port);
+        ASSERT_TRUE(s) << w.pid;
+        EXPECT_EQ(s->type, w.type);
+        EXPECT_EQ(s->configure_path, w.conf);
+        EXPECT_EQ(s->data_path, w.data);
+        EXPECT_EQ(s->log_path, w.log);
+    }
+    const AM::ServiceInfo* tc = find(out, 100, 8080);
+    ASSERT_TRUE(tc && tc->hosts.size() == 1);
+    EXPECT_EQ(tc->hosts[0].host, "app.test");
+    EXPECT_EQ(tc->hosts[0].document, "/var/lib/tomcat10/webapps");
+    EXPECT_EQ(tc->install_path, "/usr/share/tomcat10");
 }
 
 // ------------------------------------------------------------ the real thing
@@ -258,6 +334,30 @@ TEST(Servers, LiveNginxApacheRedisMemcached) {
     EXPECT_EQ(mc->version, dpkg_version("memcached"));
     EXPECT_EQ(mc->exec_user, "nobody");
     EXPECT_EQ(mc->configure_path, "");
+
+    // The configuration turns hostile under the running nginx: a site linked to
+    // /etc/shadow, a 50 MB file with NUL bytes, a loop. The answer stays
+    // bounded and no field carries the shadow file's text.
+    const std::string sites = live.dir + "/nginx/sites/";
+    ASSERT_EQ(symlink("/etc/shadow", (sites + "evil.conf").c_str()), 0);
+    {
+        std::ofstream big(sites + "big.conf", std::ios::binary);
+        big << "server { listen 127.0.0.1:" << live.nginx_port() << "; server_name big.test; }\n";
+        big << std::string(50u << 20, '\0');
+    }
+    amtest::write_file(sites + "loop.conf", "include sites/*.conf;\n");
+    const auto again = collect("/");
+    const AM::ServiceInfo* ng2 = find(again, live.nginx, live.nginx_port());
+    ASSERT_TRUE(ng2);
+    EXPECT_TRUE(site_keys(*ng2).count(std::to_string(live.nginx_port()) + " big.test"));
+    EXPECT_EQ(ng2->hosts.size(), ng->hosts.size() + 1);  // each site once despite the loop
+    for (const auto& r : again) {
+        for (const std::string* f : {&r.configure_path, &r.data_path, &r.log_path, &r.name, &r.desc, &r.version})
+            EXPECT_EQ(f->find("root:"), std::string::npos) << *f;
+        for (const auto& h : r.hosts)
+            for (const std::string* f : {&h.ip, &h.host, &h.document, &h.logpath})
+                EXPECT_EQ(f->find("root:"), std::string::npos) << *f;
+    }
     live.stop();
 }
 
