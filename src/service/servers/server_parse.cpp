@@ -461,10 +461,18 @@ private:
         if (d == "include" || d == "includeoptional") {
             if (a1.empty()) return;
             const std::string pattern = path_of(a1);
-            for (const std::string& p : has_wildcard(pattern) ? r_.glob(pattern) : std::vector<std::string>{pattern}) {
+            std::vector<std::string> paths =
+                has_wildcard(pattern) ? r_.glob(pattern) : std::vector<std::string>{pattern};
+            std::vector<std::string> names;
+            // A directory names every file in it, in order.
+            if (paths.size() == 1 && !has_wildcard(pattern) && r_.source().list(normalize_path(pattern), names)) {
+                std::sort(names.begin(), names.end());
+                paths.clear();
+                for (const std::string& n : names) paths.push_back(resolve(normalize_path(pattern), n));
+            }
+            for (const std::string& p : paths) {
                 const std::string* text = r_.enter(p, depth + 1);
                 if (!text) continue;
-                // A directory names every file in it.
                 file(*text, depth + 1);
                 r_.leave();
             }

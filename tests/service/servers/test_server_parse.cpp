@@ -133,7 +133,8 @@ TEST(ServerParse, ApacheDefinesConditionsAndVhosts) {
          "ServerName main.test\nErrorLog ${APACHE_LOG_DIR}/error.log\nDefine DOCS /srv\n"
          "LoadModule ssl_module /usr/lib/apache2/modules/mod_ssl.so\n"
          "Include ports.conf\nIncludeOptional sites-enabled/*.conf\nIncludeOptional missing/*.conf\n"
-         "CustomLog logs/main.log combined\n"},
+         "CustomLog logs/main.log combined\nInclude conf.d\n"},
+        {"/etc/apache2/conf.d/z", "<VirtualHost 10.0.0.9:80>\n ServerName z.test\n</VirtualHost>\n"},
         {"/etc/apache2/ports.conf",
          "Listen 80\n<IfModule mod_ssl.c>\n Listen 443\n</IfModule>\n<IfModule mod_gnutls.c>\n Listen 444\n</IfModule>\n"
          "<IfDefine FROMCMD>\nListen [::1]:8080\n</IfDefine>\n<IfDefine !FROMCMD>\nListen 9\n</IfDefine>\n"},
@@ -150,7 +151,8 @@ TEST(ServerParse, ApacheDefinesConditionsAndVhosts) {
               "*:80 a.test /srv/a |/usr/bin/rotatelogs x\n"
               "*:80 alt.a.test /srv/a |/usr/bin/rotatelogs x\n"
               "127.0.0.1:443 main.test /srv/b |/usr/bin/rotatelogs x\n"
-              "::1:8080 main.test /srv/b |/usr/bin/rotatelogs x\n");
+              "::1:8080 main.test /srv/b |/usr/bin/rotatelogs x\n"
+              "10.0.0.9:80 z.test  /etc/apache2/logs/main.log\n");
     std::string listens;
     for (const auto& l : c.listens) listens += l.first + ":" + std::to_string(l.second) + " ";
     EXPECT_EQ(listens, "*:80 *:443 ::1:8080 ");
