@@ -6,7 +6,7 @@
 
 #include <chrono>
 #include <fstream>
-#include <regex>
+#include <sstream>
 #include <set>
 
 #include "../test_util.h"
@@ -197,24 +197,28 @@ TEST(Servers, ProductsFromConfigurationTrees) {
 
 // ------------------------------------------------------------ the real thing
 
+// Words of a line.
+std::vector<std::string> words(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> w;
+    std::string x;
+    while (in >> x) w.push_back(x);
+    return w;
+}
+
 // (port, name) pairs of `nginx -T`: our test configuration puts one listen
-// and one server_name per line.
+// and one server_name per line, and closes a server block with a lone "}".
 std::set<std::string> nginx_t_sites(const std::string& dump) {
     std::set<std::string> out;
     std::vector<std::string> ports, names;
     std::istringstream in(dump);
     std::string line;
-    const std::regex listen(R"(^\s*listen\s+[^:;]*:(\d+);)"), name(R"(^\s*server_name\s+([^;]+);)");
-    std::smatch m;
     while (std::getline(in, line)) {
-        if (std::regex_search(line, m, listen)) ports.push_back(m[1]);
-        if (std::regex_search(line, m, name)) {
-            std::istringstream ns(m[1].str());
-            std::string n;
-            while (ns >> n) names.push_back(n);
-        }
-        if (line.find('}') != std::string::npos && line.find('{') == std::string::npos && !ports.empty() &&
-            line.find_first_not_of(" }") == std::string::npos && line.size() == 1) {
+        std::vector<std::string> w = words(line);
+        if (!w.empty() && w.back().size() > 1 && w.back().back() == ';') w.back().pop_back();
+        if (w.size() >= 2 && w[0] == "listen") ports.push_back(w[1].substr(w[1].rfind(':') + 1));
+        if (w.size() >= 2 && w[0] == "server_name") names.insert(names.end(), w.begin() + 1, w.end());
+        if (line == "}" && !ports.empty()) {
             for (const auto& p : ports)
                 for (const auto& n : names) out.insert(p + " " + n);
             ports.clear();
@@ -224,22 +228,22 @@ std::set<std::string> nginx_t_sites(const std::string& dump) {
     return out;
 }
 
-// (port, name) pairs of `apache2ctl -S`: "port N namevhost NAME (file:line)"
-// and the "alias NAME" lines after it.
+// (port, name) pairs of `apache2ctl -S`: "port N namevhost NAME (file:line)",
+// the "alias NAME" lines after it, and a lone vhost's "*:N NAME (file:line)".
 std::set<std::string> apache_s_sites(const std::string& dump) {
     std::set<std::string> out;
     std::istringstream in(dump);
     std::string line, port;
-    // A lone vhost on an address prints as "*:8080   name (file:line)".
-    const std::regex vh(R"(port (\d+) namevhost (\S+))"), al(R"(^\s+alias (\S+))"),
-        lone(R"(^\S*:(\d+)\s+(\S+) \()");
-    std::smatch m;
     while (std::getline(in, line)) {
-        if (std::regex_search(line, m, vh) || std::regex_search(line, m, lone)) {
-            port = m[1];
-            out.insert(port + " " + m[2].str());
-        } else if (!port.empty() && std::regex_search(line, m, al)) {
-            out.insert(port + " " + m[1].str());
+        const std::vector<std::string> w = words(line);
+        if (w.size() >= 4 && w[0] == "port" && w[2] == "namevhost") {
+            port = w[1];
+            out.insert(port + " " + w[3]);
+        } else if (w.size() >= 2 && w[0] == "alias" && !port.empty()) {
+            out.insert(port + " " + w[1]);
+        } else if (w.size() >= 3 && line[0] != ' ' && w[0].find(':') != std::string::npos && w[2][0] == '(') {
+            port = w[0].substr(w[0].rfind(':') + 1);
+            out.insert(port + " " + w[1]);
         }
     }
     return out;
