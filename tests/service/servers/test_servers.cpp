@@ -195,6 +195,51 @@ TEST(Servers, ProductsFromConfigurationTrees) {
     EXPECT_EQ(tc->install_path, "/usr/share/tomcat10");
 }
 
+// An unprivileged user's listener that calls itself nginx and names a
+// configuration of its own: links to /etc/shadow, a FIFO, an include loop and
+// a 200-deep chain. Read inside its root with its rights: bounded, and the
+// shadow file never read.
+TEST(Servers, UnprivilegedListenerWithHostileConfiguration) {
+    if (getuid() != 0 || !amtest::have_tools("runuser bash") || access("/usr/bin/python3", X_OK))
+        GTEST_SKIP() << "needs root, runuser, bash and /usr/bin/python3";
+    TempDir t("amsrv");
+    chmod(t.path.c_str(), 0755);
+    const int port = 45100 + getpid() % 500;
+    t.file("/listen.py", "import socket, time\ns = socket.socket()\ns.bind(('127.0.0.1', " + std::to_string(port) +
+                             "))\ns.listen()\ntime.sleep(60)\n");
+    t.file("/conf/nginx.conf", "http { include evil/*; server { listen 127.0.0.1:" + std::to_string(port) +
+                                   "; server_name attacker.test; } }\n");
+    t.link("/conf/evil/shadow", "/etc/shadow");
+    ASSERT_EQ(mkfifo((t.path + "/conf/evil/fifo").c_str(), 0644), 0);
+    t.file("/conf/evil/loop", "include evil/*;\n");
+    t.file("/conf/evil/chain", "include chain/c0;\n");
+    for (int i = 0; i < 200; ++i)
+        t.file("/conf/chain/c" + std::to_string(i),
+               "server { listen 127.0.0.1:" + std::to_string(port) + "; server_name c" + std::to_string(i) +
+                   ".test; }\ninclude chain/c" + std::to_string(i + 1) + ";\n");
+    ASSERT_EQ(system(("chown -R nobody " + t.path).c_str()), 0);
+    ASSERT_EQ(system(("runuser -u nobody -- bash -c 'exec -a nginx /usr/bin/python3 " + t.path + "/listen.py -c " +
+                      t.path + "/conf/nginx.conf' >/dev/null 2>&1 &")
+                         .c_str()),
+              0);
+    ASSERT_TRUE(amlive::wait_port(port));
+    const pid_t pid = amlive::listener_pid(port);
+    ASSERT_GT(pid, 0);
+
+    const auto out = collect("/");
+    amlive::stop_pid(pid);
+    const AM::ServiceInfo* s = find(out, static_cast<uint32_t>(pid), static_cast<uint32_t>(port));
+    ASSERT_TRUE(s);
+    EXPECT_EQ(s->type, 1u);
+    EXPECT_EQ(s->exec_user, "nobody");
+    EXPECT_EQ(s->configure_path, t.path + "/conf/nginx.conf");
+    const std::set<std::string> keys = site_keys(*s);
+    EXPECT_TRUE(keys.count(std::to_string(port) + " attacker.test"));
+    EXPECT_TRUE(keys.count(std::to_string(port) + " c0.test"));
+    EXPECT_FALSE(keys.count(std::to_string(port) + " c199.test"));  // cut at the include depth bound
+    for (const auto& h : s->hosts) EXPECT_EQ(h.host.find("root:"), std::string::npos);
+}
+
 // ------------------------------------------------------------ the real thing
 
 // Words of a line.
