@@ -54,6 +54,11 @@ public:
         } else if (missing_.count(key)) {
             return nullptr;
         }
+        if (parsed_ + it->second.size() > lim_.max_parsed) {
+            truncated = true;
+            return nullptr;
+        }
+        parsed_ += it->second.size();
         ++expansions_;
         chain_.push_back(key);
         return &it->second;
@@ -73,6 +78,7 @@ private:
     std::set<std::string> missing_;
     std::vector<std::string> chain_;
     size_t total_ = 0;
+    size_t parsed_ = 0;
     size_t expansions_ = 0;
 };
 

@@ -53,6 +53,7 @@ public:
 struct Limits {
     size_t max_file = 4u << 20;     // bytes of one file
     size_t max_total = 32u << 20;   // bytes of all files read (each file read once)
+    size_t max_parsed = 64u << 20;  // bytes parsed, a file included many times counted each time
     size_t max_files = 2048;        // include expansions
     size_t max_depth = 64;          // nested includes
     size_t max_sites = 4096;        // sites kept

@@ -120,6 +120,14 @@ TEST(ServerParse, HostileIncludesEndBounded) {
     MapSource big({{"/n/nginx.conf", "http { server { listen 5; server_name big; }\n" + std::string(50u << 20, 'x')}});
     const WebConfig b = parse_nginx(big, "/n/nginx.conf", "/n");
     EXPECT_EQ(sites_text(b.sites), "0.0.0.0:5 big  \n");
+
+    // One large file included over and over is parsed only up to a bound.
+    std::string many = "http { server { listen 6; } ";
+    for (int i = 0; i < 2000; ++i) many += "include big.conf; ";
+    MapSource rep({{"/n/nginx.conf", many + "}"}, {"/n/big.conf", "server { listen 7; }" + std::string(1u << 20, ' ')}});
+    const WebConfig r = parse_nginx(rep, "/n/nginx.conf", "/n");
+    EXPECT_TRUE(r.truncated);
+    EXPECT_LT(r.sites.size(), 100u);
 }
 
 TEST(ServerParse, ApacheDefinesConditionsAndVhosts) {
