@@ -1,0 +1,234 @@
+// Debian's nginx, Apache, Redis and Memcached started on loopback high ports
+// from configuration trees of our own (no systemd), and stopped again. Shared
+// by the server tests and the benchmark.
+#pragma once
+
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <stdio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace amlive {
+
+inline void put(const std::string& path, const std::string& text) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path) << text;
+}
+
+inline int sh(const std::string& cmd) { return system(cmd.c_str()); }
+
+inline pid_t pid_from(const std::string& file) {
+    std::ifstream in(file);
+    long v = 0;
+    in >> v;
+    return static_cast<pid_t>(v);
+}
+
+// The pid that ss reports as owning the listener on 127.0.0.1:`port`, so a
+// server whose pid file did not appear is still stopped.
+inline pid_t listener_pid(int port) {
+    const std::string cmd = "ss -Htlnp 'sport = :" + std::to_string(port) + "' | grep -o 'pid=[0-9]*' | head -1";
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return 0;
+    char buf[64] = {};
+    const bool got = fgets(buf, sizeof buf, p) != nullptr;
+    pclose(p);
+    return got ? static_cast<pid_t>(atol(buf + 4)) : 0;
+}
+
+// Waits (bounded) until `port` on 127.0.0.1 is listened on.
+inline bool wait_port(int port) {
+    for (int i = 0; i < 100; ++i) {
+        const std::string cmd = "ss -Htln 'sport = :" + std::to_string(port) + "' | grep -q LISTEN";
+        if (sh(cmd) == 0) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
+// Ends a server: SIGTERM, then SIGKILL after two seconds.
+inline void stop_pid(pid_t pid) {
+    if (pid <= 1) return;
+    kill(pid, SIGTERM);
+    for (int i = 0; i < 40 && kill(pid, 0) == 0; ++i) {
+        waitpid(pid, nullptr, WNOHANG);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    if (kill(pid, 0) == 0) kill(pid, SIGKILL);
+}
+
+// The parent of a worker when it runs the same program (nginx, Apache).
+inline pid_t main_pid(pid_t pid) {
+    if (pid <= 0) return pid;
+    std::ifstream st("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(st, line);
+    const size_t rp = line.rfind(')');
+    if (rp == std::string::npos) return pid;
+    std::istringstream rest(line.substr(rp + 2));
+    char state;
+    long ppid = 0;
+    rest >> state >> ppid;
+    char a[4096] = {}, b[4096] = {};
+    const ssize_t na = readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), a, sizeof a - 1);
+    const ssize_t nb = readlink(("/proc/" + std::to_string(ppid) + "/exe").c_str(), b, sizeof b - 1);
+    return ppid > 1 && na > 0 && nb > 0 && std::string(a) == std::string(b) ? static_cast<pid_t>(ppid) : pid;
+}
+
+struct LiveServers {
+    std::string dir;
+    int base = 0;  // first port
+    pid_t nginx = 0, apache = 0, redis = 0, memcached = 0;
+    std::string log;  // what failed to start
+
+    explicit LiveServers(int base_port) : base(base_port) {
+        char tmpl[] = "/tmp/amlive_XXXXXX";
+        if (mkdtemp(tmpl)) dir = tmpl;
+        chmod(dir.c_str(), 0755);
+    }
+    ~LiveServers() { stop(); }
+
+    int nginx_port() const { return base; }
+    int nginx_proxy_port() const { return base + 1; }
+    int apache_port() const { return base + 2; }
+    int apache_port2() const { return base + 3; }
+    int redis_port() const { return base + 4; }
+    int memcached_port() const { return base + 5; }
+
+    // `sites` name-based sites on one port sharing an included snippet, and a
+    // proxy-only site on a second port.
+    bool start_nginx(int sites) {
+        const std::string d = dir + "/nginx";
+        std::ostringstream conf;
+        conf << "pid " << d << "/nginx.pid;\nerror_log " << d << "/error.log;\n"
+             << "events { worker_connections 64; }\n"
+             << "http {\n  access_log " << d << "/access.log;\n"
+             << "  client_body_temp_path " << d << "/tmp;\n  proxy_temp_path " << d << "/tmp;\n"
+             << "  fastcgi_temp_path " << d << "/tmp;\n  uwsgi_temp_path " << d << "/tmp;\n"
+             << "  scgi_temp_path " << d << "/tmp;\n"
+             << "  include sites/*.conf;\n}\n";
+        put(d + "/nginx.conf", conf.str());
+        put(d + "/snippet.conf", "access_log " + d + "/snippet.log;\nindex index.html;\n");
+        for (int i = 0; i < sites; ++i) {
+            std::ostringstream s;
+            s << "server {\n  listen 127.0.0.1:" << nginx_port() << ";\n  server_name site" << i
+              << ".test www.site" << i << ".test;\n  root " << dir << "/www/site" << i << ";\n"
+              << (i < 2 ? "  include snippet.conf;\n" : "") << "}\n";
+            put(d + "/sites/site" + std::to_string(i) + ".conf", s.str());
+        }
+        put(d + "/sites/zz-proxy.conf", "server {\n  listen 127.0.0.1:" + std::to_string(nginx_proxy_port()) +
+                                            ";\n  server_name proxy.test;\n  location / { proxy_pass "
+                                            "http://127.0.0.1:9; }\n}\n");
+        std::filesystem::create_directories(d + "/tmp");
+        if (sh("/usr/sbin/nginx -c " + d + "/nginx.conf -p " + d + "/ >" + d + "/start.log 2>&1") != 0 ||
+            !wait_port(nginx_port())) {
+            log += "nginx did not start; ";
+            return false;
+        }
+        nginx = pid_from(d + "/nginx.pid");
+        if (nginx <= 0) nginx = main_pid(listener_pid(nginx_port()));
+        return nginx > 0;
+    }
+
+    bool start_apache(int sites) {
+        const std::string d = dir + "/apache";
+        put(d + "/envvars", "export APACHE_RUN_USER=www-data\nexport APACHE_RUN_GROUP=www-data\n"
+                            "export APACHE_PID_FILE=" + d + "/apache.pid\nexport APACHE_RUN_DIR=" + d +
+                                "/run\nexport APACHE_LOCK_DIR=" + d + "/lock\nexport APACHE_LOG_DIR=" + d +
+                                "/logs\nexport LANG=C\n");
+        std::ostringstream conf;
+        const std::string mods = "/usr/lib/apache2/modules/";
+        conf << "DefaultRuntimeDir ${APACHE_RUN_DIR}\nPidFile ${APACHE_PID_FILE}\nMutex file:${APACHE_LOCK_DIR}\n"
+             << "User ${APACHE_RUN_USER}\nGroup ${APACHE_RUN_GROUP}\n"
+             << "LoadModule mpm_event_module " << mods << "mod_mpm_event.so\n"
+             << "LoadModule authz_core_module " << mods << "mod_authz_core.so\n"
+             << "Define SITE_LOGS ${APACHE_LOG_DIR}/sites\n"
+             << "ErrorLog ${APACHE_LOG_DIR}/error.log\nServerName main.test\n"
+             << "Listen 127.0.0.1:" << apache_port() << "\n"
+             << "<IfModule ssl_module>\n  Listen 127.0.0.1:" << apache_port() + 100 << "\n</IfModule>\n"
+             << "<IfDefine NEVER>\n  Listen 127.0.0.1:" << apache_port() + 101 << "\n</IfDefine>\n"
+             << "<IfModule mpm_event_module>\n  Listen 127.0.0.1:" << apache_port2() << "\n</IfModule>\n"
+             << "IncludeOptional sites-enabled/*.conf\nIncludeOptional does-not-exist/*.conf\n";
+        put(d + "/apache2.conf", conf.str());
+        put(d + "/snippet.conf", "CustomLog ${SITE_LOGS}/snippet.log \"%h %r\"\n");
+        for (int i = 0; i < sites; ++i) {
+            std::ostringstream s;
+            s << "<VirtualHost 127.0.0.1:" << apache_port() << ">\n  ServerName vhost" << i
+              << ".test\n  ServerAlias alias" << i << ".test other" << i << ".test\n  DocumentRoot " << dir
+              << "/www/vhost" << i << "\n"
+              << (i < 2 ? "  Include snippet.conf\n" : "  CustomLog ${SITE_LOGS}/v" + std::to_string(i) + ".log \"%h\"\n")
+              << "</VirtualHost>\n";
+            put(d + "/sites-enabled/vhost" + std::to_string(i) + ".conf", s.str());
+        }
+        put(d + "/sites-enabled/zz-second.conf", "<VirtualHost *:" + std::to_string(apache_port2()) +
+                                                     ">\n  ServerName second.test\n  DocumentRoot " + dir +
+                                                     "/www/second\n</VirtualHost>\n");
+        for (const char* sub : {"/run", "/lock", "/logs/sites"}) std::filesystem::create_directories(d + sub);
+        if (sh("env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin sh -c '. " + d + "/envvars; exec /usr/sbin/apache2 -d " + d +
+               " -k start' >" + d + "/start.log 2>&1") != 0 ||
+            !wait_port(apache_port())) {
+            log += "apache2 did not start; ";
+            return false;
+        }
+        for (int i = 0; i < 40 && (apache = pid_from(d + "/apache.pid")) <= 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (apache <= 0) apache = main_pid(listener_pid(apache_port()));
+        return apache > 0;
+    }
+
+    bool start_redis() {
+        const std::string d = dir + "/redis";
+        std::filesystem::create_directories(d);
+        put(d + "/redis.conf", "port " + std::to_string(redis_port()) + "\nbind 127.0.0.1\ndaemonize yes\npidfile " + d +
+                                   "/redis.pid\ndir " + d + "\nlogfile " + d + "/redis.log\nsave \"\"\n");
+        if (sh("/usr/bin/redis-server " + d + "/redis.conf >/dev/null 2>&1") != 0 || !wait_port(redis_port())) {
+            log += "redis-server did not start; ";
+            return false;
+        }
+        for (int i = 0; i < 40 && (redis = pid_from(d + "/redis.pid")) <= 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (redis <= 0) redis = listener_pid(redis_port());
+        return redis > 0;
+    }
+
+    bool start_memcached() {
+        const std::string d = dir + "/memcached";
+        std::filesystem::create_directories(d);
+        chmod(d.c_str(), 0777);  // it writes its pid file as nobody
+        if (sh("/usr/bin/memcached -d -u nobody -l 127.0.0.1 -p " + std::to_string(memcached_port()) +
+               " -U 0 -P " + d + "/mc.pid >/dev/null 2>&1") != 0 ||
+            !wait_port(memcached_port())) {
+            log += "memcached did not start; ";
+            return false;
+        }
+        for (int i = 0; i < 40 && (memcached = pid_from(d + "/mc.pid")) <= 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (memcached <= 0) memcached = listener_pid(memcached_port());
+        return memcached > 0;
+    }
+
+    void stop() {
+        stop_pid(nginx);
+        stop_pid(apache);
+        stop_pid(redis);
+        stop_pid(memcached);
+        nginx = apache = redis = memcached = 0;
+        if (!dir.empty()) {
+            std::error_code ec;
+            std::filesystem::remove_all(dir, ec);
+            dir.clear();
+        }
+    }
+};
+
+}  // namespace amlive

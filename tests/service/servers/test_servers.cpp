@@ -1,0 +1,413 @@
+// collect_servers on fixture trees (an image with nginx configured, a server
+// in a container under a fake /proc, hostile configurations) and on Debian's
+// servers started here, compared with nginx -T, apache2ctl -S, ss and dpkg.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <set>
+
+#include "../test_util.h"
+#include "collectors.h"
+#include "live_servers.h"
+
+using amsvc::AM;
+using amtest::TempDir;
+
+namespace {
+
+// A literal with its NUL bytes.
+#define BYTES(lit) std::string(lit, sizeof(lit) - 1)
+
+std::vector<AM::ServiceInfo> collect(const std::string& root, int32_t* rc = nullptr) {
+    std::vector<AM::ServiceInfo> out;
+    const int32_t r = amsvc::collect_servers(amsvc::HostRoot(root), out);
+    if (rc) *rc = r;
+    return out;
+}
+
+std::set<std::string> site_keys(const AM::ServiceInfo& s) {
+    std::set<std::string> k;
+    for (const auto& h : s.hosts) k.insert(std::to_string(h.port) + " " + h.host);
+    return k;
+}
+
+const AM::ServiceInfo* find(const std::vector<AM::ServiceInfo>& v, uint32_t pid, uint32_t port) {
+    for (const auto& s : v)
+        if (s.pid == pid && s.port == port) return &s;
+    return nullptr;
+}
+
+TEST(Servers, ImageWithNginxConfiguredButIdleAndHostileFiles) {
+    TempDir t("amsrv");
+    t.file("/etc/nginx/nginx.conf",
+           "error_log /var/log/nginx/e.log;\nhttp { access_log /var/log/nginx/a.log;\n"
+           "include /etc/nginx/sites-enabled/*; }\n");
+    t.file("/etc/nginx/sites-available/shop",
+           "server { listen 8081; server_name shop.test www.shop.test; root /srv/shop; }\n");
+    t.link("/etc/nginx/sites-enabled/shop", "../sites-available/shop");
+    // Hostile: a link to the image's shadow file (root-only), a loop, a FIFO,
+    // a file readable by its owner only, NUL bytes.
+    t.file("/etc/shadow", "server { listen 6666; server_name leaked; }\n", 0640);
+    t.link("/etc/nginx/sites-enabled/shadow", "/etc/shadow");
+    t.file("/etc/nginx/sites-enabled/loop", "include /etc/nginx/sites-enabled/*;\n"
+                                            "server { listen 8082; server_name loop.test; }\n");
+    t.file("/etc/nginx/sites-enabled/secret", "server { listen 6667; server_name secret.test; }\n", 0600);
+    ASSERT_EQ(mkfifo((t.path + "/etc/nginx/sites-enabled/fifo").c_str(), 0644), 0);
+    t.file("/etc/nginx/sites-enabled/nul", BYTES("server { listen 8083; server_name nul.test; }\n\0"
+                                                 "server { listen 6668; }"));
+    // A link that leaves the image must not reach the machine's /etc.
+    t.link("/etc/nginx/sites-enabled/host", "../../../../../../etc/nginx/nginx.conf");
+
+    const auto t0 = std::chrono::steady_clock::now();
+    int32_t rc = -1;
+    const auto out = collect(t.path, &rc);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(10));  // a hang guard, not a timing check
+    EXPECT_EQ(rc, 0);
+    std::set<uint32_t> ports;
+    std::set<std::string> names;
+    for (const auto& s : out) {
+        EXPECT_EQ(s.pid, 0u);
+        EXPECT_EQ(s.type, 1u);
+        EXPECT_EQ(s.configure_path, "/etc/nginx/nginx.conf");
+        EXPECT_EQ(s.log_path, "/var/log/nginx/e.log");
+        ports.insert(s.port);
+        for (const auto& h : s.hosts) {
+            names.insert(h.host);
+            EXPECT_EQ(h.port, s.port);
+        }
+    }
+    EXPECT_EQ(ports, (std::set<uint32_t>{8081, 8082, 8083}));
+    EXPECT_EQ(names, (std::set<std::string>{"shop.test", "www.shop.test", "loop.test", "nul.test"}));
+    const AM::ServiceInfo* shop = find(out, 0, 8081);
+    ASSERT_TRUE(shop);
+    ASSERT_EQ(shop->hosts.size(), 2u);
+    EXPECT_EQ(shop->hosts[0].document, "/srv/shop");
+    EXPECT_EQ(shop->hosts[0].logpath, "/var/log/nginx/a.log");
+}
+
+// A server in a container: its sockets and process under a /proc of the tree,
+// its configuration inside its own root.
+TEST(Servers, ContainerServerReadsItsOwnRoot) {
+    TempDir t("amsrv");
+    t.file("/proc/net/tcp",
+           "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
+           "   0: 0100007F:1F98 00000000:0000 0A 00000000:00000000 00:00000000 00000000     0        0 777 1\n");
+    t.file("/proc/4242/stat", "4242 (nginx) S 1 4242 4242 0 -1 4194560 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n");
+    t.file("/proc/4242/comm", "nginx\n");
+    t.file("/proc/4242/status", "Name:\tnginx\nUid:\t0\t0\t0\t0\nGid:\t0\t0\t0\t0\n");
+    t.file("/proc/4242/cmdline", BYTES("nginx: master process /usr/sbin/nginx -g daemon off;\0"));
+    t.file("/proc/4242/cgroup", "0::/system.slice/web.service\n");
+    t.link("/proc/4242/fd/3", "socket:[777]");
+    t.link("/proc/4242/exe", "/usr/sbin/nginx");
+    t.link("/proc/4242/root", "/containers/c1");
+    t.file("/containers/c1/etc/nginx/nginx.conf",
+           "http { server { listen 8088; server_name inside.test; root /usr/share/nginx/html; } }\n");
+    t.file("/containers/c1/usr/sbin/nginx", BYTES("\x7f" "ELF\x02\x01\x01") + std::string(11, '\0') +
+                                                BYTES("\xb7\0") + std::string(100, 'x') + BYTES("nginx/1.25.3\0"));
+
+    const auto out = collect(t.path);
+    const AM::ServiceInfo* s = find(out, 4242, 8088);
+    ASSERT_TRUE(s) << out.size();
+    EXPECT_EQ(s->type, 1u);
+    EXPECT_EQ(s->configure_path, "/etc/nginx/nginx.conf");
+    EXPECT_EQ(s->srv_name, "web.service");
+    EXPECT_EQ(s->arch, "aarch64");
+    EXPECT_EQ(s->version, "1.25.3");  // the container's program, not the host's package
+    EXPECT_EQ(site_keys(*s), (std::set<std::string>{"8088 inside.test"}));
+    for (const auto& r : out) EXPECT_NE(r.pid, 0u) << "the tree has no /etc/nginx of its own";
+}
+
+// A fake /proc with one listening process per product, each with its
+// configuration in the tree: Tomcat, MySQL with !includedir, PostgreSQL,
+// MongoDB.
+void fake_proc(const TempDir& t, int pid, const std::string& comm, const std::string& exe,
+               const std::vector<std::string>& argv, int inode) {
+    const std::string d = "/proc/" + std::to_string(pid);
+    std::string cmd;
+    for (const auto& a : argv) cmd += a + std::string(1, '\0');
+    t.file(d + "/comm", comm + "\n");
+    t.file(d + "/stat", std::to_string(pid) + " (" + comm + ") S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n");
+    t.file(d + "/status", "Uid:\t0\t0\t0\t0\nGid:\t0\t0\t0\t0\n");
+    t.file(d + "/cmdline", cmd);
+    t.link(d + "/exe", exe);
+    t.link(d + "/fd/5", "socket:[" + std::to_string(inode) + "]");
+}
+
+TEST(Servers, ProductsFromConfigurationTrees) {
+    TempDir t("amsrv");
+    std::string tcp = "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n";
+    const int ports[] = {8080, 3306, 5432, 27017};
+    for (int i = 0; i < 4; ++i) {
+        char line[256];
+        snprintf(line, sizeof line,
+                 "   %d: 00000000:%04X 00000000:0000 0A 00000000:00000000 00:00000000 00000000     0        0 %d 1\n", i,
+                 ports[i], 900 + i);
+        tcp += line;
+    }
+    t.file("/proc/net/tcp", tcp);
+    fake_proc(t, 100, "java", "/usr/lib/jvm/java-17/bin/java",
+              {"/usr/bin/java", "-Dcatalina.base=/var/lib/tomcat10", "-Dcatalina.home=/usr/share/tomcat10", "-cp",
+               "x.jar", "org.apache.catalina.startup.Bootstrap", "start"},
+              900);
+    t.file("/var/lib/tomcat10/conf/server.xml",
+           "<Server port=\"8005\"><Service><Connector port=\"8080\"/><!-- <Connector port=\"9\"/> -->"
+           "<Engine><Host name=\"app.test\" appBase=\"webapps\"/></Engine></Service></Server>\n");
+    fake_proc(t, 200, "mysqld", "/usr/sbin/mysqld", {"/usr/sbin/mysqld"}, 901);
+    t.file("/etc/mysql/my.cnf", "!includedir /etc/mysql/mysql.conf.d/\n");
+    t.file("/etc/mysql/mysql.conf.d/mysqld.cnf", "[mysqld]\ndatadir=/data/mysql\nlog_error=/var/log/mysql/error.log\n");
+    fake_proc(t, 300, "postgres", "/usr/lib/postgresql/15/bin/postgres",
+              {"/usr/lib/postgresql/15/bin/postgres", "-D", "/var/lib/postgresql/15/main", "-c",
+               "config_file=/etc/postgresql/15/main/postgresql.conf"},
+              902);
+    t.file("/etc/postgresql/15/main/postgresql.conf",
+           "data_directory = '/var/lib/postgresql/15/main'\nlogging_collector = on\nlog_directory = 'pg_log'\n");
+    fake_proc(t, 400, "mongod", "/usr/bin/mongod", {"/usr/bin/mongod", "--config", "/etc/mongod.conf"}, 903);
+    t.file("/etc/mongod.conf", "storage:\n  dbPath: /var/lib/mongodb\nsystemLog:\n  path: /var/log/mongodb/mongod.log\n");
+
+    const auto out = collect(t.path);
+    struct {
+        uint32_t pid, port, type;
+        const char* conf;
+        const char* data;
+        const char* log;
+    } want[] = {
+        {100, 8080, 3, "/var/lib/tomcat10/conf/server.xml", "", "/var/lib/tomcat10/logs"},
+        {200, 3306, 5, "/etc/mysql/my.cnf", "/data/mysql", "/var/log/mysql/error.log"},
+        {300, 5432, 7, "/etc/postgresql/15/main/postgresql.conf", "/var/lib/postgresql/15/main",
+         "/var/lib/postgresql/15/main/pg_log"},
+        {400, 27017, 9, "/etc/mongod.conf", "/var/lib/mongodb", "/var/log/mongodb/mongod.log"},
+    };
+    for (const auto& w : want) {
+        const AM::ServiceInfo* s = find(out, w.pid, w.port);
+        ASSERT_TRUE(s) << w.pid;
+        EXPECT_EQ(s->type, w.type);
+        EXPECT_EQ(s->configure_path, w.conf);
+        EXPECT_EQ(s->data_path, w.data);
+        EXPECT_EQ(s->log_path, w.log);
+    }
+    const AM::ServiceInfo* tc = find(out, 100, 8080);
+    ASSERT_TRUE(tc && tc->hosts.size() == 1);
+    EXPECT_EQ(tc->hosts[0].host, "app.test");
+    EXPECT_EQ(tc->hosts[0].document, "/var/lib/tomcat10/webapps");
+    EXPECT_EQ(tc->install_path, "/usr/share/tomcat10");
+}
+
+// An unprivileged user's listener that calls itself nginx and names a
+// configuration of its own: links to /etc/shadow, a FIFO, an include loop and
+// a 200-deep chain. Read inside its root with its rights: bounded, and the
+// shadow file never read.
+TEST(Servers, UnprivilegedListenerWithHostileConfiguration) {
+    if (getuid() != 0 || !amtest::have_tools("runuser bash") || access("/usr/bin/python3", X_OK))
+        GTEST_SKIP() << "needs root, runuser, bash and /usr/bin/python3";
+    TempDir t("amsrv");
+    chmod(t.path.c_str(), 0755);
+    const int port = 45100 + getpid() % 500;
+    t.file("/listen.py", "import socket, time\ns = socket.socket()\ns.bind(('127.0.0.1', " + std::to_string(port) +
+                             "))\ns.listen()\ntime.sleep(60)\n");
+    t.file("/conf/nginx.conf", "http { include evil/*; server { listen 127.0.0.1:" + std::to_string(port) +
+                                   "; server_name attacker.test; } }\n");
+    t.link("/conf/evil/shadow", "/etc/shadow");
+    ASSERT_EQ(mkfifo((t.path + "/conf/evil/fifo").c_str(), 0644), 0);
+    t.file("/conf/evil/loop", "include evil/*;\n");
+    t.file("/conf/evil/chain", "include chain/c0;\n");
+    for (int i = 0; i < 200; ++i)
+        t.file("/conf/chain/c" + std::to_string(i),
+               "server { listen 127.0.0.1:" + std::to_string(port) + "; server_name c" + std::to_string(i) +
+                   ".test; }\ninclude chain/c" + std::to_string(i + 1) + ";\n");
+    ASSERT_EQ(system(("chown -R nobody " + t.path).c_str()), 0);
+    ASSERT_EQ(system(("runuser -u nobody -- bash -c 'exec -a nginx /usr/bin/python3 " + t.path + "/listen.py -c " +
+                      t.path + "/conf/nginx.conf' >/dev/null 2>&1 &")
+                         .c_str()),
+              0);
+    ASSERT_TRUE(amlive::wait_port(port));
+    const pid_t pid = amlive::listener_pid(port);
+    ASSERT_GT(pid, 0);
+
+    const auto out = collect("/");
+    amlive::stop_pid(pid);
+    const AM::ServiceInfo* s = find(out, static_cast<uint32_t>(pid), static_cast<uint32_t>(port));
+    ASSERT_TRUE(s);
+    EXPECT_EQ(s->type, 1u);
+    EXPECT_EQ(s->exec_user, "nobody");
+    EXPECT_EQ(s->configure_path, t.path + "/conf/nginx.conf");
+    const std::set<std::string> keys = site_keys(*s);
+    EXPECT_TRUE(keys.count(std::to_string(port) + " attacker.test"));
+    EXPECT_TRUE(keys.count(std::to_string(port) + " c0.test"));
+    EXPECT_FALSE(keys.count(std::to_string(port) + " c199.test"));  // cut at the include depth bound
+    for (const auto& h : s->hosts) EXPECT_EQ(h.host.find("root:"), std::string::npos);
+}
+
+// ------------------------------------------------------------ the real thing
+
+// Words of a line.
+std::vector<std::string> words(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> w;
+    std::string x;
+    while (in >> x) w.push_back(x);
+    return w;
+}
+
+// (port, name) pairs of `nginx -T`: our test configuration puts one listen
+// and one server_name per line, and closes a server block with a lone "}".
+std::set<std::string> nginx_t_sites(const std::string& dump) {
+    std::set<std::string> out;
+    std::vector<std::string> ports, names;
+    std::istringstream in(dump);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::vector<std::string> w = words(line);
+        if (!w.empty() && w.back().size() > 1 && w.back().back() == ';') w.back().pop_back();
+        if (w.size() >= 2 && w[0] == "listen") ports.push_back(w[1].substr(w[1].rfind(':') + 1));
+        if (w.size() >= 2 && w[0] == "server_name") names.insert(names.end(), w.begin() + 1, w.end());
+        if (line == "}" && !ports.empty()) {
+            for (const auto& p : ports)
+                for (const auto& n : names) out.insert(p + " " + n);
+            ports.clear();
+            names.clear();
+        }
+    }
+    return out;
+}
+
+// (port, name) pairs of `apache2ctl -S`: "port N namevhost NAME (file:line)",
+// the "alias NAME" lines after it, and a lone vhost's "*:N NAME (file:line)".
+std::set<std::string> apache_s_sites(const std::string& dump) {
+    std::set<std::string> out;
+    std::istringstream in(dump);
+    std::string line, port;
+    while (std::getline(in, line)) {
+        const std::vector<std::string> w = words(line);
+        if (w.size() >= 4 && w[0] == "port" && w[2] == "namevhost") {
+            port = w[1];
+            out.insert(port + " " + w[3]);
+        } else if (w.size() >= 2 && w[0] == "alias" && !port.empty()) {
+            out.insert(port + " " + w[1]);
+        } else if (w.size() >= 3 && line[0] != ' ' && w[0].find(':') != std::string::npos && w[2][0] == '(') {
+            port = w[0].substr(w[0].rfind(':') + 1);
+            out.insert(port + " " + w[1]);
+        }
+    }
+    return out;
+}
+
+std::string dpkg_version(const std::string& pkg) {
+    std::string v = amtest::run("dpkg-query -W -f='${Version}' " + pkg + " 2>/dev/null");
+    return v;
+}
+
+TEST(Servers, LiveNginxApacheRedisMemcached) {
+    if (getuid() != 0) GTEST_SKIP() << "starting the servers on their own configuration needs root here";
+    if (!amtest::have_tools("ss dpkg-query apache2ctl") || access("/usr/sbin/nginx", X_OK) ||
+        access("/usr/sbin/apache2", X_OK) || access("/usr/bin/redis-server", X_OK) || access("/usr/bin/memcached", X_OK))
+        GTEST_SKIP() << "nginx, apache2, redis-server or memcached is not installed (scripts/setup.sh installs them)";
+    amlive::LiveServers live(46100 + (getpid() % 50) * 10);
+    ASSERT_TRUE(live.start_nginx(4)) << live.log;
+    ASSERT_TRUE(live.start_apache(4)) << live.log;
+    ASSERT_TRUE(live.start_redis()) << live.log;
+    ASSERT_TRUE(live.start_memcached()) << live.log;
+
+    const auto out = collect("/");
+
+    // Listeners as ss sees them: every port of our servers, with its owner.
+    const std::string ss = amtest::run("ss -Htlnp");
+    for (int port : {live.nginx_port(), live.nginx_proxy_port(), live.apache_port(), live.apache_port2(),
+                     live.redis_port(), live.memcached_port()}) {
+        EXPECT_NE(ss.find(":" + std::to_string(port) + " "), std::string::npos) << port;
+        bool found = false;
+        for (const auto& s : out) found = found || (s.port == static_cast<uint32_t>(port) && s.pid != 0);
+        EXPECT_TRUE(found) << "no record for port " << port;
+    }
+
+    // nginx: sites as nginx -T prints the loaded configuration.
+    const AM::ServiceInfo* ng = find(out, live.nginx, live.nginx_port());
+    ASSERT_TRUE(ng);
+    const std::string conf = live.dir + "/nginx/nginx.conf";
+    const std::string dump = amtest::run("/usr/sbin/nginx -T -c " + conf + " -p " + live.dir + "/nginx/ 2>/dev/null");
+    std::set<std::string> ours = site_keys(*ng);
+    for (const auto& k : site_keys(*find(out, live.nginx, live.nginx_proxy_port()))) ours.insert(k);
+    EXPECT_EQ(ours, nginx_t_sites(dump));
+    EXPECT_EQ(ng->type, 1u);
+    EXPECT_EQ(ng->configure_path, conf);
+    EXPECT_EQ(ng->version, dpkg_version("nginx"));
+    EXPECT_EQ(ng->exec_user, "root");
+    EXPECT_EQ(ng->process_path, "/usr/sbin/nginx");
+    EXPECT_EQ(ng->log_path, live.dir + "/nginx/error.log");
+    EXPECT_FALSE(ng->arch.empty());
+    for (const auto& h : ng->hosts) {
+        EXPECT_EQ(h.ip, "127.0.0.1");
+        const bool snippet = h.host == "site0.test" || h.host == "www.site0.test" || h.host == "site1.test" ||
+                             h.host == "www.site1.test";
+        EXPECT_EQ(h.logpath, live.dir + (snippet ? "/nginx/snippet.log" : "/nginx/access.log")) << h.host;
+        EXPECT_EQ(h.document, live.dir + "/www/" + h.host.substr(h.host.find("site")).substr(0, 5));
+    }
+    const AM::ServiceInfo* proxy = find(out, live.nginx, live.nginx_proxy_port());
+    ASSERT_TRUE(proxy && proxy->hosts.size() == 1);
+    EXPECT_EQ(proxy->hosts[0].document, "");
+
+    // Apache: sites as apache2ctl -S prints its virtual hosts.
+    const AM::ServiceInfo* ap = find(out, live.apache, live.apache_port());
+    const AM::ServiceInfo* ap2 = find(out, live.apache, live.apache_port2());
+    ASSERT_TRUE(ap && ap2);
+    ours = site_keys(*ap);
+    for (const auto& k : site_keys(*ap2)) ours.insert(k);
+    EXPECT_EQ(ours, apache_s_sites(amtest::run("APACHE_CONFDIR=" + live.dir + "/apache apache2ctl -S 2>&1")));
+    EXPECT_EQ(ap->type, 2u);
+    EXPECT_EQ(ap->version, dpkg_version("apache2-bin"));
+    EXPECT_EQ(ap->configure_path, live.dir + "/apache/apache2.conf");
+    EXPECT_EQ(ap->log_path, live.dir + "/apache/logs/error.log");
+    for (const auto& h : ap->hosts) {
+        const bool snippet = h.host.find('0') != std::string::npos || h.host.find('1') != std::string::npos;
+        if (snippet) {
+            EXPECT_EQ(h.logpath, live.dir + "/apache/logs/sites/snippet.log") << h.host;
+        }
+        EXPECT_EQ(h.ip, "127.0.0.1");
+    }
+    for (const auto& s : out)
+        EXPECT_NE(s.port, static_cast<uint32_t>(live.apache_port() + 100)) << "IfModule ssl_module was not loaded";
+
+    // Redis and Memcached: versions from their packages, data from the config.
+    const AM::ServiceInfo* rd = find(out, live.redis, live.redis_port());
+    ASSERT_TRUE(rd);
+    EXPECT_EQ(rd->type, 8u);
+    EXPECT_EQ(rd->version, dpkg_version("redis-tools"));
+    EXPECT_EQ(rd->version, dpkg_version("redis-server"));
+    EXPECT_TRUE(rd->hosts.empty());
+    const AM::ServiceInfo* mc = find(out, live.memcached, live.memcached_port());
+    ASSERT_TRUE(mc);
+    EXPECT_EQ(mc->type, 10u);
+    EXPECT_EQ(mc->name, "Memcached");
+    EXPECT_EQ(mc->version, dpkg_version("memcached"));
+    EXPECT_EQ(mc->exec_user, "nobody");
+    EXPECT_EQ(mc->configure_path, "");
+
+    // The configuration turns hostile under the running nginx: a site linked to
+    // /etc/shadow, a 50 MB file with NUL bytes, a loop. The answer stays
+    // bounded and no field carries the shadow file's text.
+    const std::string sites = live.dir + "/nginx/sites/";
+    ASSERT_EQ(symlink("/etc/shadow", (sites + "evil.conf").c_str()), 0);
+    {
+        std::ofstream big(sites + "big.conf", std::ios::binary);
+        big << "server { listen 127.0.0.1:" << live.nginx_port() << "; server_name big.test; }\n";
+        big << std::string(50u << 20, '\0');
+    }
+    amtest::write_file(sites + "loop.conf", "include sites/*.conf;\n");
+    const auto again = collect("/");
+    const AM::ServiceInfo* ng2 = find(again, live.nginx, live.nginx_port());
+    ASSERT_TRUE(ng2);
+    EXPECT_TRUE(site_keys(*ng2).count(std::to_string(live.nginx_port()) + " big.test"));
+    EXPECT_EQ(ng2->hosts.size(), ng->hosts.size() + 1);  // each site once despite the loop
+    for (const auto& r : again) {
+        for (const std::string* f : {&r.configure_path, &r.data_path, &r.log_path, &r.name, &r.desc, &r.version})
+            EXPECT_EQ(f->find("root:"), std::string::npos) << *f;
+        for (const auto& h : r.hosts)
+            for (const std::string* f : {&h.ip, &h.host, &h.document, &h.logpath})
+                EXPECT_EQ(f->find("root:"), std::string::npos) << *f;
+    }
+    live.stop();
+}
+
+}  // namespace
