@@ -55,14 +55,30 @@ int open_root_dir(const std::string& dir) {
 }
 
 int open_in_root_walk(int root_fd, std::string_view path, bool no_follow) {
+    return walk_in_root(root_fd, path, kReadFlags | (no_follow ? O_NOFOLLOW : 0), nullptr);
+}
+
+int walk_in_root(int root_fd, std::string_view path, int oflags, std::string* canon) {
     if (path.empty() || path.find('\0') != std::string_view::npos) return -ENOENT;
     if (path.size() > kMaxPath) return -ENAMETOOLONG;
+    const bool no_follow = (oflags & O_NOFOLLOW) != 0;
+    const bool want_path = (oflags & O_PATH) != 0;
+    oflags |= O_CLOEXEC;
     try {
         std::vector<std::string> todo, done;
         push_components(path, todo);
         Fd cur(::openat(root_fd, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
         if (cur.get() < 0) return -errno;
         int hops = 0;
+        auto finish = [&](int fd, const std::string* last) {
+            if (canon) {
+                canon->clear();
+                for (const std::string& c : done) canon->append("/").append(c);
+                if (last) canon->append("/").append(*last);
+                if (canon->empty()) *canon = "/";
+            }
+            return fd;
+        };
         while (!todo.empty()) {
             const std::string c = std::move(todo.back());
             todo.pop_back();
@@ -76,10 +92,23 @@ int open_in_root_walk(int root_fd, std::string_view path, bool no_follow) {
                 continue;
             }
             if (todo.empty()) {
-                const int fd = ::openat(cur.get(), c.c_str(), kReadFlags | O_NOFOLLOW);
-                if (fd >= 0) return fd;
-                // ELOOP under O_NOFOLLOW: the name is a link.
-                if (errno != ELOOP || no_follow) return -errno;
+                const int fd = ::openat(cur.get(), c.c_str(), oflags | O_NOFOLLOW);
+                if (fd >= 0) {
+                    // O_PATH|O_NOFOLLOW opens a link itself: follow it unless asked not to.
+                    struct stat st;
+                    if (!want_path || no_follow || ::fstat(fd, &st) != 0 || !S_ISLNK(st.st_mode))
+                        return finish(fd, &c);
+                    ::close(fd);
+                } else {
+                    // ELOOP under O_NOFOLLOW: the name is a link (ENOTDIR when
+                    // O_DIRECTORY was asked on some kernels).
+                    const int e = errno;
+                    struct stat st;
+                    const bool is_link = e == ELOOP || (e == ENOTDIR && ::fstatat(cur.get(), c.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                                                        S_ISLNK(st.st_mode));
+                    if (!is_link) return -e;
+                    if (no_follow) return -ELOOP;
+                }
             } else {
                 Fd next(::openat(cur.get(), c.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
                 if (next.get() < 0) return -errno;
@@ -109,14 +138,18 @@ int open_in_root_walk(int root_fd, std::string_view path, bool no_follow) {
             push_components(target, todo);
         }
         // The path named a directory (or the root itself).
-        const int fd = ::openat(cur.get(), ".", kReadFlags);
-        return fd < 0 ? -errno : fd;
+        const int fd = ::openat(cur.get(), ".", oflags & ~O_NOFOLLOW);
+        return fd < 0 ? -errno : finish(fd, nullptr);
     } catch (...) {
         return -ENOMEM;
     }
 }
 
 int open_in_root(int root_fd, std::string_view path, bool no_follow) {
+    return open_in_root_flags(root_fd, path, kReadFlags | (no_follow ? O_NOFOLLOW : 0));
+}
+
+int open_in_root_flags(int root_fd, std::string_view path, int oflags) {
     if (path.empty() || path.find('\0') != std::string_view::npos) return -ENOENT;
     if (path.size() > kMaxPath) return -ENAMETOOLONG;
     if (!g_no_openat2.load(std::memory_order_relaxed)) {
@@ -124,7 +157,7 @@ int open_in_root(int root_fd, std::string_view path, bool no_follow) {
         path.copy(name, path.size());
         name[path.size()] = '\0';
         struct open_how how = {};
-        how.flags = static_cast<uint64_t>(kReadFlags | (no_follow ? O_NOFOLLOW : 0));
+        how.flags = static_cast<uint64_t>(oflags | O_CLOEXEC);
         how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
         long fd;
         // EAGAIN: a rename raced with a ".." on the way; worth a few more tries.
@@ -140,7 +173,7 @@ int open_in_root(int root_fd, std::string_view path, bool no_follow) {
             return -e;
         }
     }
-    return open_in_root_walk(root_fd, path, no_follow);
+    return walk_in_root(root_fd, path, oflags, nullptr);
 }
 
 }  // namespace amsvc

@@ -31,8 +31,8 @@ std::string DirCanon::canon(const std::string& dir, int depth) {
     std::string result = normalize_path(parent + "/" + base);
     struct stat st;
     --budget_;
-    if (depth < 32 && ::lstat(root_.path(result).c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
-        const std::string target = read_link(root_.path(result));
+    if (depth < 32 && stat_host(root_, result, st, kNoFollow) == 0 && S_ISLNK(st.st_mode)) {
+        const std::string target = read_host_link(root_, result);
         if (!target.empty()) {
             // An absolute target points inside the root, never out of it.
             const std::string joined =
@@ -355,7 +355,7 @@ std::string db_signature(const HostRoot& root) {
     }
     for (const std::string& f : files) {
         struct stat st;
-        if (::stat(root.path(f).c_str(), &st) != 0) continue;
+        if (stat_host(root, f, st) != 0) continue;
         sig += f + ":" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" +
                std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + ";";
     }

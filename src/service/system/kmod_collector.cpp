@@ -63,7 +63,7 @@ std::string kernel_release(const HostRoot& root) {
 
 // The last bytes of a regular file (never a FIFO or device).
 std::string file_tail(const std::string& path, size_t n) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return std::string();
     std::string out;
     struct stat st;
@@ -105,12 +105,15 @@ ModuleFile module_file(const HostRoot& root, struct kmod_ctx* ctx, const std::st
     if (host.empty()) return mf;
     mf.host_path = resolve_host_path(root, host);
     if (mf.host_path.empty()) return mf;
-    const std::string open_path = root.path(mf.host_path);
+    // The file found inside the root, pinned by its descriptor: libkmod opens
+    // "/proc/self/fd/<n>", which is that file whatever its name leads to now.
+    Fd file(open_host_file(root, mf.host_path, kNoFollow));
     struct stat st;
-    if (::lstat(open_path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (file.get() < 0 || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         mf.host_path.clear();
         return mf;
     }
+    const std::string open_path = "/proc/self/fd/" + std::to_string(file.get());
     mf.signed_module = has_module_signature(file_tail(open_path, 64));
     // Read modinfo from the resolved path only, so libkmod never follows a
     // link out of the root (it decompresses .ko.xz / .ko.zst itself).
