@@ -187,6 +187,28 @@ TEST(Images, CorruptRpmDatabase) {
     EXPECT_EQ(bdb_before, fds());
 }
 
+// A write-ahead log with content (rpm killed mid-transaction) is part of the
+// database: read from private copies, the image left as it was.
+TEST(Images, RpmSqliteWithUncheckpointedLog) {
+    amtest::TempDir dir{"amimg_wal"};
+    ASSERT_TRUE(amimg::make_rpm_sqlite(dir.path));
+    const std::string db = dir.path + "/var/lib/rpm/rpmdb.sqlite";
+    int st = 0;
+    // A second copy of the first package, committed to the log only.
+    run("/usr/bin/python3 -c " +
+            q("import sqlite3,os; c=sqlite3.connect(\"" + db + "\"); c.execute(\"PRAGMA journal_mode=WAL\"); "
+              "c.execute(\"PRAGMA wal_autocheckpoint=0\"); c.execute(\"INSERT INTO Packages(hnum,blob) SELECT "
+              "100,blob FROM Packages WHERE hnum=1\"); c.commit(); os._exit(0)"),
+        &st);
+    struct stat wal;
+    ASSERT_TRUE(st == 0 && stat((db + "-wal").c_str(), &wal) == 0 && wal.st_size > 0) << "no log left";
+    const std::string before = amimg::tree_sum(dir.path);
+    const std::string got = packages_text(dir.path);
+    EXPECT_EQ(before, amimg::tree_sum(dir.path));
+    EXPECT_EQ(sorted_lines("", run("rpm --root " + q(dir.path) + kRpmQuery)), got);
+    EXPECT_EQ(3u, std::count(got.begin(), got.end(), '\n'));
+}
+
 // Layouts of SUSE, Alpine and OpenRC, the image's own architecture, and one
 // path for a timer in both the cron and the auto-start kinds.
 TEST(Images, FamilyLayouts) {
