@@ -27,11 +27,10 @@ inline std::string q(const std::string& s) { return "'" + s + "'"; }
 // Two rpm packages built once per test program: amtest-one (epoch 2) and
 // amtest-two; the directory holding them, empty when rpmbuild is missing.
 inline const std::string& built_rpms() {
+    static amtest::TempDir scratch{"amimg_rpms"};  // removed at exit
     static std::string dir = [] {
         if (!amtest::have_tools("rpmbuild rpm")) return std::string();
-        char tmpl[] = "/tmp/amimg_rpms_XXXXXX";
-        if (!mkdtemp(tmpl)) return std::string();
-        const std::string d = tmpl;
+        const std::string d = scratch.path;
         for (const char* spec : {"Name: amtest-one\nEpoch: 2\nVersion: 1.0\nRelease: 4\nVendor: Test Vendor\n",
                                  "Name: amtest-two\nVersion: 3.1\nRelease: 1.el9\n"}) {
             std::string name = std::string(spec).substr(6, std::string(spec).find('\n') - 6);
