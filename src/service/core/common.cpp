@@ -70,16 +70,26 @@ int read_file(const std::string& path, std::string& out, size_t max_bytes, unsig
 }
 
 int open_host_file(const HostRoot& root, std::string_view host_path, unsigned flags) {
-    if (root.is_live_host()) {
-        int oflags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
-        if (flags & kNoFollow) oflags |= O_NOFOLLOW;
-        const int fd = ::open(std::string(host_path).c_str(), oflags);
-        return fd < 0 ? -errno : fd;
+    // Found first as a handle that opens nothing (O_PATH): a FIFO, device or
+    // socket is never opened for reading, only the regular file found is.
+    Fd handle(open_host(root, host_path, O_PATH | ((flags & kNoFollow) ? O_NOFOLLOW : 0)));
+    if (handle.get() < 0) return handle.get();
+    struct stat st;
+    if (::fstat(handle.get(), &st) != 0) return -errno;
+    if (S_ISLNK(st.st_mode)) return -ELOOP;  // kNoFollow met a link
+    if (!S_ISREG(st.st_mode)) return -EINVAL;
+    constexpr int kRead = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    int fd = ::open(("/proc/self/fd/" + std::to_string(handle.get())).c_str(), kRead);
+    if (fd < 0) {
+        if (errno != ENOENT) return -errno;
+        fd = open_host(root, host_path, kRead | ((flags & kNoFollow) ? O_NOFOLLOW : 0));  // no /proc here
+        if (fd < 0) return fd;
     }
-    const int dir = open_root_dir(root.root());
-    if (dir < 0) return dir;
-    const int fd = open_in_root(dir, host_path, (flags & kNoFollow) != 0);
-    ::close(dir);
+    struct stat now;
+    if (::fstat(fd, &now) != 0 || now.st_dev != st.st_dev || now.st_ino != st.st_ino) {
+        ::close(fd);
+        return -EAGAIN;  // replaced between the two opens (only without /proc)
+    }
     return fd;
 }
 

@@ -114,9 +114,11 @@ private:
 int read_file(const std::string& path, std::string& out, size_t max_bytes = kDefaultMaxFile,
               unsigned flags = kReadDefault);
 
-// Opens the host file `host_path` for reading under `root` (links resolve
-// inside a root other than "/", as for read_host_file), O_NONBLOCK. Returns a
-// descriptor or a negative errno; the caller checks the file type.
+// Opens the regular host file `host_path` for reading under `root` (links
+// resolve inside a root other than "/", as for read_host_file), O_NONBLOCK.
+// The file is found first without being opened, and only a regular file is
+// then opened for reading: -EINVAL for a FIFO, device, socket or directory,
+// -ELOOP for a link refused by kNoFollow. A descriptor or a negative errno.
 int open_host_file(const HostRoot& root, std::string_view host_path, unsigned flags = kReadDefault);
 
 // Reads the host file `host_path` ("/etc/passwd") under `root`, as read_file

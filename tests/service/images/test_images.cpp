@@ -5,7 +5,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -260,6 +262,45 @@ TEST(Images, FamilyLayouts) {
     collect_system_facts(HostRoot(t), sys);
     EXPECT_EQ("aarch64", sys.arch);
     EXPECT_TRUE(sys.b64);
+}
+
+// A FIFO where a file is expected is never opened: a writer blocked on it
+// stays blocked (an open for reading would release it).
+TEST(Images, FifoIsNeverOpened) {
+    amtest::TempDir dir{"amimg_fifo"};
+    dir.mkdir("/etc/cron.d");
+    dir.mkdir("/var/lib/dpkg");
+    for (const char* f : {"/etc/crontab", "/etc/passwd", "/var/lib/dpkg/status", "/etc/os-release"})
+        ASSERT_EQ(0, mkfifo((dir.path + f).c_str(), 0644));
+    std::vector<pid_t> writers;
+    for (const char* f : {"/etc/crontab", "/etc/passwd", "/var/lib/dpkg/status", "/etc/os-release"}) {
+        const std::string path = dir.path + f;
+        const pid_t w = fork();
+        if (w == 0) _exit(open(path.c_str(), O_WRONLY) >= 0 ? 0 : 1);  // blocks until a reader opens
+        writers.push_back(w);
+    }
+    for (pid_t w : writers) {  // until each writer waits in the FIFO's open (bounded)
+        for (int i = 0; i < 500; ++i) {
+            std::string wchan;
+            read_file("/proc/" + std::to_string(w) + "/wchan", wchan, 64);
+            if (wchan.find("fifo") != std::string::npos || wchan.find("wait_for_partner") != std::string::npos) break;
+            usleep(10000);
+        }
+    }
+    std::vector<AM::CronInfo> crons;
+    std::vector<AM::UserInfo> users;
+    std::vector<AM::SysInstallPackageInfo> pkgs;
+    AM::SystemInfo sys;
+    collect_crons(HostRoot(dir.path), crons);
+    collect_users(HostRoot(dir.path), users);
+    collect_packages(HostRoot(dir.path), pkgs);
+    collect_system_facts(HostRoot(dir.path), sys);
+    for (pid_t w : writers) {
+        int st;
+        EXPECT_EQ(0, waitpid(w, &st, WNOHANG)) << "a writer was released: the FIFO was opened";
+        kill(w, SIGKILL);
+        waitpid(w, &st, 0);
+    }
 }
 
 // Only a real procfs at the image's /proc is a source of processes and sockets.
