@@ -29,6 +29,7 @@ namespace amsvc {
 namespace {
 
 constexpr uint64_t kMaxDbBytes = 1ull << 30;      // a database past this is not read
+constexpr uint64_t kMaxInMemory = 256ull << 20;   // larger sqlite files are read from a private copy on disk
 constexpr size_t kMaxHeaderBlob = 256u << 20;  // rpm's own limit for one header
 
 std::mutex& rpm_mutex() {
@@ -258,12 +259,15 @@ int read_sqlite(const HostRoot& root, const std::string& dir, int dbfd, bool wit
     Fd wal(open_host_file(root, dir + "/rpmdb.sqlite-wal", kNoFollow));
     struct stat wst;
     const bool use_wal = wal.get() >= 0 && ::fstat(wal.get(), &wst) == 0 && S_ISREG(wst.st_mode) && wst.st_size > 0;
+    struct stat dst;
+    if (::fstat(dbfd, &dst) != 0) return -errno;
+    const bool on_disk = use_wal || static_cast<uint64_t>(dst.st_size) > kMaxInMemory;
     sqlite3* db = nullptr;
     std::string image;
     std::unique_ptr<TempDir> tmp;
     int rc;
-    if (!use_wal) {
-        rc = slurp(dbfd, image, kMaxDbBytes);
+    if (!on_disk) {
+        rc = slurp(dbfd, image, kMaxInMemory);
         if (rc != 0) return rc;
         if (image.size() < 100 || image.compare(0, 16, std::string("SQLite format 3\0", 16)) != 0) return -EIO;
         image[18] = image[19] = 1;  // a WAL-mode file read as a plain one: its log is empty
@@ -281,8 +285,14 @@ int read_sqlite(const HostRoot& root, const std::string& dir, int dbfd, bool wit
         tmp.reset(new TempDir());
         if (tmp->path().empty()) return -EIO;
         const std::string copy = tmp->path() + "/rpmdb.sqlite";
-        if ((rc = copy_to(dbfd, copy, kMaxDbBytes)) != 0 || (rc = copy_to(wal.get(), copy + "-wal", kMaxDbBytes)) != 0)
+        if ((rc = copy_to(dbfd, copy, kMaxDbBytes)) != 0 ||
+            (use_wal && (rc = copy_to(wal.get(), copy + "-wal", kMaxDbBytes)) != 0))
             return rc == -EFBIG ? -EIO : rc;
+        if (!use_wal) {  // our copy, without a log: read as a plain database
+            Fd c(::open(copy.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+            const char legacy[2] = {1, 1};
+            if (c.get() < 0 || ::pwrite(c.get(), legacy, 2, 18) != 2) return -EIO;
+        }
         if (sqlite3_open_v2(copy.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOFOLLOW, nullptr) != SQLITE_OK) {
             sqlite3_close_v2(db);
             return -EIO;
@@ -344,8 +354,8 @@ namespace {
 
 int read_ndb(int dbfd, bool with_files, const std::function<void(RpmPackage&)>& fn, Tally& tally) {
     std::string image;
-    const int rc = slurp(dbfd, image, kMaxDbBytes);
-    if (rc != 0) return rc;
+    const int rc = slurp(dbfd, image, kMaxInMemory);
+    if (rc != 0) return rc == -EFBIG ? -EIO : rc;
     const int n = parse_ndb(image, [&](const void* blob, size_t len) { decode_blob(blob, len, with_files, fn, tally); });
     if (n < 0) return n;
     if (n == 0) tally.records = 0;
