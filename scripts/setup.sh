@@ -5,9 +5,9 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake pkg-config clang-format
   liblua5.1-0-dev lua5.1 luajit libtolua++5.1-dev lua-busted lua-cjson
-  libboost-thread-dev libssl-dev libkmod-dev librpm-dev nlohmann-json3-dev
+  libboost-thread-dev libssl-dev libkmod-dev librpm-dev libsqlite3-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libzip-dev libcurl4-openssl-dev clang ccache
-  rpm kmod systemd iproute2 procps passwd login cron debsums python3-psutil facter strace
+  rpm db5.3-util kmod systemd iproute2 procps passwd login cron debsums python3-psutil facter strace
   zip unzip default-jdk-headless python3-venv golang-go
   dpkg-dev fakeroot lintian file python3-jsonschema npm clickhouse-server clickhouse-client
   nginx apache2 redis-server memcached podman runc uidmap slirp4netns fuse-overlayfs

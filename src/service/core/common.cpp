@@ -5,7 +5,9 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <charconv>
@@ -68,16 +70,115 @@ int read_file(const std::string& path, std::string& out, size_t max_bytes, unsig
 }
 
 int open_host_file(const HostRoot& root, std::string_view host_path, unsigned flags) {
+    // Found first as a handle that opens nothing (O_PATH): a FIFO, device or
+    // socket is never opened for reading, only the regular file found is.
+    Fd handle(open_host(root, host_path, O_PATH | ((flags & kNoFollow) ? O_NOFOLLOW : 0)));
+    if (handle.get() < 0) return handle.get();
+    struct stat st;
+    if (::fstat(handle.get(), &st) != 0) return -errno;
+    if (S_ISLNK(st.st_mode)) return -ELOOP;  // kNoFollow met a link
+    if (!S_ISREG(st.st_mode)) return -EINVAL;
+    constexpr int kRead = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    int fd = ::open(("/proc/self/fd/" + std::to_string(handle.get())).c_str(), kRead);
+    if (fd < 0) {
+        if (errno != ENOENT) return -errno;
+        fd = open_host(root, host_path, kRead | ((flags & kNoFollow) ? O_NOFOLLOW : 0));  // no /proc here
+        if (fd < 0) return fd;
+    }
+    struct stat now;
+    if (::fstat(fd, &now) != 0 || now.st_dev != st.st_dev || now.st_ino != st.st_ino) {
+        ::close(fd);
+        return -EAGAIN;  // replaced between the two opens (only without /proc)
+    }
+    return fd;
+}
+
+int open_host(const HostRoot& root, std::string_view host_path, int oflags) {
+    oflags |= O_CLOEXEC;
     if (root.is_live_host()) {
-        int oflags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
-        if (flags & kNoFollow) oflags |= O_NOFOLLOW;
         const int fd = ::open(std::string(host_path).c_str(), oflags);
         return fd < 0 ? -errno : fd;
     }
     const int dir = open_root_dir(root.root());
     if (dir < 0) return dir;
-    const int fd = open_in_root(dir, host_path, (flags & kNoFollow) != 0);
+    const int fd = open_in_root_flags(dir, host_path, oflags);
     ::close(dir);
+    return fd;
+}
+
+int stat_host(const HostRoot& root, std::string_view host_path, struct stat& st, unsigned flags) {
+    if (root.is_live_host()) {
+        const std::string p(host_path);
+        const int r = (flags & kNoFollow) ? ::lstat(p.c_str(), &st) : ::stat(p.c_str(), &st);
+        return r == 0 ? 0 : -errno;
+    }
+    const int fd = open_host(root, host_path, O_PATH | ((flags & kNoFollow) ? O_NOFOLLOW : 0));
+    if (fd < 0) return fd;
+    const int r = ::fstat(fd, &st) == 0 ? 0 : -errno;
+    ::close(fd);
+    return r;
+}
+
+int list_host_dir(const HostRoot& root, std::string_view host_path, std::vector<std::string>& names,
+                  size_t max_entries) {
+    names.clear();
+    const int fd = open_host(root, host_path, O_RDONLY | O_DIRECTORY | O_NONBLOCK);
+    if (fd < 0) return fd;
+    DIR* d = ::fdopendir(fd);
+    if (!d) {
+        const int e = errno;
+        ::close(fd);
+        return -e;
+    }
+    while (struct dirent* e = ::readdir(d)) {
+        const char* n = e->d_name;
+        if (n[0] == '.' && (n[1] == 0 || (n[1] == '.' && n[2] == 0))) continue;
+        if (names.size() >= max_entries) break;
+        names.emplace_back(n);
+    }
+    ::closedir(d);
+    return 0;
+}
+
+std::vector<std::string> list_host_dir(const HostRoot& root, std::string_view host_path) {
+    std::vector<std::string> names;
+    list_host_dir(root, host_path, names);
+    return names;
+}
+
+std::string read_host_link(const HostRoot& root, std::string_view host_path) {
+    const int fd = open_host(root, host_path, O_PATH | O_NOFOLLOW);
+    if (fd < 0) return std::string();
+    char buf[4096];
+    const ssize_t n = ::readlinkat(fd, "", buf, sizeof buf);
+    ::close(fd);
+    if (n <= 0 || static_cast<size_t>(n) >= sizeof buf) return std::string();
+    return std::string(buf, static_cast<size_t>(n));
+}
+
+std::string canonical_host_path(const HostRoot& root, std::string_view host_path) {
+    const int dir = open_root_dir(root.root());
+    if (dir < 0) return std::string();
+    std::string canon;
+    const int fd = walk_in_root(dir, host_path, O_PATH, &canon);
+    ::close(dir);
+    if (fd < 0) return std::string();
+    ::close(fd);
+    return canon;
+}
+
+int open_host_proc(const HostRoot& root) {
+    if (root.is_live_host()) {
+        const int fd = ::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        return fd < 0 ? -errno : fd;
+    }
+    const int fd = open_host(root, "/proc", O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (fd < 0) return (fd == -ELOOP || fd == -ENOTDIR) ? -ENOENT : fd;
+    struct statfs sfs;
+    if (!root.fixture_proc() && (::fstatfs(fd, &sfs) != 0 || sfs.f_type != PROC_SUPER_MAGIC)) {
+        ::close(fd);
+        return -ENOENT;
+    }
     return fd;
 }
 
@@ -258,11 +359,12 @@ struct IdTable {
     std::map<uint32_t, std::string> names;
 };
 
-std::string lookup_id(const std::string& file, uint32_t id) {
+std::string lookup_id(const HostRoot& root, const char* host_path, uint32_t id) {
     static std::mutex mu;
     static std::map<std::string, IdTable> tables;
     struct stat st;
-    if (::stat(file.c_str(), &st) != 0) return std::string();
+    if (stat_host(root, host_path, st) != 0) return std::string();
+    const std::string file = root.path(host_path);  // the cache key only
     std::lock_guard<std::mutex> lock(mu);
     IdTable& t = tables[file];
     if (t.mtime != st.st_mtime || t.size != st.st_size) {
@@ -270,7 +372,7 @@ std::string lookup_id(const std::string& file, uint32_t id) {
         t.mtime = st.st_mtime;
         t.size = st.st_size;
         std::string text;
-        if (read_file(file, text, 16u << 20) == 0) {
+        if (read_host_file(root, host_path, text, 16u << 20) == 0) {
             for (std::string_view line : split_lines(text)) {
                 // name:x:id:...
                 const size_t c1 = line.find(':');
@@ -293,8 +395,8 @@ std::string lookup_id(const std::string& file, uint32_t id) {
 
 }  // namespace
 
-std::string user_name(const HostRoot& root, uid_t uid) { return lookup_id(root.path("/etc/passwd"), uid); }
+std::string user_name(const HostRoot& root, uid_t uid) { return lookup_id(root, "/etc/passwd", uid); }
 
-std::string group_name(const HostRoot& root, gid_t gid) { return lookup_id(root.path("/etc/group"), gid); }
+std::string group_name(const HostRoot& root, gid_t gid) { return lookup_id(root, "/etc/group", gid); }
 
 }  // namespace amsvc

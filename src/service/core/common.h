@@ -5,6 +5,7 @@
 
 #include <errno.h>
 #include <stdint.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
@@ -24,11 +25,19 @@ public:
     explicit HostRoot(std::string root = "/");
     const std::string& root() const { return root_; }
     bool is_live_host() const { return root_ == "/"; }
+    // A test's fixture tree keeps /proc as plain files; under any other root
+    // only a real procfs mounted at the root's /proc is read (open_host_proc).
+    bool fixture_proc() const { return fixture_proc_; }
+    HostRoot& set_fixture_proc(bool on) {
+        fixture_proc_ = on;
+        return *this;
+    }
     // "/etc/passwd" -> "<root>/etc/passwd"; a relative path is taken as absolute.
     std::string path(std::string_view host_path) const;
 
 private:
     std::string root_;  // "/" or a directory without trailing slash
+    bool fixture_proc_ = false;
 };
 
 // Result codes of the service: 0 success (also for a kind read in part),
@@ -105,9 +114,11 @@ private:
 int read_file(const std::string& path, std::string& out, size_t max_bytes = kDefaultMaxFile,
               unsigned flags = kReadDefault);
 
-// Opens the host file `host_path` for reading under `root` (links resolve
-// inside a root other than "/", as for read_host_file), O_NONBLOCK. Returns a
-// descriptor or a negative errno; the caller checks the file type.
+// Opens the regular host file `host_path` for reading under `root` (links
+// resolve inside a root other than "/", as for read_host_file), O_NONBLOCK.
+// The file is found first without being opened, and only a regular file is
+// then opened for reading: -EINVAL for a FIFO, device, socket or directory,
+// -ELOOP for a link refused by kNoFollow. A descriptor or a negative errno.
 int open_host_file(const HostRoot& root, std::string_view host_path, unsigned flags = kReadDefault);
 
 // Reads the host file `host_path` ("/etc/passwd") under `root`, as read_file
@@ -116,6 +127,36 @@ int open_host_file(const HostRoot& root, std::string_view host_path, unsigned fl
 // service at a file of the machine it runs on.
 int read_host_file(const HostRoot& root, std::string_view host_path, std::string& out,
                    size_t max_bytes = kDefaultMaxFile, unsigned flags = kReadDefault);
+
+// ---- host files: the one way a collector reaches a file under the root ----
+// Each takes a host path ("/etc/cron.d") and resolves every component inside
+// the host root: an absolute link or ".." of an image stays in the image, and
+// /proc magic links are refused. On the live host ("/") they are the plain
+// system calls. kNoFollow acts on the final component only.
+
+// open(2) of a host file with `oflags` (O_RDONLY|O_DIRECTORY, O_PATH, ...;
+// O_CLOEXEC is added). A descriptor or a negative errno.
+int open_host(const HostRoot& root, std::string_view host_path, int oflags);
+// stat(2), or lstat(2) with kNoFollow. 0 or a negative errno.
+int stat_host(const HostRoot& root, std::string_view host_path, struct stat& st, unsigned flags = kReadDefault);
+// Entry names of a host directory, without "." and ".."; -errno when it
+// cannot be opened. At most `max_entries` names (the rest dropped).
+int list_host_dir(const HostRoot& root, std::string_view host_path, std::vector<std::string>& names,
+                  size_t max_entries = 1u << 20);
+std::vector<std::string> list_host_dir(const HostRoot& root, std::string_view host_path);
+// Text of the link `host_path` names (its directories resolved in the root),
+// empty when it is not a link or unreadable.
+std::string read_host_link(const HostRoot& root, std::string_view host_path);
+// The host path of the file `host_path` reaches with every link resolved in
+// the root ("/usr/lib/systemd/system/x.timer" for "/lib/systemd/system/x.timer"
+// when /lib -> usr/lib), empty when it does not exist.
+std::string canonical_host_path(const HostRoot& root, std::string_view host_path);
+// The root's /proc as an O_DIRECTORY descriptor: on the live host /proc; under
+// an image only a real procfs mounted at the image's /proc (not a link, not a
+// plain directory, unless a fixture tree), else -ENOENT.
+int open_host_proc(const HostRoot& root);
+
+// ---- files of the running machine only (/proc/<pid>/..., never root.path()) ----
 
 // Entry names of a directory, without "." and "..". Empty when unreadable.
 std::vector<std::string> list_dir(const std::string& path);

@@ -54,18 +54,31 @@ int open_root_dir(const std::string& dir) {
     return fd < 0 ? -errno : fd;
 }
 
-namespace {
+int open_in_root_walk(int root_fd, std::string_view path, bool no_follow) {
+    return walk_in_root(root_fd, path, kReadFlags | (no_follow ? O_NOFOLLOW : 0), nullptr);
+}
 
-int walk_in_root(int root_fd, std::string_view path, bool no_follow, bool path_only) {
-    const int final_flags = path_only ? O_PATH | O_CLOEXEC : kReadFlags;
+int walk_in_root(int root_fd, std::string_view path, int oflags, std::string* canon) {
     if (path.empty() || path.find('\0') != std::string_view::npos) return -ENOENT;
     if (path.size() > kMaxPath) return -ENAMETOOLONG;
+    const bool no_follow = (oflags & O_NOFOLLOW) != 0;
+    const bool want_path = (oflags & O_PATH) != 0;
+    oflags |= O_CLOEXEC;
     try {
         std::vector<std::string> todo, done;
         push_components(path, todo);
         Fd cur(::openat(root_fd, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
         if (cur.get() < 0) return -errno;
         int hops = 0;
+        auto finish = [&](int fd, const std::string* last) {
+            if (canon) {
+                canon->clear();
+                for (const std::string& c : done) canon->append("/").append(c);
+                if (last) canon->append("/").append(*last);
+                if (canon->empty()) *canon = "/";
+            }
+            return fd;
+        };
         while (!todo.empty()) {
             const std::string c = std::move(todo.back());
             todo.pop_back();
@@ -79,17 +92,23 @@ int walk_in_root(int root_fd, std::string_view path, bool no_follow, bool path_o
                 continue;
             }
             if (todo.empty()) {
-                const int fd = ::openat(cur.get(), c.c_str(), final_flags | O_NOFOLLOW);
-                struct stat lst;
-                // O_PATH|O_NOFOLLOW opens a link itself instead of failing.
-                if (fd >= 0 && (!path_only || no_follow || ::fstat(fd, &lst) != 0 || !S_ISLNK(lst.st_mode)))
-                    return fd;
+                const int fd = ::openat(cur.get(), c.c_str(), oflags | O_NOFOLLOW);
                 if (fd >= 0) {
+                    // O_PATH|O_NOFOLLOW opens a link itself: follow it unless asked not to.
+                    struct stat st;
+                    if (!want_path || no_follow || ::fstat(fd, &st) != 0 || !S_ISLNK(st.st_mode))
+                        return finish(fd, &c);
                     ::close(fd);
-                    errno = ELOOP;
+                } else {
+                    // ELOOP under O_NOFOLLOW: the name is a link (ENOTDIR when
+                    // O_DIRECTORY was asked on some kernels).
+                    const int e = errno;
+                    struct stat st;
+                    const bool is_link = e == ELOOP || (e == ENOTDIR && ::fstatat(cur.get(), c.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                                                        S_ISLNK(st.st_mode));
+                    if (!is_link) return -e;
+                    if (no_follow) return -ELOOP;
                 }
-                // ELOOP under O_NOFOLLOW: the name is a link.
-                if (errno != ELOOP || no_follow) return -errno;
             } else {
                 Fd next(::openat(cur.get(), c.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
                 if (next.get() < 0) return -errno;
@@ -119,14 +138,22 @@ int walk_in_root(int root_fd, std::string_view path, bool no_follow, bool path_o
             push_components(target, todo);
         }
         // The path named a directory (or the root itself).
-        const int fd = ::openat(cur.get(), ".", final_flags);
-        return fd < 0 ? -errno : fd;
+        const int fd = ::openat(cur.get(), ".", oflags & ~O_NOFOLLOW);
+        return fd < 0 ? -errno : finish(fd, nullptr);
     } catch (...) {
         return -ENOMEM;
     }
 }
 
-int resolve_in_root(int root_fd, std::string_view path, bool no_follow, bool path_only) {
+int open_in_root(int root_fd, std::string_view path, bool no_follow) {
+    return open_in_root_flags(root_fd, path, kReadFlags | (no_follow ? O_NOFOLLOW : 0));
+}
+
+int open_path_in_root(int root_fd, std::string_view path, bool no_follow) {
+    return open_in_root_flags(root_fd, path, O_PATH | (no_follow ? O_NOFOLLOW : 0));
+}
+
+int open_in_root_flags(int root_fd, std::string_view path, int oflags) {
     if (path.empty() || path.find('\0') != std::string_view::npos) return -ENOENT;
     if (path.size() > kMaxPath) return -ENAMETOOLONG;
     if (!g_no_openat2.load(std::memory_order_relaxed)) {
@@ -134,8 +161,7 @@ int resolve_in_root(int root_fd, std::string_view path, bool no_follow, bool pat
         path.copy(name, path.size());
         name[path.size()] = '\0';
         struct open_how how = {};
-        how.flags = static_cast<uint64_t>((path_only ? O_PATH | O_CLOEXEC : kReadFlags) |
-                                          (no_follow ? O_NOFOLLOW : 0));
+        how.flags = static_cast<uint64_t>(oflags | O_CLOEXEC);
         how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
         long fd;
         // EAGAIN: a rename raced with a ".." on the way; worth a few more tries.
@@ -151,21 +177,7 @@ int resolve_in_root(int root_fd, std::string_view path, bool no_follow, bool pat
             return -e;
         }
     }
-    return walk_in_root(root_fd, path, no_follow, path_only);
-}
-
-}  // namespace
-
-int open_in_root_walk(int root_fd, std::string_view path, bool no_follow) {
-    return walk_in_root(root_fd, path, no_follow, false);
-}
-
-int open_in_root(int root_fd, std::string_view path, bool no_follow) {
-    return resolve_in_root(root_fd, path, no_follow, false);
-}
-
-int open_path_in_root(int root_fd, std::string_view path, bool no_follow) {
-    return resolve_in_root(root_fd, path, no_follow, true);
+    return walk_in_root(root_fd, path, oflags, nullptr);
 }
 
 }  // namespace amsvc

@@ -27,6 +27,16 @@ int open_path_in_root(int root_fd, std::string_view path, bool no_follow);
 // reading them (at most kMaxLinkHops). For kernels without openat2, and tests.
 int open_in_root_walk(int root_fd, std::string_view path, bool no_follow);
 
+// The same with the open(2) flags given: O_PATH (a handle to stat or read a
+// link through), O_DIRECTORY, O_NOFOLLOW (the final component itself, also
+// when it is a link, with O_PATH). O_CLOEXEC is always added.
+int open_in_root_flags(int root_fd, std::string_view path, int oflags);
+
+// The component walk behind open_in_root_walk with any flags; when `canon` is
+// given it receives the path of the file reached, every link resolved ("/usr/lib/x"
+// for "/lib/x" when /lib is a link to usr/lib).
+int walk_in_root(int root_fd, std::string_view path, int oflags, std::string* canon);
+
 constexpr int kMaxLinkHops = 40;
 
 // A directory to resolve in: O_PATH descriptor of `dir` (following links to

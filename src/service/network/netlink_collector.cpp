@@ -501,10 +501,11 @@ void scan_fds(const std::string& fd_dir, int32_t pid, ProcScan& scan) {
     ::closedir(d);
 }
 
-void scan_processes(const HostRoot& root, ProcScan& scan) {
+// `proc` names the root's /proc: "/proc" on the live host, else
+// "/proc/self/fd/<n>" of the procfs open_host_proc found at the image's /proc.
+void scan_processes(const std::string& proc, ProcScan& scan) {
     std::vector<int32_t> pids;
     {
-        const std::string proc = root.path("/proc");
         DIR* d = ::opendir(proc.c_str());
         if (!d) return;
         while (struct dirent* e = ::readdir(d)) {
@@ -516,7 +517,7 @@ void scan_processes(const HostRoot& root, ProcScan& scan) {
     std::sort(pids.begin(), pids.end());
     std::unordered_set<uint64_t> seen_ns;
     for (int32_t pid : pids) {
-        const std::string base = root.path("/proc/" + std::to_string(pid));
+        const std::string base = proc + "/" + std::to_string(pid);
         uint64_t ns;
         if (parse_ns_link(read_link(base + "/ns/net"), ns) && seen_ns.insert(ns).second)
             scan.netns.emplace_back(ns, pid);
@@ -530,12 +531,12 @@ struct ProcFacts {
     std::string exe;
 };
 
-const ProcFacts& proc_facts(const HostRoot& root, int32_t pid,
+const ProcFacts& proc_facts(const std::string& proc, int32_t pid,
                             std::unordered_map<int32_t, ProcFacts>& cache) {
     auto it = cache.find(pid);
     if (it != cache.end()) return it->second;
     ProcFacts f;
-    const std::string base = root.path("/proc/" + std::to_string(pid));
+    const std::string base = proc + "/" + std::to_string(pid);
     std::string comm;
     const int r = read_file(base + "/comm", comm, 256);
     if (r == 0) {
@@ -586,13 +587,18 @@ int32_t collect(const HostRoot& root, std::vector<AM::NetLinkInfo>& out, const O
     const bool use_netlink = live && opt.use_netlink;
     Reader rd;
 
+    // Under an image only a real procfs mounted at its /proc counts.
+    Fd procfd(open_host_proc(root));
+    if (procfd.get() < 0) return procfd.get() == -EACCES ? -EACCES : -ENOENT;
+    const std::string proc = live ? std::string("/proc") : "/proc/self/fd/" + std::to_string(procfd.get());
+
     ProcScan scan;
-    scan_processes(root, scan);
+    scan_processes(proc, scan);
 
     // The namespace the caller's thread is in, which its own dump covers.
     uint64_t own_ns = 0;
-    for (const char* p : {"/proc/thread-self/ns/net", "/proc/self/ns/net", "/proc/1/ns/net"}) {
-        if (parse_ns_link(read_link(root.path(p)), own_ns)) break;
+    for (const char* p : {"/thread-self/ns/net", "/self/ns/net", "/1/ns/net"}) {
+        if (parse_ns_link(read_link(proc + p), own_ns)) break;
         own_ns = 0;
     }
 
@@ -606,7 +612,7 @@ int32_t collect(const HostRoot& root, std::vector<AM::NetLinkInfo>& out, const O
         ns_start.push_back(rd.socks.size());
         const int nl = use_netlink && buf ? open_diag_socket() : -1;
         Fd guard(nl);
-        std::string dir = root.path("/proc/net");
+        std::string dir = proc + "/net";
         if (live && ::access("/proc/thread-self/net", R_OK) == 0) dir = "/proc/thread-self/net";
         read_namespace(rd, nl, dir, seq, buf.get(), buflen);
     }
@@ -614,7 +620,7 @@ int32_t collect(const HostRoot& root, std::vector<AM::NetLinkInfo>& out, const O
         for (const auto& ns : scan.netns) {
             if (ns.first == own_ns || rd.socks.size() >= kMaxSocks) continue;
             ns_start.push_back(rd.socks.size());
-            const std::string base = root.path("/proc/" + std::to_string(ns.second));
+            const std::string base = proc + "/" + std::to_string(ns.second);
             const int nl = use_netlink && buf ? diag_socket_in(base + "/ns/net", ns.first) : -1;
             Fd guard(nl);
             read_namespace(rd, nl, base + "/net", seq, buf.get(), buflen);
@@ -631,7 +637,7 @@ int32_t collect(const HostRoot& root, std::vector<AM::NetLinkInfo>& out, const O
         if (s.inode != 0) {
             const auto it = scan.owner.find(s.inode);
             if (it != scan.owner.end()) {
-                const ProcFacts& f = proc_facts(root, it->second, facts);
+                const ProcFacts& f = proc_facts(proc, it->second, facts);
                 if (f.alive) {
                     r.pid = it->second;
                     r.proc_name = f.comm;

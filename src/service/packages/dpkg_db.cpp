@@ -1,6 +1,9 @@
 #include "packages/dpkg_db.h"
 
+#include <errno.h>
 #include <strings.h>
+
+#include <algorithm>
 
 #include "core/common.h"
 
@@ -152,6 +155,43 @@ void parse_md5sums(std::string_view text,
         abs.append(path);
         fn(abs, md5);
     }
+}
+
+int read_dpkg_db(const HostRoot& root, DpkgDb& db) {
+    db = DpkgDb();
+    std::string text;
+    int rc = read_host_file(root, "/var/lib/dpkg/status", text);
+    if (rc == 0) {
+        for (DpkgPackage& p : parse_dpkg_status(text)) {
+            if (!dpkg_is_installed(p.status)) continue;
+            db.packages.push_back(std::move(p));
+            db.sources.emplace_back("/var/lib/dpkg/status");
+        }
+        return 0;
+    }
+    if (rc != -ENOENT) return rc;
+    std::vector<std::string> names;
+    rc = list_host_dir(root, "/var/lib/dpkg/status.d", names, 1u << 16);
+    if (rc != 0) return rc == -ENOTDIR ? -ENOENT : rc;
+    std::sort(names.begin(), names.end());
+    db.per_package = true;
+    int read = 0, first_error = 0;
+    for (const std::string& n : names) {
+        if (n[0] == '.' || ends_with(n, ".md5sums")) continue;
+        const std::string path = "/var/lib/dpkg/status.d/" + n;
+        const int r = read_host_file(root, path, text, 16u << 20, kNoFollow);
+        if (r != 0) {
+            if (first_error == 0 && r != -EINVAL) first_error = r;
+            continue;
+        }
+        ++read;
+        for (DpkgPackage& p : parse_dpkg_status(text)) {
+            if (!p.status.empty() && !dpkg_is_installed(p.status)) continue;
+            db.packages.push_back(std::move(p));
+            db.sources.push_back(path);
+        }
+    }
+    return read > 0 || first_error == 0 ? 0 : first_error;
 }
 
 }  // namespace amsvc

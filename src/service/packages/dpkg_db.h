@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "core/common.h"
+
 namespace amsvc {
 
 struct DpkgConffile {
@@ -54,6 +56,21 @@ void parse_md5sums(std::string_view text,
                    const std::function<void(std::string_view path, const unsigned char* md5)>& fn);
 
 bool hex_to_bytes(std::string_view hex, unsigned char* out, size_t n);
+
+// The dpkg database of a host root.
+struct DpkgDb {
+    std::vector<DpkgPackage> packages;  // installed ones only
+    // Where each package was read: "/var/lib/dpkg/status", or its own file
+    // under status.d/ (parallel to `packages`).
+    std::vector<std::string> sources;
+    bool per_package = false;  // read from status.d/
+};
+
+// Reads /var/lib/dpkg/status under `root`; where there is none (distroless
+// images) every file of /var/lib/dpkg/status.d/ (one package each, "*.md5sums"
+// aside; a stanza without Status counts as installed). Every file is reached
+// inside the root. 0, -ENOENT when neither exists, or another -errno.
+int read_dpkg_db(const HostRoot& root, DpkgDb& db);
 
 }  // namespace amsvc
 

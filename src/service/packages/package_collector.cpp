@@ -13,27 +13,30 @@ namespace amsvc {
 namespace {
 
 // The time dpkg last wrote the package's file list: when it was unpacked.
-std::string dpkg_install_time(const HostRoot& root, const DpkgPackage& p) {
+// A distroless image has no lists: its per-package status file tells instead.
+std::string dpkg_install_time(const HostRoot& root, const DpkgPackage& p, const std::string& source,
+                              bool per_package) {
     const bool same = p.multi_arch == "same";
     struct stat st;
     for (bool with_arch : {same, !same}) {
-        const std::string list = root.path("/var/lib/dpkg/info/" + dpkg_info_name(p, with_arch) + ".list");
-        if (::stat(list.c_str(), &st) == 0) return format_time(st.st_mtime);
+        const std::string list = "/var/lib/dpkg/info/" + dpkg_info_name(p, with_arch) + ".list";
+        if (stat_host(root, list, st) == 0) return format_time(st.st_mtime);
     }
+    if (per_package && stat_host(root, source, st, kNoFollow) == 0) return format_time(st.st_mtime);
     return std::string();
 }
 
 // 0 when read, -ENOENT when there is no dpkg database, another errno when unreadable.
 int collect_dpkg(const HostRoot& root, std::vector<AM::SysInstallPackageInfo>& out) {
-    std::string text;
-    const int rc = read_host_file(root, "/var/lib/dpkg/status", text);
+    DpkgDb db;
+    const int rc = read_dpkg_db(root, db);
     if (rc != 0) return rc;
-    for (DpkgPackage& p : parse_dpkg_status(text)) {
-        if (!dpkg_is_installed(p.status)) continue;
+    for (size_t i = 0; i < db.packages.size(); ++i) {
+        DpkgPackage& p = db.packages[i];
         AM::SysInstallPackageInfo r;
         r.name = p.name;
         split_deb_version(p.version, r.version, r.release);
-        r.installtime = dpkg_install_time(root, p);
+        r.installtime = dpkg_install_time(root, p, db.sources[i], db.per_package);
         r.type = "deb";
         r.size = p.installed_size_kib << 10;
         r.summary = std::move(p.summary);

@@ -24,23 +24,11 @@ namespace amsvc {
 // ---- path canonicalisation inside a root -----------------------------------
 
 bool DirCanon::link_target(const std::string& path, std::string& target) {
+    // Every component is resolved inside the root: a link an image planted on
+    // the way cannot lead to the machine's own directories.
     struct stat st;
-    if (root_.is_live_host()) {
-        if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return false;
-        target = read_link(path);
-        return true;
-    }
-    // Under an image the parent is opened inside the root, so a link the
-    // image planted on the way cannot lead to the machine's own directories.
-    const size_t slash = path.rfind('/');
-    const std::string parent = slash == 0 ? "/" : path.substr(0, slash);
-    const Fd dir(open_host_file(root_, parent));
-    if (dir.get() < 0) return false;
-    const std::string base = path.substr(slash + 1);
-    if (::fstatat(dir.get(), base.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(st.st_mode)) return false;
-    char buf[4096];
-    const ssize_t n = ::readlinkat(dir.get(), base.c_str(), buf, sizeof buf);
-    target.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
+    if (stat_host(root_, path, st, kNoFollow) != 0 || !S_ISLNK(st.st_mode)) return false;
+    target = read_host_link(root_, path);
     return true;
 }
 
@@ -330,7 +318,7 @@ void index_dpkg(const HostRoot& root, PackageIndex& index) {
     for (const auto& d : index.diversions) diverted_bases.push_back(base_name_hash(base_of(d.first)));
     std::sort(diverted_bases.begin(), diverted_bases.end());
 
-    const Fd info(open_host_file(root, "/var/lib/dpkg/info"));
+    const Fd info(open_host(root, "/var/lib/dpkg/info", O_RDONLY | O_DIRECTORY));
     if (info.get() < 0) return;
     ReadBuf buf;
     std::string key;
@@ -386,14 +374,7 @@ void index_rpm(const HostRoot& root, PackageIndex& index) {
 // Identity of a database file, "" when absent. Looked at, never opened.
 std::string file_signature(const HostRoot& root, const std::string& path) {
     struct stat st;
-    if (root.is_live_host()) {
-        if (::stat(path.c_str(), &st) != 0) return std::string();
-    } else {
-        const size_t slash = path.rfind('/');
-        const Fd dir(open_host_file(root, slash == 0 ? std::string("/") : path.substr(0, slash)));
-        if (dir.get() < 0 || ::fstatat(dir.get(), path.c_str() + slash + 1, &st, AT_SYMLINK_NOFOLLOW) != 0)
-            return std::string();
-    }
+    if (stat_host(root, path, st, kNoFollow) != 0) return std::string();
     return path + ":" + std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) + ":" +
            std::to_string(st.st_size) + ":" + std::to_string(st.st_mtim.tv_sec) + "." +
            std::to_string(st.st_mtim.tv_nsec) + ";";
@@ -467,7 +448,7 @@ struct Recorded {
 // rpm's header.
 void read_dpkg_records(const HostRoot& root, const PackageIndex& index, const PackageIndex::Package& p,
                        std::vector<Recorded>& out) {
-    const Fd info(open_host_file(root, "/var/lib/dpkg/info"));
+    const Fd info(open_host(root, "/var/lib/dpkg/info", O_RDONLY | O_DIRECTORY));
     if (info.get() < 0) return;
     ReadBuf buf;
     std::string key;

@@ -40,9 +40,18 @@ struct RpmPackage {
 // there is none.
 std::string rpm_db_dir(const HostRoot& root);
 
+// Walks the slots of an ndb Packages.db image, calling blob_fn with each
+// package's header blob. The number of blobs, or -EIO for no ndb file.
+int parse_ndb(std::string_view file, const std::function<void(const void* blob, size_t len)>& blob_fn);
+
 // Calls fn for every installed package. Returns 0, -ENOENT when there is no
-// database, or -EACCES/-EIO when it cannot be opened. Serialised: librpm
-// keeps global state.
+// database, -EACCES when it cannot be opened, -EIO when it exists but cannot
+// be read (also when it holds records and none decodes). Reads sqlite and ndb
+// databases itself and Berkeley DB through rpm's read-only reader, always from
+// the bytes of the file found inside the root (or a private copy of them):
+// nothing in the image is written or locked. A database that failed is not
+// tried again until its identity (device, inode, size, times) changes.
+// Serialised: librpm keeps global state.
 int read_rpm_db(const HostRoot& root, bool with_files, const std::function<void(RpmPackage&)>& fn);
 
 // Calls fn for every installed package with the base names of its files

@@ -180,17 +180,20 @@ public:
 
     int32_t run(std::vector<AM::ProcessInfo>& out) {
         out.clear();
-        const std::string proc = root_.path("/proc");
-        Fd procfd(::open(proc.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        // Under an image only a real procfs mounted at its /proc is read: a
+        // link or a directory of files is no source.
+        Fd procfd(open_host_proc(root_));
         if (procfd.get() < 0) {
-            const int e = errno;
+            const int e = -procfd.get();
             if (e == ENOENT || e == ENOTDIR) return -ENOENT;
             if (e == EACCES || e == EPERM) return -EACCES;
             return -EIO;
         }
-        proc_prefix_ = proc;
+        // Paths below the /proc found: the descriptor itself pins it.
+        proc_prefix_ = root_.is_live_host() ? std::string("/proc")
+                                            : "/proc/self/fd/" + std::to_string(procfd.get());
         struct stat hst;
-        have_host_root_ = ::stat(root_.path("/").c_str(), &hst) == 0;
+        have_host_root_ = stat_host(root_, "/", hst) == 0;
         if (have_host_root_) {
             host_root_dev_ = hst.st_dev;
             host_root_ino_ = hst.st_ino;

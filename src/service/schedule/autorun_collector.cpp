@@ -86,10 +86,10 @@ std::string resolve_host_path(const HostRoot& root, std::string_view host_path, 
             return std::string();
         }
         struct stat st;
-        if (::lstat(root.path(cand).c_str(), &st) != 0) return std::string();
+        if (stat_host(root, cand, st, kNoFollow) != 0) return std::string();
         if (S_ISLNK(st.st_mode)) {
             if (++links > kMaxLinks) return std::string();
-            const std::string target = read_link(root.path(cand));
+            const std::string target = read_host_link(root, cand);
             if (target.empty()) return std::string();
             const std::string rest = todo.substr(pos);
             todo = normalize_path((target[0] == '/' ? target : (done.empty() ? "/" : done) + "/" + target)) +
@@ -286,28 +286,28 @@ std::vector<UnitDir> scan_unit_dirs(const HostRoot& root) {
         const std::string canon = resolve_host_path(root, s.path);
         if (canon.empty() || !seen.insert(canon).second) continue;  // /lib -> /usr/lib on merged hosts
         struct stat st;
-        if (::stat(root.path(canon).c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) continue;
+        if (stat_host(root, canon, st) != 0 || !S_ISDIR(st.st_mode)) continue;
         UnitDir d;
         d.path = canon;
         d.persistent_config = s.persistent;
         d.runtime = s.runtime;
         d.transient = s.transient;
-        const std::string top = root.path(canon);
-        for (const std::string& n : list_dir(top)) {
+        const std::string top = canon == "/" ? std::string() : canon;
+        for (const std::string& n : list_host_dir(root, canon)) {
             struct stat es;
-            if (::lstat((top + "/" + n).c_str(), &es) != 0) continue;
+            if (stat_host(root, top + "/" + n, es, kNoFollow) != 0) continue;
             if (S_ISDIR(es.st_mode)) {
                 if (!(ends_with(n, ".wants") || ends_with(n, ".requires") || ends_with(n, ".upholds")))
                     continue;
-                for (const std::string& ln : list_dir(top + "/" + n)) {
-                    const std::string t = read_link(top + "/" + n + "/" + ln);
+                for (const std::string& ln : list_host_dir(root, top + "/" + n)) {
+                    const std::string t = read_host_link(root, top + "/" + n + "/" + ln);
                     if (!t.empty()) d.links.push_back(Link{ln, std::string(base_name(t)), n});
                 }
             } else if (S_ISLNK(es.st_mode) || S_ISREG(es.st_mode)) {
                 if (!valid_unit_name(n)) continue;
                 d.names.insert(n);
                 if (S_ISLNK(es.st_mode)) {
-                    const std::string t = read_link(top + "/" + n);
+                    const std::string t = read_host_link(root, top + "/" + n);
                     if (!t.empty()) d.links.push_back(Link{n, std::string(base_name(t)), ""});
                 }
             }
@@ -348,9 +348,9 @@ Discovered discover(const HostRoot& root, const std::vector<UnitDir>& dirs, cons
             if (path.empty()) return d;
         }
         struct stat st;
-        if (is_special_tree(path) || ::lstat(root.path(path).c_str(), &st) != 0) return d;
+        if (is_special_tree(path) || stat_host(root, path, st, kNoFollow) != 0) return d;
         if (S_ISLNK(st.st_mode)) {
-            const std::string t = read_link(root.path(path));
+            const std::string t = read_host_link(root, path);
             if (t.empty()) return d;
             const std::string target = normalize_path(t[0] == '/' ? t : dir_name(path) + "/" + t);
             if (target == "/dev/null" || resolve_host_path(root, target, true) == "/dev/null") {
@@ -489,7 +489,7 @@ std::string program_path(const HostRoot& root, const std::string& prog) {
     for (const char* dir : {"/usr/local/sbin", "/usr/local/bin", "/usr/sbin", "/usr/bin", "/sbin", "/bin"}) {
         const std::string p = resolve_host_path(root, std::string(dir) + "/" + prog);
         struct stat st;
-        if (!p.empty() && ::stat(root.path(p).c_str(), &st) == 0 && S_ISREG(st.st_mode)) return p;
+        if (!p.empty() && stat_host(root, p, st) == 0 && S_ISREG(st.st_mode)) return p;
     }
     return std::string();
 }
@@ -529,7 +529,7 @@ void collect_units(const HostRoot& root, std::vector<Pending>& out, bool& any_so
 void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
     const std::string initd = resolve_host_path(root, "/etc/init.d");
     if (initd.empty()) return;
-    std::vector<std::string> scripts = list_dir(root.path(initd));
+    std::vector<std::string> scripts = list_host_dir(root, initd);
     if (scripts.empty()) return;
     any_source = true;
     std::sort(scripts.begin(), scripts.end());
@@ -538,14 +538,32 @@ void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_sou
     for (const char* lv : {"0", "1", "2", "3", "4", "5", "6", "S"}) {
         const std::string rcd = resolve_host_path(root, "/etc/rc" + std::string(lv) + ".d");
         if (rcd.empty()) continue;
-        for (const std::string& n : list_dir(root.path(rcd))) {
+        for (const std::string& n : list_host_dir(root, rcd)) {
             if (n.size() < 4 || n[0] != 'S' || !isdigit(static_cast<unsigned char>(n[1])) ||
                 !isdigit(static_cast<unsigned char>(n[2])))
                 continue;
-            const std::string target = read_link(root.path(rcd + "/" + n));
+            const std::string target = read_host_link(root, rcd + "/" + n);
             const std::string script = target.empty() ? n.substr(3) : std::string(base_name(target));
             std::string& l = levels[script];
             if (l.find(lv) == std::string::npos) l += lv;
+        }
+    }
+    // OpenRC (Alpine): /etc/runlevels/<level>/<service>, a link to the init.d
+    // script; the level is kept by its name ("boot", "default", ...).
+    const std::string runlevels = resolve_host_path(root, "/etc/runlevels");
+    std::vector<std::string> rl_names = runlevels.empty() ? std::vector<std::string>()
+                                                          : list_host_dir(root, runlevels);
+    std::sort(rl_names.begin(), rl_names.end());
+    for (const std::string& lv : rl_names) {
+        if (lv[0] == '.') continue;
+        std::vector<std::string> services = list_host_dir(root, runlevels + "/" + lv);
+        std::sort(services.begin(), services.end());
+        for (const std::string& n : services) {
+            const std::string target = read_host_link(root, runlevels + "/" + lv + "/" + n);
+            const std::string script = target.empty() ? n : std::string(base_name(target));
+            std::string& l = levels[script];
+            if (!l.empty()) l += ',';  // "boot,default"
+            l += lv;
         }
     }
     for (const std::string& n : scripts) {
@@ -554,9 +572,9 @@ void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_sou
             continue;
         const std::string host = initd + "/" + n;
         struct stat st;
-        if (::lstat(root.path(host).c_str(), &st) != 0) continue;
+        if (stat_host(root, host, st, kNoFollow) != 0) continue;
         const std::string real = S_ISLNK(st.st_mode) ? resolve_host_path(root, host) : host;
-        if (real.empty() || ::stat(root.path(real).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        if (real.empty() || stat_host(root, real, st) != 0 || !S_ISREG(st.st_mode)) continue;
         std::string text;
         read_host_file(root, real, text, 64u << 10);  // the LSB header sits at the top
         const LsbHeader h = parse_lsb_header(text);
@@ -575,7 +593,7 @@ void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_sou
 void collect_rc_local(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
     const std::string real = resolve_host_path(root, "/etc/rc.local");
     struct stat st;
-    if (real.empty() || ::stat(root.path(real).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return;
+    if (real.empty() || stat_host(root, real, st) != 0 || !S_ISREG(st.st_mode)) return;
     any_source = true;
     if (!(st.st_mode & 0111)) return;  // not executable: never run
     Pending p;
@@ -590,7 +608,7 @@ void collect_rc_local(const HostRoot& root, std::vector<Pending>& out, bool& any
 void collect_xdg(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
     const std::string dir = resolve_host_path(root, "/etc/xdg/autostart");
     if (dir.empty()) return;
-    std::vector<std::string> names = list_dir(root.path(dir));
+    std::vector<std::string> names = list_host_dir(root, dir);
     std::sort(names.begin(), names.end());
     for (const std::string& n : names) {
         if (!ends_with(n, ".desktop")) continue;

@@ -293,19 +293,18 @@ struct Sources {
     }
 };
 
-// Entry names in sorted order, or -errno.
-int list_names(const std::string& path, std::vector<std::string>& names) {
-    const int rc = list_dir(path, names);
+// Entry names of a host directory in sorted order, or -errno.
+int list_names(const HostRoot& root, const std::string& host_path, std::vector<std::string>& names) {
+    const int rc = list_host_dir(root, host_path, names);
     std::sort(names.begin(), names.end());
     return rc;
 }
 
-// Reads the crontab at `real` (a path under the host root), reporting jobs as
-// found in `host_path`.
-void read_crontab(const std::string& real, const std::string& host_path, bool system_table,
+// Reads the crontab at the host path `real`, reporting jobs as found in `host_path`.
+void read_crontab(const HostRoot& root, const std::string& real, const std::string& host_path, bool system_table,
                   const std::string& user, unsigned flags, Sources& src, std::vector<CronInfo>& out) {
     std::string text;
-    const int rc = read_file(real, text, kMaxCrontab + 1, flags);
+    const int rc = read_host_file(root, real, text, kMaxCrontab + 1, flags);
     src.note(rc);
     if (rc != 0) return;
     if (text.size() > kMaxCrontab) {
@@ -318,40 +317,49 @@ void read_crontab(const std::string& real, const std::string& host_path, bool sy
 
 // /etc/cron.d entries may be symlinks; cron follows them only to files that
 // root owns and nobody else may write, and so do we (one level, resolved
-// under the host root). Returns the path to open, or the entry itself.
+// under the host root). Returns the host path to open, or the entry itself.
 std::string cron_d_target(const HostRoot& root, const std::string& host_path) {
-    const std::string p = root.path(host_path);
     struct stat st;
-    if (::lstat(p.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return p;
-    const std::string target = read_link(p);
-    if (target.empty()) return p;
-    const std::string real = target[0] == '/' ? root.path(target) : root.path("/etc/cron.d/" + target);
-    if (::lstat(real.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != 0 || (st.st_mode & 022))
-        return p;
+    if (stat_host(root, host_path, st, kNoFollow) != 0 || !S_ISLNK(st.st_mode)) return host_path;
+    const std::string real = canonical_host_path(root, host_path);
+    if (real.empty() || stat_host(root, real, st, kNoFollow) != 0 || !S_ISREG(st.st_mode) || st.st_uid != 0 ||
+        (st.st_mode & 022))
+        return host_path;
     return real;
 }
 
 void collect_crontabs(const HostRoot& root, Sources& src, std::vector<CronInfo>& out) {
-    read_crontab(root.path("/etc/crontab"), "/etc/crontab", true, std::string(), kReadDefault, src, out);
+    read_crontab(root, "/etc/crontab", "/etc/crontab", true, std::string(), kReadDefault, src, out);
 
     std::vector<std::string> names;
-    src.note(list_names(root.path("/etc/cron.d"), names));
+    src.note(list_names(root, "/etc/cron.d", names));
     for (const std::string& n : names) {
         if (!run_parts_name(n)) continue;
         const std::string host = "/etc/cron.d/" + n;
-        read_crontab(cron_d_target(root, host), host, true, std::string(), kNoFollow, src, out);
+        read_crontab(root, cron_d_target(root, host), host, true, std::string(), kNoFollow, src, out);
     }
 
-    // Debian keeps user crontabs in crontabs/, Red Hat directly in the spool.
-    static const char* const kSpools[] = {"/var/spool/cron/crontabs", "/var/spool/cron"};
+    // User crontabs: Debian's crontabs/, Red Hat's spool itself, SUSE's tabs/,
+    // busybox's (Alpine) /etc/crontabs, where Alpine's /var/spool/cron/crontabs
+    // links to: each real directory once, its jobs under its real path.
+    static const char* const kSpools[] = {"/var/spool/cron/crontabs", "/var/spool/cron", "/var/spool/cron/tabs",
+                                          "/etc/crontabs"};
+    std::set<std::string> spools_seen;
     for (const char* spool : kSpools) {
-        src.note(list_names(root.path(spool), names));
+        const std::string dir = canonical_host_path(root, spool);
+        if (dir.empty()) {
+            src.note(-ENOENT);
+            continue;
+        }
+        if (!spools_seen.insert(dir).second) continue;
+        src.note(list_names(root, dir, names));
         for (const std::string& n : names) {
             if (n[0] == '.' || starts_with(n, "tmp.")) continue;  // crontab(1)'s temporary files
-            const std::string host = std::string(spool) + "/" + n;
+            if (n == "cron.update") continue;                     // busybox crontab's change marker
+            const std::string host = (dir == "/" ? "" : dir) + "/" + n;
             struct stat st;
-            if (::lstat(root.path(host).c_str(), &st) != 0 || S_ISDIR(st.st_mode)) continue;
-            read_crontab(root.path(host), host, false, n, kNoFollow, src, out);
+            if (stat_host(root, host, st, kNoFollow) != 0 || S_ISDIR(st.st_mode)) continue;
+            read_crontab(root, host, host, false, n, kNoFollow, src, out);
         }
     }
 }
@@ -370,13 +378,13 @@ void collect_run_parts(const HostRoot& root, Sources& src, std::vector<CronInfo>
                                            {"/etc/cron.monthly", "@monthly"}};
     std::vector<std::string> names;
     for (const auto& d : kDirs) {
-        src.note(list_names(root.path(d[0]), names));
+        src.note(list_names(root, d[0], names));
         for (const std::string& n : names) {
             if (!run_parts_name(n)) continue;
             const std::string host = std::string(d[0]) + "/" + n;
             struct stat st;
             // run-parts runs executable regular files, following symlinks.
-            if (::stat(root.path(host).c_str(), &st) != 0 || !S_ISREG(st.st_mode) || !(st.st_mode & 0111))
+            if (stat_host(root, host, st) != 0 || !S_ISREG(st.st_mode) || !(st.st_mode & 0111))
                 continue;
             CronInfo job;
             job.user = "root";
@@ -417,16 +425,16 @@ bool load_unit(const HostRoot& root, const std::string& unit, UnitKeys& keys, st
     for (const std::string& name : candidates) {
         for (const char* dir : kUnitDirs) {
             const std::string host = std::string(dir) + "/" + name;
-            const std::string p = root.path(host);
             struct stat st;
-            if (::lstat(p.c_str(), &st) != 0) continue;
+            if (stat_host(root, host, st, kNoFollow) != 0) continue;
             if (S_ISLNK(st.st_mode)) {
-                const std::string target = read_link(p);
+                const std::string target = read_host_link(root, host);
                 if (target.empty() || target == "/dev/null") return false;  // masked
-                real = target[0] == '/' ? root.path(target) : root.path(std::string(dir) + "/" + target);
-            } else {
-                real = p;
             }
+            // The file's real path, as the auto-start kind names it: with /lib
+            // a link to usr/lib, "/usr/lib/systemd/system/x.timer".
+            real = canonical_host_path(root, host);
+            if (real.empty() || real == "/dev/null") return false;
             found_host = host;
             break;
         }
@@ -434,9 +442,9 @@ bool load_unit(const HostRoot& root, const std::string& unit, UnitKeys& keys, st
     }
     if (found_host.empty()) return false;
     std::string text;
-    if (read_file(real, text, kMaxUnitFile) != 0) return false;
+    if (read_host_file(root, real, text, kMaxUnitFile) != 0) return false;
     parse_unit(text, keys);
-    file = found_host;
+    file = real;
 
     // Drop-ins: same-named files in a higher-priority directory win; applied
     // in file name order.
@@ -444,14 +452,14 @@ bool load_unit(const HostRoot& root, const std::string& unit, UnitKeys& keys, st
     std::vector<std::string> names;
     for (const std::string& name : candidates) {
         for (size_t i = sizeof kUnitDirs / sizeof kUnitDirs[0]; i-- > 0;) {
-            const std::string d = root.path(std::string(kUnitDirs[i]) + "/" + name + ".d");
-            if (list_names(d, names) != 0) continue;
+            const std::string d = std::string(kUnitDirs[i]) + "/" + name + ".d";
+            if (list_names(root, d, names) != 0) continue;
             for (const std::string& n : names)
                 if (ends_with(n, ".conf")) dropins[n] = d + "/" + n;
         }
     }
     for (const auto& di : dropins)
-        if (read_file(di.second, text, kMaxUnitFile) == 0) parse_unit(text, keys);
+        if (read_host_file(root, di.second, text, kMaxUnitFile) == 0) parse_unit(text, keys);
     return true;
 }
 
@@ -470,11 +478,11 @@ void collect_timers(const HostRoot& root, Sources& src, std::vector<CronInfo>& o
     std::set<std::string> enabled;
     std::vector<std::string> names, wanted;
     for (const char* dir : kUnitDirs) {
-        const int rc = list_names(root.path(dir), names);
+        const int rc = list_names(root, dir, names);
         src.note(rc);
         for (const std::string& n : names) {
             if (!ends_with(n, ".wants") && !ends_with(n, ".requires")) continue;
-            if (list_names(root.path(std::string(dir) + "/" + n), wanted) != 0) continue;
+            if (list_names(root, std::string(dir) + "/" + n, wanted) != 0) continue;
             for (const std::string& w : wanted)
                 if (ends_with(w, ".timer") && w.size() > 6) enabled.insert(w);
         }

@@ -63,7 +63,7 @@ std::string kernel_release(const HostRoot& root) {
 
 // The last bytes of a regular file (never a FIFO or device).
 std::string file_tail(const std::string& path, size_t n) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return std::string();
     std::string out;
     struct stat st;
@@ -86,7 +86,7 @@ struct ModuleFile {
 // Finds the module's file through the index under `moddir` (a host path) and
 // reads its modinfo. Paths the index gives are taken as host paths and
 // resolved under the root before anything opens them.
-ModuleFile module_file(const HostRoot& root, struct kmod_ctx* ctx, const std::string& moddir,
+ModuleFile module_file(const HostRoot& root, struct kmod_ctx* ctx, const std::string& moddir, int moddir_fd,
                        const std::string& name) {
     ModuleFile mf;
     struct kmod_module* mod = nullptr;
@@ -95,7 +95,7 @@ ModuleFile module_file(const HostRoot& root, struct kmod_ctx* ctx, const std::st
     std::string host;
     if (p && *p) {
         const std::string kp = p;
-        const std::string prefix = root.path(moddir) + "/";
+        const std::string prefix = "/proc/self/fd/" + std::to_string(moddir_fd) + "/";
         if (starts_with(kp, prefix))
             host = moddir + "/" + kp.substr(prefix.size());
         else if (kp[0] == '/')
@@ -105,12 +105,15 @@ ModuleFile module_file(const HostRoot& root, struct kmod_ctx* ctx, const std::st
     if (host.empty()) return mf;
     mf.host_path = resolve_host_path(root, host);
     if (mf.host_path.empty()) return mf;
-    const std::string open_path = root.path(mf.host_path);
+    // The file found inside the root, pinned by its descriptor: libkmod opens
+    // "/proc/self/fd/<n>", which is that file whatever its name leads to now.
+    Fd file(open_host_file(root, mf.host_path, kNoFollow));
     struct stat st;
-    if (::lstat(open_path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (file.get() < 0 || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         mf.host_path.clear();
         return mf;
     }
+    const std::string open_path = "/proc/self/fd/" + std::to_string(file.get());
     mf.signed_module = has_module_signature(file_tail(open_path, 64));
     // Read modinfo from the resolved path only, so libkmod never follows a
     // link out of the root (it decompresses .ko.xz / .ko.zst itself).
@@ -140,6 +143,7 @@ ModuleFile module_file(const HostRoot& root, struct kmod_ctx* ctx, const std::st
 int32_t collect_kernel_modules(const HostRoot& root, std::vector<AM::SysLoadModuleInfo>& out) {
     return guarded(out, [&]() -> int32_t {
         out.clear();
+        Fd moddir_fd;  // declared before ctx: outlives it
         KmodCtx ctx;
         std::string text;
         const int rc = read_host_file(root, "/proc/modules", text, 16u << 20);
@@ -149,9 +153,21 @@ int32_t collect_kernel_modules(const HostRoot& root, std::vector<AM::SysLoadModu
         std::string moddir;
         if (!rel.empty() && rel.find('/') == std::string::npos && rel != "." && rel != "..") {
             moddir = resolve_host_path(root, "/lib/modules/" + rel);
-            if (!moddir.empty()) {
+            // libkmod opens its index files by name: the directory is pinned by
+            // a descriptor, and an index that is a link (which could lead out
+            // of an image) means no index at all.
+            bool index_ok = !moddir.empty();
+            for (const char* f : {"modules.dep.bin", "modules.dep", "modules.alias.bin", "modules.symbols.bin",
+                                  "modules.builtin.bin", "modules.builtin.alias.bin", "modules.builtin.modinfo",
+                                  "modules.softdep", "modules.devname", "modules.builtin", "modules.order"}) {
+                struct stat st;
+                if (index_ok && stat_host(root, moddir + "/" + f, st, kNoFollow) == 0 && !S_ISREG(st.st_mode))
+                    index_ok = false;
+            }
+            if (index_ok) moddir_fd.reset(open_host(root, moddir, O_PATH | O_DIRECTORY));
+            if (moddir_fd.get() >= 0) {
                 static const char* const kNoConfig[] = {nullptr};  // never the host's modprobe.d
-                ctx.reset(kmod_new(root.path(moddir).c_str(), kNoConfig));
+                ctx.reset(kmod_new(("/proc/self/fd/" + std::to_string(moddir_fd.get())).c_str(), kNoConfig));
                 if (ctx) kmod_set_log_fn(ctx.get(), quiet_log, nullptr);
             }
         }
@@ -159,7 +175,7 @@ int32_t collect_kernel_modules(const HostRoot& root, std::vector<AM::SysLoadModu
         std::vector<FileRef> refs;
         std::vector<size_t> idx;
         for (size_t i = 0; i < mods.size(); ++i) {
-            if (ctx) files[i] = module_file(root, ctx.get(), moddir, mods[i].name);
+            if (ctx) files[i] = module_file(root, ctx.get(), moddir, moddir_fd.get(), mods[i].name);
             if (files[i].host_path.empty()) continue;
             FileRef r;
             r.host_path = files[i].host_path;

@@ -25,6 +25,13 @@ namespace amsvc {
 // path such as /dev/null, which masked units point to).
 std::string resolve_host_path(const HostRoot& root, std::string_view host_path, bool allow_dev = false);
 
+// Machine name (uname's spelling: "x86_64", "aarch64", "i686") of an ELF
+// file's header; empty when it is no ELF file or an unknown machine.
+std::string elf_arch(std::string_view elf_header);
+// The architecture of the image under `root`: that of its own programs
+// (/bin/sh, /usr/bin/env, ...), empty when none is an ELF file.
+std::string image_arch(const HostRoot& root);
+
 // ---- kernel modules ------------------------------------------------------
 
 struct ProcModule {

@@ -122,9 +122,9 @@ void add_unique(std::vector<std::string>& v, const std::string& s) {
     if (!s.empty() && std::find(v.begin(), v.end(), s) == v.end()) v.push_back(s);
 }
 
-std::string first_line(const std::string& path) {
+std::string first_line(const HostRoot& root, const std::string& host_path) {
     std::string text;
-    if (read_file(path, text, 4096) != 0) return std::string();
+    if (read_host_file(root, host_path, text, 4096) != 0) return std::string();
     const size_t nl = text.find('\n');
     if (nl != std::string::npos) text.resize(nl);
     return std::string(trim(text));
@@ -434,6 +434,40 @@ std::atomic<int> g_stuck_workers{0};
 
 }  // namespace
 
+std::string elf_arch(std::string_view h) {
+    if (h.size() < 20 || h.substr(0, 4) != "\x7f" "ELF") return std::string();
+    const bool is64 = h[4] == 2;
+    const bool le = h[5] == 1;
+    const auto b = [&](size_t i) { return static_cast<unsigned>(static_cast<unsigned char>(h[i])); };
+    const unsigned machine = le ? (b(18) | b(19) << 8) : (b(18) << 8 | b(19));
+    switch (machine) {
+        case 3: return "i686";
+        case 62: return "x86_64";
+        case 183: return "aarch64";
+        case 40: return le ? "armv7l" : "armv7b";
+        case 20: return "ppc";
+        case 21: return le ? "ppc64le" : "ppc64";
+        case 22: return is64 ? "s390x" : "s390";
+        case 8: return is64 ? (le ? "mips64el" : "mips64") : (le ? "mipsel" : "mips");
+        case 243: return is64 ? "riscv64" : "riscv32";
+        case 258: return "loongarch64";
+        case 2: return is64 ? "sparc64" : "sparc";
+        case 43: return "sparc64";
+        default: return std::string();
+    }
+}
+
+std::string image_arch(const HostRoot& root) {
+    // Programs every image has; read inside the image, links resolved there.
+    for (const char* prog : {"/bin/sh", "/usr/bin/env", "/bin/busybox", "/sbin/init", "/usr/bin/ls"}) {
+        std::string head;
+        if (read_host_file(root, prog, head, 64) != 0) continue;
+        const std::string a = elf_arch(head);
+        if (!a.empty()) return a;
+    }
+    return std::string();
+}
+
 bool statvfs_guarded(const std::string& path, bool may_hang, struct statvfs& st) {
     if (!may_hang) return ::statvfs(path.c_str(), &st) == 0;
     if (g_stuck_workers.load() >= 4) return false;
@@ -564,7 +598,7 @@ void collect_cards(const HostRoot& root, std::vector<AM::NetworkCardInfo>& out) 
         std::string text;
         read_host_file(root, "/proc/net/if_inet6", text, kSmallFile);
         const auto v6 = parse_if_inet6(text);
-        std::vector<std::string> names = list_dir(root.path("/sys/class/net"));
+        std::vector<std::string> names = list_host_dir(root, "/sys/class/net");
         std::sort(names.begin(), names.end());
         for (const std::string& n : names)
             card(cards, n).v6 = v6.count(n) ? v6.at(n) : std::vector<std::string>();
@@ -577,10 +611,10 @@ void collect_cards(const HostRoot& root, std::vector<AM::NetworkCardInfo>& out) 
     for (CardBuild& c : cards) {
         // Interface names never hold '/', so this stays inside /sys/class/net.
         if (c.info.name.find('/') != std::string::npos || c.info.name == "." || c.info.name == "..") continue;
-        const std::string dir = root.path("/sys/class/net/" + c.info.name);
-        c.info.mac = first_line(dir + "/address");
+        const std::string dir = "/sys/class/net/" + c.info.name;
+        c.info.mac = first_line(root, dir + "/address");
         int64_t mtu;
-        if (parse_i64(first_line(dir + "/mtu"), mtu) && mtu >= 0 && mtu <= INT32_MAX)
+        if (parse_i64(first_line(root, dir + "/mtu"), mtu) && mtu >= 0 && mtu <= INT32_MAX)
             c.info.mtu = static_cast<int32_t>(mtu);
         c.info.ipv4 = join(c.v4);
         c.info.mask = join(c.masks);
@@ -601,7 +635,7 @@ int32_t collect_system_facts(const HostRoot& root, AM::SystemInfo& out) {
         out = AM::SystemInfo();
         std::string text;
         if (root.is_live_host()) {
-            out.host = first_line("/proc/sys/kernel/hostname");
+            out.host = first_line(root, "/proc/sys/kernel/hostname");
             if (out.host.empty()) {
                 struct utsname u;
                 if (uname(&u) == 0) out.host = u.nodename;
@@ -618,16 +652,16 @@ int32_t collect_system_facts(const HostRoot& root, AM::SystemInfo& out) {
         }
         if (read_config(root, "/etc/os-release", text) != 0) read_config(root, "/usr/lib/os-release", text);
         out.version = parse_os_release(text);
-        out.kernel_version = first_line(root.path("/proc/sys/kernel/osrelease"));
+        out.kernel_version = first_line(root, "/proc/sys/kernel/osrelease");
         if (out.kernel_version.empty() && root.is_live_host()) {
             struct utsname u;
             if (uname(&u) == 0) out.kernel_version = u.release;
         }
-        out.arch = uname_machine();
+        out.arch = root.is_live_host() ? uname_machine() : image_arch(root);
         out.b64 = arch_is_64(out.arch);
-        out.Manufacturer = first_line(root.path("/sys/class/dmi/id/sys_vendor"));
-        out.product = first_line(root.path("/sys/class/dmi/id/product_name"));
-        out.Serial = first_line(root.path("/sys/class/dmi/id/product_serial"));
+        out.Manufacturer = first_line(root, "/sys/class/dmi/id/sys_vendor");
+        out.product = first_line(root, "/sys/class/dmi/id/product_name");
+        out.Serial = first_line(root, "/sys/class/dmi/id/product_serial");
         if (read_host_file(root, "/proc/meminfo", text, kSmallFile) == 0) out.mem = parse_meminfo(text);
         if (read_host_file(root, "/proc/cpuinfo", text, 16u << 20) == 0) out.cpu = parse_cpuinfo(text);
         if (read_config(root, "/etc/environment", text) == 0) out.envs = parse_environment(text);

@@ -471,7 +471,7 @@ struct SudoersReader {
                 read(abs);
                 return;
             }
-            for (const std::string& n : sudoers_dir_files(list_dir(root.path(abs)))) read(abs + "/" + n);
+            for (const std::string& n : sudoers_dir_files(list_host_dir(root, abs))) read(abs + "/" + n);
         });
         --depth;
     }

@@ -237,7 +237,7 @@ TEST(NetlinkDiag, HostileBuffersNeverReadPastTheEnd) {
 
 TEST(NetlinkSnapshot, FixtureHostWithContainerNamespace) {
     std::vector<AM::NetLinkInfo> out(3);  // replaced, not appended to
-    ASSERT_EQ(amsvc::collect_netlinks(HostRoot(kFixtureRoot), out), 0);
+    ASSERT_EQ(amsvc::collect_netlinks(HostRoot(kFixtureRoot).set_fixture_proc(true), out), 0);
     std::multiset<std::string> got;
     for (const auto& r : out) got.insert(key(r));
     const std::multiset<std::string> want = {
@@ -261,7 +261,7 @@ TEST(NetlinkSnapshot, FixtureHostWithContainerNamespace) {
 
     nl::Options own_only;
     own_only.other_namespaces = false;
-    ASSERT_EQ(nl::collect_netlinks_with(HostRoot(kFixtureRoot), out, own_only), 0);
+    ASSERT_EQ(nl::collect_netlinks_with(HostRoot(kFixtureRoot).set_fixture_proc(true), out, own_only), 0);
     EXPECT_EQ(out.size(), want.size() - 1);
 }
 
@@ -271,7 +271,7 @@ TEST(NetlinkSnapshot, MissingAndHostileSources) {
     TempDir t;
     ASSERT_FALSE(t.path.empty());
     std::vector<AM::NetLinkInfo> out;
-    EXPECT_EQ(amsvc::collect_netlinks(HostRoot(t.path), out), -ENOENT);
+    EXPECT_EQ(amsvc::collect_netlinks(HostRoot(t.path).set_fixture_proc(true), out), -ENOENT);
 
     // Tables that exist but cannot be read as files: a FIFO never blocks, a
     // directory is refused.
@@ -281,7 +281,7 @@ TEST(NetlinkSnapshot, MissingAndHostileSources) {
     t.mkdir("/proc/net/udp");
     // A table that is a link into the live /proc is not followed.
     ASSERT_EQ(symlink("/proc/net/tcp6", (t.path + "/proc/net/tcp6").c_str()), 0);
-    EXPECT_EQ(amsvc::collect_netlinks(HostRoot(t.path), out), -EACCES);
+    EXPECT_EQ(amsvc::collect_netlinks(HostRoot(t.path).set_fixture_proc(true), out), -EACCES);
 
     // One good line among a huge over-long line and a truncated tail.
     std::string text = "  sl  local_address\n";
@@ -290,7 +290,7 @@ TEST(NetlinkSnapshot, MissingAndHostileSources) {
     text += "   2: 0100007F:0017 00000000:00";
     t.file("/proc/net/udp6", "");
     t.file("/proc/net/raw", text);
-    ASSERT_EQ(amsvc::collect_netlinks(HostRoot(t.path), out), 0);
+    ASSERT_EQ(amsvc::collect_netlinks(HostRoot(t.path).set_fixture_proc(true), out), 0);
     ASSERT_EQ(out.size(), 1u);
     EXPECT_EQ(out[0].proto, "raw");
     EXPECT_EQ(out[0].local_port, 22);
@@ -302,7 +302,7 @@ TEST(NetlinkSnapshot, HugeTableIsStreamed) {
     TempDir t;
     t.file("/proc/net/tcp", tcp_table(200000, 1000));
     std::vector<AM::NetLinkInfo> out;
-    ASSERT_EQ(amsvc::collect_netlinks(HostRoot(t.path), out), 0);
+    ASSERT_EQ(amsvc::collect_netlinks(HostRoot(t.path).set_fixture_proc(true), out), 0);
     EXPECT_EQ(out.size(), 200000u);
     EXPECT_EQ(out.back().local_port, 199999 % 65536);
 }

@@ -247,7 +247,7 @@ TEST(ContainerFacts, CollectorFixtureForeignRoot) {
                "2000-3000 r-xp 00000000 fe:00 5 /etc/passwd\n"
                "3000-4000 r-xp 00000000 fe:00 6 /etc/shadow\n");
     std::vector<AM::ProcessInfo> out;
-    ASSERT_EQ(collect_processes(HostRoot(host.path()), out), 0);
+    ASSERT_EQ(collect_processes(HostRoot(host.path()).set_fixture_proc(true), out), 0);
     ASSERT_EQ(out.size(), 2u);
     const auto& mods = out[0].modules;
     ASSERT_EQ(mods.size(), 4u);

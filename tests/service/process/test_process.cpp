@@ -270,7 +270,7 @@ TEST(ProcessFixture, HostileTree) {
 
     std::vector<AM::ProcessInfo> out(3);  // replaced, not appended to
     // A read blocking on the FIFO or endless on /dev/zero would never return.
-    ASSERT_EQ(collect_processes(HostRoot(r.path()), out), 0);
+    ASSERT_EQ(collect_processes(HostRoot(r.path()).set_fixture_proc(true), out), 0);
 
     ASSERT_EQ(out.size(), 3u);
     EXPECT_EQ(out[0].pid, 2);
@@ -323,10 +323,10 @@ TEST(ProcessFixture, HostileTree) {
 TEST(ProcessFixture, MissingProc) {
     TempRoot r;
     std::vector<AM::ProcessInfo> out(1);
-    EXPECT_EQ(collect_processes(HostRoot(r.path()), out), -ENOENT);
+    EXPECT_EQ(collect_processes(HostRoot(r.path()).set_fixture_proc(true), out), -ENOENT);
     EXPECT_TRUE(out.empty());
     r.write("proc", "not a directory");
-    EXPECT_EQ(collect_processes(HostRoot(r.path()), out), -ENOENT);
+    EXPECT_EQ(collect_processes(HostRoot(r.path()).set_fixture_proc(true), out), -ENOENT);
     // An unreadable /proc; root reads a mode-000 directory anyway, so the
     // check runs in a child that gave up root.
     TempRoot r2;
@@ -337,7 +337,7 @@ TEST(ProcessFixture, MissingProc) {
     if (child == 0) {
         if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0) _exit(2);
         std::vector<AM::ProcessInfo> list;
-        _exit(collect_processes(HostRoot(r2.path()), list) == -EACCES ? 0 : 1);
+        _exit(collect_processes(HostRoot(r2.path()).set_fixture_proc(true), list) == -EACCES ? 0 : 1);
     }
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -358,7 +358,7 @@ TEST(ProcessFixture, ArgumentBudget) {
         fs::create_hard_link(r.path() + "/stat", dir + "/stat");
     }
     std::vector<AM::ProcessInfo> out;
-    ASSERT_EQ(collect_processes(HostRoot(r.path()), out), 0);
+    ASSERT_EQ(collect_processes(HostRoot(r.path()).set_fixture_proc(true), out), 0);
     ASSERT_EQ(out.size(), 36u);
     EXPECT_EQ(out[0].cmd_line.size(), 1u << 20);
     EXPECT_EQ(out[31].cmd_line.size(), 1u << 20);

@@ -1,0 +1,335 @@
+// Mounted images of every family, inventoried through the host root: the
+// packages match the family's own tool on the same tree, nothing in the image
+// changes (a read-only bind mount reads the same), and no link leads to a
+// file of the running machine.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <set>
+
+#include "collectors.h"
+#include "core/common.h"
+#include "image_fixtures.h"
+#include "system/sysfacts.h"
+
+namespace {
+
+using namespace amsvc;
+using amimg::q;
+using amtest::run;
+
+std::string packages_text(const std::string& tree, int* rc = nullptr) {
+    std::vector<AM::SysInstallPackageInfo> pkgs;
+    const int r = collect_packages(HostRoot(tree), pkgs);
+    if (rc) *rc = r;
+    std::vector<std::string> lines;
+    for (const auto& p : pkgs)
+        lines.push_back(p.type + " " + p.name + "|" + p.version + (p.release.empty() ? "" : "-" + p.release));
+    std::sort(lines.begin(), lines.end());
+    std::string out;
+    for (const auto& l : lines) out += l + "\n";
+    return out;
+}
+
+std::string sorted_lines(const std::string& prefix, const std::string& text) {
+    std::vector<std::string> v;
+    for (std::string_view l : split_lines(text))
+        if (!l.empty()) v.push_back(prefix + std::string(l));
+    std::sort(v.begin(), v.end());
+    std::string out;
+    for (const auto& l : v) out += l + "\n";
+    return out;
+}
+
+const char* const kRpmQuery = " --dbpath /var/lib/rpm -qa --qf 'rpm %{NAME}|%|EPOCH?{%{EPOCH}:}|%{VERSION}-%{RELEASE}\\n'";
+
+struct Family {
+    const char* name;
+    // Builds the tree; returns the trusted tool's listing ("type name|version"
+    // lines), or empty to skip with the reason in `why`.
+    std::function<std::string(const std::string& tree, std::string& why)> build;
+};
+
+const Family kFamilies[] = {
+    {"debian",
+     [](const std::string& t, std::string& why) {
+         if (!amimg::make_dpkg_tree(t)) return why = "dpkg cannot build the tree", std::string();
+         return sorted_lines("deb ", run("dpkg-query --admindir=" + q(t + "/var/lib/dpkg") +
+                                         " -W -f '${Package}|${Version}\\n'"));
+     }},
+    {"rhel9-sqlite",
+     [](const std::string& t, std::string& why) {
+         if (!amimg::make_rpm_sqlite(t)) return why = "rpm/rpmbuild missing", std::string();
+         return sorted_lines("", run("rpm --root " + q(t) + kRpmQuery));
+     }},
+    {"centos7-bdb",
+     [](const std::string& t, std::string& why) {
+         const std::string scratch = t + ".src";
+         if (!amimg::make_rpm_sqlite(scratch)) return why = "rpm/rpmbuild missing", std::string();
+         const auto blobs = amimg::sqlite_blobs(scratch + "/var/lib/rpm/rpmdb.sqlite");
+         run("rm -rf " + q(scratch) + "; mkdir -p " + q(t + "/var/lib/rpm"));
+         if (!amimg::make_bdb(t + "/var/lib/rpm/Packages", blobs)) return why = "db5.3_load missing", std::string();
+         return sorted_lines("", run("rpm --root " + q(t) + " --define '_db_backend bdb_ro'" + kRpmQuery +
+                                     " 2>/dev/null"));
+     }},
+    {"opensuse-ndb",
+     [](const std::string& t, std::string& why) {
+         // This machine's rpm cannot read ndb: the trusted listing is rpm's on
+         // the sqlite database the header blobs were taken from.
+         const std::string scratch = t + ".src";
+         if (!amimg::make_rpm_sqlite(scratch)) return why = "rpm/rpmbuild missing", std::string();
+         const std::string want = sorted_lines("", run("rpm --root " + q(scratch) + kRpmQuery));
+         amtest::write_file(t + "/usr/lib/sysimage/rpm/Packages.db",
+                            amimg::ndb_file(amimg::sqlite_blobs(scratch + "/var/lib/rpm/rpmdb.sqlite")));
+         run("rm -rf " + q(scratch) + "; mkdir -p " + q(t + "/var/lib") + " && ln -s ../../usr/lib/sysimage/rpm " +
+             q(t + "/var/lib/rpm"));
+         return want;
+     }},
+    {"alpine",
+     [](const std::string& t, std::string&) {
+         const std::string db =
+             "C:Q1abc=\nP:musl\nV:1.2.4-r2\nA:x86_64\nS:1\nI:622592\nT:the musl c library\no:musl\n\n"
+             "P:busybox\nV:1.36.1-r5\nA:x86_64\nI:950272\nT:Size optimized toolbox\n";
+         amtest::write_file(t + "/lib/apk/db/installed", db);
+         return sorted_lines("apk ", run("awk -F: '/^P:/{p=$2} /^V:/{print p \"|\" $2}' " +
+                                         q(t + "/lib/apk/db/installed")));
+     }},
+    {"distroless",
+     [](const std::string& t, std::string&) {
+         const std::string d = t + "/var/lib/dpkg/status.d/";
+         amtest::write_file(d + "base-files", "Package: base-files\nVersion: 12.4+deb12u5\nArchitecture: amd64\n"
+                                              "Maintainer: S <s@example.org>\nDescription: base system\n");
+         amtest::write_file(d + "tzdata", "Package: tzdata\nVersion: 2024a-0+deb12u1\nArchitecture: all\n"
+                                          "Status: install ok installed\nDescription: time zones\n");
+         amtest::write_file(d + "tzdata.md5sums", "d41d8cd98f00b204e9800998ecf8427e  usr/share/zoneinfo/UTC\n");
+         return sorted_lines("deb ", run("cd " + q(d) + " && cat base-files tzdata | awk '/^Package:/{p=$2} "
+                                         "/^Version:/{print p \"|\" $2}'"));
+     }},
+};
+
+TEST(Images, EveryFamilyMatchesItsToolReadOnly) {
+    for (const Family& f : kFamilies) {
+        SCOPED_TRACE(f.name);
+        amtest::TempDir dir{"amimg_family"};
+        std::string why;
+        const std::string want = f.build(dir.path, why);
+        if (want.empty()) {
+            ADD_FAILURE() << "fixture not built: " << why;
+            continue;
+        }
+        const std::string before = amimg::tree_sum(dir.path);
+        int rc = 1;
+        EXPECT_EQ(want, packages_text(dir.path, &rc));
+        EXPECT_EQ(0, rc);
+        EXPECT_EQ(before, amimg::tree_sum(dir.path)) << "the scan changed the image";
+        const std::string ro = amimg::in_readonly_mount(dir.path, [&] { return packages_text(dir.path); });
+        if (ro != "SKIP") {
+            EXPECT_EQ(want, ro) << "read-only mount";
+        }
+    }
+}
+
+TEST(Images, DebianInstallTimeAndDistrolessStatus) {
+    amtest::TempDir dir{"amimg_deb"};
+    ASSERT_TRUE(amimg::make_dpkg_tree(dir.path));
+    std::vector<AM::SysInstallPackageInfo> pkgs;
+    ASSERT_EQ(0, collect_packages(HostRoot(dir.path), pkgs));
+    ASSERT_EQ(2u, pkgs.size());
+    for (const auto& p : pkgs) EXPECT_FALSE(p.installtime.empty()) << p.name;  // from info/<name>[:arch].list
+    EXPECT_EQ("amtest-src", pkgs[1].source);
+}
+
+// A database that is there but unreadable: a negative code, no descriptor
+// left behind, and not read again until the file changes.
+TEST(Images, CorruptRpmDatabase) {
+    amtest::TempDir dir{"amimg_junk"};
+    const std::string db = dir.file("/var/lib/rpm/rpmdb.sqlite", std::string(8192, 'J'));
+    auto fds = [] { return list_dir("/proc/self/fd").size(); };
+    const int in = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(in, 0);
+    ASSERT_GE(inotify_add_watch(in, db.c_str(), IN_ACCESS), 0);
+    auto reads = [&] {
+        int n = 0;
+        char buf[4096];
+        ssize_t r;
+        while ((r = read(in, buf, sizeof buf)) > 0) n += static_cast<int>(r / sizeof(struct inotify_event));
+        return n;
+    };
+    std::vector<AM::SysInstallPackageInfo> pkgs;
+    EXPECT_EQ(-EIO, collect_packages(HostRoot(dir.path), pkgs));
+    reads();
+    const size_t open_before = fds();
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(-EIO, collect_packages(HostRoot(dir.path), pkgs));
+    EXPECT_EQ(open_before, fds());
+    EXPECT_EQ(0, reads()) << "a failed database was read again unchanged";
+    amtest::write_file(db, std::string(8192, 'K'));  // changed: tried again
+    EXPECT_EQ(-EIO, collect_packages(HostRoot(dir.path), pkgs));
+    EXPECT_GT(reads(), 0);
+    close(in);
+
+    // The same for the other formats, and for a database whose records are all junk.
+    amtest::TempDir n{"amimg_junk_ndb"};
+    n.file("/usr/lib/sysimage/rpm/Packages.db", amimg::ndb_file({"not a header", "nor this"}));
+    EXPECT_EQ(-EIO, collect_packages(HostRoot(n.path), pkgs));
+    n.file("/usr/lib/sysimage/rpm/Packages.db", "RpmP");
+    EXPECT_EQ(-EIO, collect_packages(HostRoot(n.path), pkgs));
+    amtest::TempDir b{"amimg_junk_bdb"};
+    b.file("/var/lib/rpm/Packages", std::string(4096, 'B'));
+    const size_t bdb_before = fds();
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(-EIO, collect_packages(HostRoot(b.path), pkgs));
+    EXPECT_EQ(bdb_before, fds());
+}
+
+// A write-ahead log with content (rpm killed mid-transaction) is part of the
+// database: read from private copies, the image left as it was.
+TEST(Images, RpmSqliteWithUncheckpointedLog) {
+    amtest::TempDir dir{"amimg_wal"};
+    ASSERT_TRUE(amimg::make_rpm_sqlite(dir.path));
+    const std::string db = dir.path + "/var/lib/rpm/rpmdb.sqlite";
+    int st = 0;
+    // A second copy of the first package, committed to the log only.
+    run("/usr/bin/python3 -c " +
+            q("import sqlite3,os; c=sqlite3.connect(\"" + db + "\"); c.execute(\"PRAGMA journal_mode=WAL\"); "
+              "c.execute(\"PRAGMA wal_autocheckpoint=0\"); c.execute(\"INSERT INTO Packages(hnum,blob) SELECT "
+              "100,blob FROM Packages WHERE hnum=1\"); c.commit(); os._exit(0)"),
+        &st);
+    struct stat wal;
+    ASSERT_TRUE(st == 0 && stat((db + "-wal").c_str(), &wal) == 0 && wal.st_size > 0) << "no log left";
+    const std::string before = amimg::tree_sum(dir.path);
+    const std::string got = packages_text(dir.path);
+    EXPECT_EQ(before, amimg::tree_sum(dir.path));
+    EXPECT_EQ(sorted_lines("", run("rpm --root " + q(dir.path) + kRpmQuery)), got);
+    EXPECT_EQ(3u, std::count(got.begin(), got.end(), '\n'));
+}
+
+// Layouts of SUSE, Alpine and OpenRC, the image's own architecture, and one
+// path for a timer in both the cron and the auto-start kinds.
+TEST(Images, FamilyLayouts) {
+    amtest::TempDir dir{"amimg_layouts"};
+    const std::string& t = dir.path;
+    dir.file("/var/spool/cron/tabs/alice", "5 4 * * * /usr/bin/suse-job\n", 0600);
+    dir.file("/etc/crontabs/root", "*/15 * * * * run-parts /etc/periodic/15min\n", 0600);
+    dir.link("/var/spool/cron/crontabs", "/etc/crontabs");  // as Alpine ships it
+    dir.file("/etc/init.d/sshd", "#!/sbin/openrc-run\ndescription=\"OpenSSH server\"\n", 0755);
+    dir.file("/etc/init.d/crond", "#!/sbin/openrc-run\n", 0755);
+    dir.link("/etc/runlevels/default/sshd", "/etc/init.d/sshd");
+    dir.link("/etc/runlevels/boot/sshd", "/etc/init.d/sshd");
+    // An aarch64 /bin/sh on this x86_64 machine.
+    std::string elf("\x7f" "ELF\x02\x01\x01", 7);
+    elf.resize(64, '\0');
+    elf[18] = static_cast<char>(183);
+    dir.file("/bin/busybox", elf, 0755);
+    dir.link("/bin/sh", "/bin/busybox");
+    // Merged /usr: /lib is a link to usr/lib.
+    dir.link("/lib", "usr/lib");
+    dir.file("/usr/lib/systemd/system/apt-daily.timer", "[Unit]\nDescription=Daily apt\n[Timer]\nOnCalendar=daily\n");
+    dir.file("/usr/lib/systemd/system/apt-daily.service", "[Service]\nExecStart=/usr/lib/apt/apt.systemd.daily\n");
+    dir.link("/etc/systemd/system/timers.target.wants/apt-daily.timer", "/lib/systemd/system/apt-daily.timer");
+
+    std::vector<AM::CronInfo> crons;
+    ASSERT_EQ(0, collect_crons(HostRoot(t), crons));
+    std::set<std::string> got;
+    std::string timer_file;
+    for (const auto& c : crons) {
+        got.insert(c.user + " " + c.file + " " + c.cmd_line);
+        if (c.name == "apt-daily.timer") timer_file = c.file;
+    }
+    EXPECT_EQ(1u, got.count("alice /var/spool/cron/tabs/alice /usr/bin/suse-job"));
+    EXPECT_EQ(1u, got.count("root /etc/crontabs/root run-parts /etc/periodic/15min")) << "Alpine, once";
+    EXPECT_EQ(3u, crons.size());
+
+    std::vector<AM::AutoRunServInfo> autoruns;
+    ASSERT_EQ(0, collect_autoruns(HostRoot(t), autoruns));
+    std::map<std::string, const AM::AutoRunServInfo*> by_name;
+    for (const auto& a : autoruns) by_name[a.name] = &a;
+    ASSERT_TRUE(by_name.count("sshd") && by_name.count("crond") && by_name.count("apt-daily.timer"));
+    EXPECT_EQ("enabled", by_name["sshd"]->status);
+    EXPECT_EQ("boot,default", by_name["sshd"]->level);
+    EXPECT_EQ("disabled", by_name["crond"]->status);
+    EXPECT_EQ("/usr/lib/systemd/system/apt-daily.timer", timer_file);
+    EXPECT_EQ(timer_file, by_name["apt-daily.timer"]->script_path);
+
+    AM::SystemInfo sys;
+    collect_system_facts(HostRoot(t), sys);
+    EXPECT_EQ("aarch64", sys.arch);
+    EXPECT_TRUE(sys.b64);
+}
+
+// A FIFO where a file is expected is never opened: a writer blocked on it
+// stays blocked (an open for reading would release it).
+TEST(Images, FifoIsNeverOpened) {
+    amtest::TempDir dir{"amimg_fifo"};
+    dir.mkdir("/etc/cron.d");
+    dir.mkdir("/var/lib/dpkg");
+    for (const char* f : {"/etc/crontab", "/etc/passwd", "/var/lib/dpkg/status", "/etc/os-release"})
+        ASSERT_EQ(0, mkfifo((dir.path + f).c_str(), 0644));
+    std::vector<pid_t> writers;
+    for (const char* f : {"/etc/crontab", "/etc/passwd", "/var/lib/dpkg/status", "/etc/os-release"}) {
+        const std::string path = dir.path + f;
+        const pid_t w = fork();
+        if (w == 0) _exit(open(path.c_str(), O_WRONLY) >= 0 ? 0 : 1);  // blocks until a reader opens
+        writers.push_back(w);
+    }
+    for (pid_t w : writers) {  // until each writer waits in the FIFO's open (bounded)
+        for (int i = 0; i < 500; ++i) {
+            std::string wchan;
+            read_file("/proc/" + std::to_string(w) + "/wchan", wchan, 64);
+            if (wchan.find("fifo") != std::string::npos || wchan.find("wait_for_partner") != std::string::npos) break;
+            usleep(10000);
+        }
+    }
+    std::vector<AM::CronInfo> crons;
+    std::vector<AM::UserInfo> users;
+    std::vector<AM::SysInstallPackageInfo> pkgs;
+    AM::SystemInfo sys;
+    collect_crons(HostRoot(dir.path), crons);
+    collect_users(HostRoot(dir.path), users);
+    collect_packages(HostRoot(dir.path), pkgs);
+    collect_system_facts(HostRoot(dir.path), sys);
+    for (pid_t w : writers) {
+        int st;
+        EXPECT_EQ(0, waitpid(w, &st, WNOHANG)) << "a writer was released: the FIFO was opened";
+        kill(w, SIGKILL);
+        waitpid(w, &st, 0);
+    }
+}
+
+// Only a real procfs at the image's /proc is a source of processes and sockets.
+TEST(Images, ProcessesOnlyFromARealProcfs) {
+    amtest::TempDir linked{"amimg_proc_link"}, plain{"amimg_proc_dir"};
+    linked.link("/proc", "/proc");
+    plain.file("/proc/1/stat", "1 (init) S 0 1 1 0 -1 4194560 0 0 0 0 0 0 0 0 20 0 1 0 5 0 0\n");
+    plain.file("/proc/net/tcp", "  sl  local_address rem_address   st\n");
+    for (const std::string& t : {linked.path, plain.path}) {
+        std::vector<AM::ProcessInfo> procs;
+        std::vector<AM::NetLinkInfo> socks;
+        EXPECT_EQ(-ENOENT, collect_processes(HostRoot(t), procs)) << t;
+        EXPECT_EQ(-ENOENT, collect_netlinks(HostRoot(t), socks)) << t;
+        EXPECT_TRUE(procs.empty() && socks.empty());
+    }
+    // A procfs mounted there is read.
+    amtest::TempDir real{"amimg_proc_real"};
+    real.mkdir("/proc");
+    const std::string out = amimg::in_readonly_mount(real.path, [&] {
+        if (mount("proc", (real.path + "/proc").c_str(), "proc", 0, nullptr) != 0) return std::string("SKIP");
+        std::vector<AM::ProcessInfo> procs;
+        std::vector<AM::NetLinkInfo> socks;
+        const int a = collect_processes(HostRoot(real.path), procs);
+        const int b = collect_netlinks(HostRoot(real.path), socks);
+        return std::to_string(a) + " " + std::to_string(b) + " " + std::to_string(!procs.empty());
+    });
+    if (out != "SKIP") {
+        EXPECT_EQ("0 0 1", out);
+    }
+}
+
+}  // namespace
