@@ -1,0 +1,540 @@
+// The container engine: the engine's answers read into the record, a fake
+// engine on a unix socket that misbehaves in every way a stuck or hostile
+// engine can, and the search for engine sockets under a root.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <grp.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include "collectors.h"
+#include "containers/engine.h"
+#include "core/root_open.h"
+#include "test_util.h"
+
+namespace {
+
+using namespace amsvc;
+using engine::Json;
+typedef IAssetManager::DockerInfo DockerInfo;
+
+std::string fixture(const std::string& name) {
+    std::ifstream in(std::string(ASSETMAN_FIXTURES) + "/" + name);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+size_t count_entries(const char* dir) {
+    size_t n = 0;
+    for (const auto& e : std::filesystem::directory_iterator(dir)) (void)e, ++n;
+    return n;
+}
+
+// Shapes of the Docker Engine API (v1.43) as its reference documents them.
+const char* kDockerInfo =
+    R"({"ID":"7TRN:IPZB","Containers":14,"ContainersRunning":3,"ContainersPaused":1,"ContainersStopped":10,)"
+    R"("Images":508,"Driver":"overlay2","DriverStatus":[["Backing Filesystem","extfs"],["Supports d_type","true"]],)"
+    R"("DockerRootDir":"/var/lib/docker","Plugins":{"Volume":["local"]},"ServerVersion":"24.0.7",)"
+    R"("Runtimes":{"runc":{"path":"runc"}},"Swarm":{"LocalNodeState":"inactive"}})";
+const char* kDockerVersion =
+    R"({"Platform":{"Name":"Docker Engine - Community"},"Components":[{"Name":"Engine","Version":"24.0.7"}],)"
+    R"("Version":"24.0.7","ApiVersion":"1.43","MinAPIVersion":"1.12","GitCommit":"311b9ff","GoVersion":"go1.20.10",)"
+    R"("Os":"linux","Arch":"amd64","KernelVersion":"6.1.0-13-amd64","BuildTime":"2023-10-26T09:08:01.000000000+00:00"})";
+const char* kDockerImages =
+    R"([{"Id":"sha256:ec3f0931a6e6b6855d76b2d7b0be30e81860baccd891b2e243280bf1cd8ad710","ParentId":"",)"
+    R"("RepoTags":["example:1.0","example:latest"],)"
+    R"("RepoDigests":["example@sha256:afcc7f1ac1b49db317a7196c902e61c6c3c4607d63599ee1a82d702d249a0ccb"],)"
+    R"("Created":1644009612,"Size":172064416,"SharedSize":1239828,"VirtualSize":172064416,"Labels":{},"Containers":2},)"
+    R"({"Id":"sha256:0a1b","ParentId":"","RepoTags":["<none>:<none>"],"RepoDigests":null,"Created":1700000000,)"
+    R"("Size":0,"Containers":-1}])";
+const char* kDockerContainers =
+    R"([{"Id":"8dfafdbc3a40","Names":["/boring_feynman"],"Image":"ubuntu:latest",)"
+    R"("ImageID":"d74508fb6632491cea586a1fd7d748dfc5274cd6fdfedee309ecdcbc2bf5cb82","Command":"echo 1",)"
+    R"("Created":1367854155,"State":"running","Status":"Up 2 hours",)"
+    R"("Ports":[{"IP":"0.0.0.0","PrivatePort":2222,"PublicPort":3333,"Type":"tcp"}],"Labels":{},)"
+    R"("HostConfig":{"NetworkMode":"default"},"NetworkSettings":{"Networks":{"bridge":{"IPAddress":"172.17.0.2"}}},)"
+    R"("Mounts":[{"Name":"fac362","Source":"/data","Destination":"/data","Driver":"local","Mode":"ro,Z","RW":false,"Propagation":""}]},)"
+    R"({"Id":"9cd87474be90","Names":"/coolName","Image":"ubuntu:latest","ImageID":"d74508fb6632","Command":"echo 222222",)"
+    R"("Created":1367854155,"State":"exited","Status":"Exit 0","Ports":[],"Labels":{},"Mounts":[]}])";
+
+// Reading answers: recorded shapes of both engines, and shapes that differ.
+TEST(EngineParse, RecordedShapes) {
+    struct Case {
+        const char* name;
+        std::string version, info, images, containers;
+        DockerInfo want;
+        std::string api;
+    };
+    DockerInfo docker, podman;
+    docker.storage_driver = "overlay2", docker.root_dir = "/var/lib/docker", docker.version = "24.0.7";
+    docker.image_num = "508", docker.container_num = "14";
+    docker.images =
+        R"([{"created":"2022-02-04 21:20:12","digest":"sha256:afcc7f1ac1b49db317a7196c902e61c6c3c4607d63599ee1a82d702d249a0ccb",)"
+        R"("id":"sha256:ec3f0931a6e6b6855d76b2d7b0be30e81860baccd891b2e243280bf1cd8ad710","size":172064416,)"
+        R"("tags":["example:1.0","example:latest"]},)"
+        R"({"created":"2023-11-14 22:13:20","digest":"","id":"sha256:0a1b","size":0,"tags":[]}])";
+    docker.containers =
+        R"([{"command":"echo 1","created":"2013-05-06 15:29:15","id":"8dfafdbc3a40",)"
+        R"("image":"ubuntu:latest","image_id":"d74508fb6632491cea586a1fd7d748dfc5274cd6fdfedee309ecdcbc2bf5cb82",)"
+        R"("mounts":[{"destination":"/data","mode":"ro,Z","name":"fac362","rw":false,"source":"/data","type":""}],)"
+        R"("names":["boring_feynman"],"pid":-1,)"
+        R"("ports":[{"ip":"0.0.0.0","private_port":2222,"public_port":3333,"type":"tcp"}],"state":"running","status":"Up 2 hours"},)"
+        R"({"command":"echo 222222","created":"2013-05-06 15:29:15","id":"9cd87474be90","image":"ubuntu:latest",)"
+        R"("image_id":"d74508fb6632","mounts":[],"names":["coolName"],"pid":0,"ports":[],"state":"exited","status":"Exit 0"}])";
+    podman.storage_driver = "vfs", podman.root_dir = "/var/lib/containers/storage", podman.version = "4.3.1";
+    podman.image_num = "1", podman.container_num = "2";
+    podman.images =
+        R"([{"created":"2026-11-22 11:57:08","digest":"sha256:979aa141c3128e1a680258c8c707f2590cb31cc6764aeb563f1f7a23735b8d45",)"
+        R"("id":"sha256:aecc09d2c6e87191fd7e84b18c1d5903c56ab250fb9d25a03855104a6142acfe","size":2325575,"tags":["localhost/probe:1"]}])";
+    podman.containers =
+        R"([{"command":"/bin/sleep 1000","created":"2026-11-22 11:57:21",)"
+        R"("id":"2fc752d09a42edc2ec1dcc93ceeb5fa17081ba035b1b0821b69600255348bd36","image":"localhost/probe:1",)"
+        R"("image_id":"sha256:aecc09d2c6e87191fd7e84b18c1d5903c56ab250fb9d25a03855104a6142acfe",)"
+        R"("mounts":[{"destination":"/data","mode":"","name":"","rw":false,"source":"/srv/data","type":"bind"}],)"
+        R"("names":["c1"],"pid":-1,"ports":[{"ip":"127.0.0.1","private_port":80,"public_port":18080,"type":"tcp"}],)"
+        R"("state":"running","status":"Up 29 seconds"},)"
+        R"({"command":"/bin/sh","created":"2026-11-22 11:57:23",)"
+        R"("id":"d28ef05645ac24afd3f5560a80c940218cc096a31717c69a0081de65abe91192","image":"localhost/probe:1",)"
+        R"("image_id":"sha256:aecc09d2c6e87191fd7e84b18c1d5903c56ab250fb9d25a03855104a6142acfe","mounts":[],)"
+        R"("names":["c2"],"pid":0,"ports":[],"state":"created","status":"Created"}])";
+    const Case cases[] = {
+        {"docker", kDockerVersion, kDockerInfo, kDockerImages, kDockerContainers, docker, "1.43"},
+        {"podman", fixture("podman_version.json"), fixture("podman_info.json"), fixture("podman_images.json"),
+         fixture("podman_containers.json"), podman, "1.41"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        DockerInfo d;
+        std::string api;
+        Json j, rows;
+        ASSERT_EQ(0, engine::parse_json(c.version, j));
+        ASSERT_EQ(0, engine::read_version(j, d.version, api));
+        ASSERT_EQ(0, engine::parse_json(c.info, j));
+        ASSERT_EQ(0, engine::read_info(j, d));
+        ASSERT_EQ(0, engine::parse_json(c.images, j));
+        ASSERT_EQ(0, engine::image_rows(j, rows));
+        d.images = engine::compact(rows);
+        ASSERT_EQ(0, engine::parse_json(c.containers, j));
+        ASSERT_EQ(0, engine::container_rows(j, rows));
+        d.containers = engine::compact(rows);
+        EXPECT_EQ(c.api, api);
+        EXPECT_EQ(c.want.storage_driver, d.storage_driver);
+        EXPECT_EQ(c.want.root_dir, d.root_dir);
+        EXPECT_EQ(c.want.version, d.version);
+        EXPECT_EQ(c.want.image_num, d.image_num);
+        EXPECT_EQ(c.want.container_num, d.container_num);
+        EXPECT_EQ(c.want.images, d.images);
+        EXPECT_EQ(c.want.containers, d.containers);
+    }
+}
+
+TEST(EngineParse, RefusedAndOddAnswers) {
+    const std::string deep(100000, '[');
+    const std::string wide = "[\"" + std::string(2u << 20, 'a') + "\"]";
+    std::string many = "[0";
+    for (int i = 0; i < (1 << 20) + 1; ++i) many += ",0";
+    many += "]";
+    struct Case {
+        std::string text;
+        int parse;
+    } cases[] = {
+        {deep, -EPROTO},
+        {deep + std::string(100000, ']'), -EPROTO},
+        {many, -EPROTO},
+        {R"({"Version":"[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[["})", 0},
+        {R"({"Version":"1", )", -EPROTO},
+        {"{\"Version\":\"\xff\"}", -EPROTO},  // not UTF-8
+        {"", -EPROTO},
+        {wide, 0},
+    };
+    for (const Case& c : cases) {
+        Json j;
+        EXPECT_EQ(c.parse, engine::parse_json(c.text, j)) << c.text.substr(0, 40);
+    }
+    // Wrong types are refused at the top and read as empty below it.
+    struct Shape {
+        const char* text;
+        int version, info, images, containers;
+    } shapes[] = {
+        {"[]", -EPROTO, -EPROTO, 0, 0},
+        {"{}", -EPROTO, 0, -EPROTO, -EPROTO},
+        {R"({"Version":7})", -EPROTO, 0, -EPROTO, -EPROTO},
+        {R"([1])", -EPROTO, -EPROTO, -EPROTO, -EPROTO},
+        {R"([{"Id":5,"Names":{"a":1},"Created":"2024-01-02T03:04:05Z","Ports":7,"State":null}])", -EPROTO, -EPROTO, 0, 0},
+    };
+    for (const Shape& s : shapes) {
+        SCOPED_TRACE(s.text);
+        Json j, rows;
+        ASSERT_EQ(0, engine::parse_json(s.text, j));
+        DockerInfo d;
+        std::string v, api;
+        EXPECT_EQ(s.version, engine::read_version(j, v, api));
+        EXPECT_EQ(s.info, engine::read_info(j, d));
+        EXPECT_EQ(s.images, engine::image_rows(j, rows));
+        EXPECT_EQ(s.containers, engine::container_rows(j, rows));
+    }
+    Json j, rows;
+    ASSERT_EQ(0, engine::parse_json(R"([{"Id":5,"Names":{"a":1},"Created":"2024-01-02T03:04:05Z","Ports":7}])", j));
+    ASSERT_EQ(0, engine::container_rows(j, rows));
+    EXPECT_EQ(R"([{"command":"","created":"2024-01-02T03:04:05Z","id":"","image":"","image_id":"","mounts":[],)"
+              R"("names":[],"pid":0,"ports":[],"state":"","status":""}])",
+              engine::compact(rows));
+    // The API version goes into request paths: only digits and one dot.
+    std::string v, api;
+    ASSERT_EQ(0, engine::parse_json(R"({"Version":"x","ApiVersion":"1.41/../../x"})", j));
+    EXPECT_EQ(0, engine::read_version(j, v, api));
+    EXPECT_EQ("", api);
+    ASSERT_EQ(0, engine::parse_json(R"({"State":{"Pid":4242}})", j));
+    EXPECT_EQ(4242, engine::inspect_pid(j));
+    ASSERT_EQ(0, engine::parse_json(R"({"State":{"Pid":"4242"}})", j));
+    EXPECT_EQ(-1, engine::inspect_pid(j));
+}
+
+// A unix-socket engine in a thread of the test. Paths in `bad` get `mode`;
+// every other path gets its route, or a 404.
+enum class Mode { Normal, Silent, Trickle, Endless, HugeLength, CloseMid, Error500, NotHttp };
+
+class FakeEngine {
+public:
+    FakeEngine(const std::string& path, std::map<std::string, std::string> routes, Mode mode = Mode::Normal,
+               std::string bad = "")
+        : routes_(std::move(routes)), mode_(mode), bad_(std::move(bad)) {
+        listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
+        unlink(path.c_str());
+        if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(listen_fd_, 8) != 0)
+            ADD_FAILURE() << "cannot listen on " << path;
+        stop_fd_ = eventfd(0, EFD_CLOEXEC);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~FakeEngine() {
+        uint64_t one = 1;
+        (void)!write(stop_fd_, &one, sizeof one);
+        thread_.join();
+        close(listen_fd_);
+        close(stop_fd_);
+    }
+    int requests() const { return requests_; }
+    int connections() const { return connections_; }
+
+private:
+    // Waits for `fd` or the stop signal; false when stopping.
+    bool wait(int fd, short events, int ms = -1) {
+        pollfd p[2] = {{fd, events, 0}, {stop_fd_, POLLIN, 0}};
+        const int n = poll(p, 2, ms);
+        return n == 0 || (n > 0 && !(p[1].revents & POLLIN));
+    }
+    bool send_all(int fd, const std::string& s) {
+        size_t off = 0;
+        while (off < s.size()) {
+            if (!wait(fd, POLLOUT)) return false;
+            const ssize_t n = send(fd, s.data() + off, s.size() - off, MSG_NOSIGNAL);
+            if (n <= 0) return false;
+            off += static_cast<size_t>(n);
+        }
+        return true;
+    }
+    void serve() {
+        while (wait(listen_fd_, POLLIN)) {
+            const int c = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (c < 0) continue;
+            ++connections_;
+            talk(c);
+            close(c);
+        }
+    }
+    // One connection: requests until the client closes or a mode ends it.
+    void talk(int c) {
+        std::string in;
+        char buf[4096];
+        for (;;) {
+            size_t end;
+            while ((end = in.find("\r\n\r\n")) == std::string::npos) {
+                if (!wait(c, POLLIN)) return;
+                const ssize_t n = recv(c, buf, sizeof buf, 0);
+                if (n <= 0) return;
+                in.append(buf, static_cast<size_t>(n));
+            }
+            const std::string head = in.substr(0, end);
+            in.erase(0, end + 4);
+            ++requests_;
+            std::string path = head.substr(4, head.find(' ', 4) - 4);
+            if (path.compare(0, 3, "/v1") == 0) path.erase(0, path.find('/', 1));  // version prefix
+            const bool bad = !bad_.empty() && path.find(bad_) != std::string::npos;
+            if (!bad || mode_ == Mode::Normal) {
+                const auto it = routes_.find(path);
+                if (!send_all(c, it == routes_.end() ? reply(404, R"({"message":"no such"})") : reply(200, it->second)))
+                    return;
+                continue;
+            }
+            switch (mode_) {
+                case Mode::Silent:
+                    wait(c, 0);  // until stopped
+                    return;
+                case Mode::Trickle:
+                    if (!send_all(c, "HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n[")) return;
+                    while (wait(c, 0, 1000) && send(c, " ", 1, MSG_NOSIGNAL) == 1) {
+                    }
+                    return;
+                case Mode::Endless:
+                case Mode::HugeLength: {
+                    // 1 GB, streamed until the client stops reading.
+                    if (!send_all(c, mode_ == Mode::Endless ? "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n["
+                                                             : "HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n["))
+                        return;
+                    const std::string chunk(1 << 16, ' ');
+                    for (size_t sent = 0; sent < (1u << 30); sent += chunk.size())
+                        if (!send_all(c, chunk)) return;
+                    return;
+                }
+                case Mode::CloseMid:
+                    send_all(c, "HTTP/1.1 200 OK\r\nContent-Length: 5000\r\n\r\n{\"Version\":\"1.0\",");
+                    return;
+                case Mode::Error500:
+                    if (!send_all(c, reply(500, R"({"message":"server error"})"))) return;
+                    continue;
+                case Mode::NotHttp:
+                    send_all(c, "SSH-2.0-OpenSSH_9.2\r\n\r\n\r\n");
+                    return;
+                case Mode::Normal:
+                    break;
+            }
+        }
+    }
+    static std::string reply(int status, const std::string& body) {
+        return "HTTP/1.1 " + std::to_string(status) + (status == 200 ? " OK" : " Error") +
+               "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+               body;
+    }
+
+    std::map<std::string, std::string> routes_;
+    Mode mode_;
+    std::string bad_;
+    int listen_fd_ = -1, stop_fd_ = -1;
+    std::atomic<int> requests_{0}, connections_{0};
+    std::thread thread_;
+};
+
+const char* kPodmanRunningId = "2fc752d09a42edc2ec1dcc93ceeb5fa17081ba035b1b0821b69600255348bd36";
+
+std::map<std::string, std::string> podman_routes() {
+    return {{"/version", fixture("podman_version.json")},
+            {"/info", fixture("podman_info.json")},
+            {"/images/json", fixture("podman_images.json")},
+            {"/containers/json?all=1", fixture("podman_containers.json")},
+            {std::string("/containers/") + kPodmanRunningId + "/json", R"({"Id":"x","State":{"Pid":16247}})"}};
+}
+
+DockerInfo sentinel() {
+    DockerInfo d;
+    d.storage_driver = d.root_dir = d.version = d.image_num = d.container_num = d.images = d.containers = "before";
+    return d;
+}
+
+bool same(const DockerInfo& a, const DockerInfo& b) {
+    return a.storage_driver == b.storage_driver && a.root_dir == b.root_dir && a.version == b.version &&
+           a.image_num == b.image_num && a.container_num == b.container_num && a.images == b.images &&
+           a.containers == b.containers;
+}
+
+class Engine : public ::testing::Test {
+protected:
+    amtest::TempDir dir{"amsvc_engine"};
+    std::string sock(const std::string& name) const { return dir.path + "/" + name; }
+};
+
+TEST_F(Engine, AnswersFillTheRecord) {
+    const size_t fds = count_entries("/proc/self/fd"), tasks = count_entries("/proc/self/task");
+    {
+        FakeEngine e(sock("e.sock"), podman_routes());
+        DockerInfo d = sentinel();
+        ASSERT_EQ(0, engine::query_engines({sock("e.sock")}, d));
+        EXPECT_EQ("vfs", d.storage_driver);
+        EXPECT_EQ("4.3.1", d.version);
+        EXPECT_EQ("2", d.container_num);
+        const Json c = Json::parse(d.containers);
+        ASSERT_EQ(2u, c.size());
+        EXPECT_EQ(16247, c[0]["pid"]);
+        EXPECT_EQ(0, c[1]["pid"]);
+        EXPECT_EQ(5, e.requests());  // one inspection
+        EXPECT_EQ(1, e.connections());  // all on one connection
+    }
+    // A container that went away between list and inspection keeps -1.
+    {
+        auto routes = podman_routes();
+        routes.erase(std::string("/containers/") + kPodmanRunningId + "/json");
+        FakeEngine e(sock("e.sock"), routes);
+        DockerInfo d;
+        ASSERT_EQ(0, engine::query_engines({sock("e.sock")}, d));
+        EXPECT_EQ(-1, Json::parse(d.containers)[0]["pid"]);
+    }
+    EXPECT_EQ(fds, count_entries("/proc/self/fd"));
+    EXPECT_EQ(tasks, count_entries("/proc/self/task"));
+}
+
+TEST_F(Engine, MisbehavingEnginesFailWithTheirCodeAndLeaveNothingBehind) {
+    const std::string deep(100000, '[');
+    auto routes = podman_routes();
+    struct Case {
+        const char* name;
+        Mode mode;
+        std::string bad;  // the path that misbehaves
+        std::string body;  // or a route body replaced
+        int32_t code;
+    } cases[] = {
+        {"never answers", Mode::Silent, "/version", "", -ETIMEDOUT},
+        {"never answers the list", Mode::Silent, "/containers/json", "", -ETIMEDOUT},
+        {"trickles a byte a second", Mode::Trickle, "/images/json", "", -ETIMEDOUT},
+        {"1 GB without length", Mode::Endless, "/info", "", -EMSGSIZE},
+        {"1 GB with its length", Mode::HugeLength, "/containers/json", "", -EMSGSIZE},
+        {"closes mid-answer", Mode::CloseMid, "/version", "", -EPROTO},
+        {"HTTP 500", Mode::Error500, "/info", "", -EPROTO},
+        {"HTTP 500 on inspection", Mode::Error500, std::string("/containers/") + kPodmanRunningId, "", -EPROTO},
+        {"not HTTP", Mode::NotHttp, "/version", "", -EPROTO},
+        {"malformed JSON", Mode::Normal, "/images/json", R"([{"Id": "sha256:1", )", -EPROTO},
+        {"deeply nested JSON", Mode::Normal, "/containers/json?all=1", deep, -EPROTO},
+        {"info not an object", Mode::Normal, "/info", "[]", -EPROTO},
+        {"no version endpoint", Mode::Normal, "/version", "", -EPROTO},
+    };
+    const size_t fds = count_entries("/proc/self/fd"), tasks = count_entries("/proc/self/task");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto r = routes;
+        if (c.mode == Mode::Normal) {
+            if (c.body.empty())
+                r.erase(c.bad);
+            else
+                r[c.bad] = c.body;
+        }
+        FakeEngine e(sock("e.sock"), r, c.mode, c.bad);
+        DockerInfo d = sentinel();
+        EXPECT_EQ(c.code, engine::query_engines({sock("e.sock")}, d, 1500));
+        EXPECT_TRUE(same(sentinel(), d));
+    }
+    EXPECT_EQ(fds, count_entries("/proc/self/fd"));
+    EXPECT_EQ(tasks, count_entries("/proc/self/task"));
+}
+
+TEST_F(Engine, FirstEngineThatAnswersFillsTheRecord) {
+    // A stale socket (nobody listening) and one bound without listen refuse.
+    {
+        const int s = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        snprintf(a.sun_path, sizeof a.sun_path, "%s", sock("stale.sock").c_str());
+        ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a));
+        close(s);
+    }
+    FakeEngine hung(sock("hung.sock"), podman_routes(), Mode::Silent, "/version");
+    FakeEngine good(sock("good.sock"), podman_routes());
+    struct Case {
+        std::vector<std::string> sockets;
+        int32_t code;
+    } cases[] = {
+        {{}, -ENOENT},
+        {{sock("stale.sock")}, -ECONNREFUSED},
+        {{sock("missing.sock")}, -ECONNREFUSED},
+        {{sock("stale.sock"), sock("good.sock")}, 0},
+        {{sock("hung.sock"), sock("good.sock")}, 0},  // the first answer has its own, shorter limit
+        {{sock("hung.sock")}, -ETIMEDOUT},
+    };
+    for (const Case& c : cases) {
+        DockerInfo d = sentinel();
+        EXPECT_EQ(c.code, engine::query_engines(c.sockets, d, 2500)) << c.sockets.size();
+        EXPECT_EQ(c.code == 0 ? "4.3.1" : "before", d.version);
+    }
+}
+
+// An agent that is not root meets the root-only socket of an engine.
+TEST_F(Engine, UnprivilegedCallerIsRefused) {
+    FakeEngine e(sock("root.sock"), podman_routes());
+    chmod(sock("root.sock").c_str(), 0700);
+    chmod(dir.path.c_str(), 0755);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0)
+            _exit(100);
+        DockerInfo d;
+        _exit(-engine::query_engines({sock("root.sock")}, d));
+    }
+    int st = 0;
+    ASSERT_EQ(child, waitpid(child, &st, 0));
+    ASSERT_TRUE(WIFEXITED(st));
+    EXPECT_EQ(EACCES, WEXITSTATUS(st));
+    EXPECT_EQ(0, e.requests());
+}
+
+// Path resolution: what counts as an engine socket under a root.
+TEST_F(Engine, SocketsAreFoundInsideTheRootOnly) {
+    auto make_socket = [&](const std::string& rel, uid_t owner) {
+        dir.mkdir(rel.substr(0, rel.rfind('/')));
+        const int s = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        snprintf(a.sun_path, sizeof a.sun_path, "%s", (dir.path + rel).c_str());
+        ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a));
+        close(s);
+        ASSERT_EQ(0, lchown((dir.path + rel).c_str(), owner, owner));
+    };
+    amtest::TempDir outside{"amsvc_engine_host"};
+    FakeEngine machine(outside.path + "/docker.sock", podman_routes());
+
+    dir.mkdir("/run");
+    dir.link("/var/run", "../run");                               // one socket, two names
+    dir.link("/run/docker.sock", outside.path + "/docker.sock");  // a link to the machine's engine
+    make_socket("/run/podman/podman.sock", 0);
+    make_socket("/run/user/1000/podman/podman.sock", 1000);       // the user's own
+    make_socket("/run/user/1001/podman/podman.sock", 1002);       // someone else's in 1001's dir
+    dir.file("/run/user/1003/podman/podman.sock", "");           // not a socket
+    make_socket("/run/user/999/podman/real.sock", 999);
+    dir.link("/run/user/999/podman/podman.sock", "real.sock");    // the name is a link
+    dir.link("/run/user/998", "/run/podman");                     // a directory link, inside the root
+    dir.mkdir("/run/user/nobody");
+
+    const int root_fd = open_root_dir(dir.path);
+    ASSERT_GE(root_fd, 0);
+    std::vector<std::string> names;
+    {
+        const auto found = engine::find_engine_sockets(root_fd);
+        for (const auto& s : found) names.push_back(s.host_path);
+    }
+    close(root_fd);
+    EXPECT_EQ((std::vector<std::string>{"/run/podman/podman.sock", "/run/user/1000/podman/podman.sock"}), names);
+
+    // Sockets are connected through the descriptor that was checked.
+    FakeEngine e(dir.path + "/run/podman/podman.sock", podman_routes());
+    const int fd2 = open_root_dir(dir.path);
+    {
+        const auto found = engine::find_engine_sockets(fd2);
+        ASSERT_FALSE(found.empty());
+        DockerInfo d;
+        EXPECT_EQ(0, engine::query_engines({found[0].connect_path()}, d));
+        EXPECT_EQ("vfs", d.storage_driver);
+    }
+    close(fd2);
+
+    // A mounted image has no engine: the machine's is never reached, even
+    // through the image's own /var/run/docker.sock.
+    unlink((dir.path + "/run/podman/podman.sock").c_str());
+    DockerInfo d = sentinel();
+    EXPECT_EQ(-ENOENT, collect_engine(HostRoot(dir.path), d));
+    EXPECT_TRUE(same(sentinel(), d));
+    EXPECT_EQ(0, machine.requests());
+}
+
+}  // namespace
