@@ -26,6 +26,7 @@ typedef IAssetManager::DockerInfo DockerInfo;
 // Bounds of one collection. A hostile or stuck engine costs at most these.
 constexpr int kBudgetMs = 5000;          // whole collection, all engines tried
 constexpr int kFirstAnswerMs = 2000;     // an engine's first answer, so a later one still gets time
+constexpr size_t kParallel = 4;          // requests in flight to one engine
 constexpr int kConnectMs = 1000;         // connecting one socket
 constexpr size_t kMaxResponse = 8u << 20;  // body of one answer
 constexpr int kMaxDepth = 64;              // JSON nesting
@@ -37,12 +38,11 @@ constexpr size_t kMaxUserSockets = 64;     // rootless engines looked at
 // kMaxValues values before the parser sees it. 0 or -EPROTO.
 int parse_json(std::string_view body, Json& out);
 
-// The engine's version (`Version` of /version) and API version (`ApiVersion`,
-// only when it is "<digits>.<digits>"). -EPROTO unless an object with a
-// text `Version`.
-int read_version(const Json& v, std::string& version, std::string& api_version);
+// Whether an engine's Api-Version ("1.43") may go into a request path.
+bool is_api_version(std::string_view s);
 
-// storage_driver, root_dir, image_num, container_num from /info. -EPROTO
+// storage_driver, root_dir, version (`ServerVersion`), image_num, container_num
+// from /info. -EPROTO
 // unless an object.
 int read_info(const Json& info, DockerInfo& out);
 
@@ -61,7 +61,7 @@ int64_t inspect_pid(const Json& inspect);
 std::string compact(const Json& j);
 
 // Asks the engines behind `sockets` (paths connect(2) takes) in order; the
-// first that answers /version fills `out`, wholly or not at all. Returns 0;
+// first that answers /_ping fills `out`, wholly or not at all. Returns 0;
 // -ENOENT for an empty list; else the failure of the first socket:
 // -ECONNREFUSED (refused, or not a listening socket), -EACCES (no permission
 // to connect), -ETIMEDOUT (budget spent), -EPROTO (an HTTP error, or an

@@ -27,108 +27,171 @@ void init_curl_once() {
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
-// One connection to one engine, reused by every request of a collection.
-class Session {
-public:
-    Session(const std::string& socket_path, Clock::time_point deadline) : deadline_(deadline) {
-        init_curl_once();
-        h_ = curl_easy_init();
-        if (!h_) return;
-        curl_easy_setopt(h_, CURLOPT_UNIX_SOCKET_PATH, socket_path.c_str());
-        curl_easy_setopt(h_, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(h_, CURLOPT_PROXY, "");  // never a proxy from the environment
-        curl_easy_setopt(h_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-#if LIBCURL_VERSION_NUM >= 0x075500
-        curl_easy_setopt(h_, CURLOPT_PROTOCOLS_STR, "http");
-#else
-        curl_easy_setopt(h_, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP));
-#endif
-        curl_easy_setopt(h_, CURLOPT_FOLLOWLOCATION, 0L);
-        curl_easy_setopt(h_, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxResponse));
-        curl_easy_setopt(h_, CURLOPT_WRITEFUNCTION, &Session::on_data);
-        curl_easy_setopt(h_, CURLOPT_WRITEDATA, this);
-    }
-    ~Session() {
-        if (h_) curl_easy_cleanup(h_);
-    }
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
+// One request: its path, and what came back.
+struct Request {
+    explicit Request(std::string p) : path(std::move(p)) {}
+    std::string path;
+    std::string body;
+    std::string api_version;  // the Api-Version header
+    int rc = -EIO;            // 0, -ENOENT for a 404, or a failure
+    // Transfer state.
+    CURL* h = nullptr;
+    bool too_big = false;
+    bool failed_alloc = false;
+};
 
-    // GET `path`; 0 with the body of a 200 answer, -ENOENT for a 404, else a
-    // negative code as query_engines documents. At most `cap_ms` of the budget.
-    int get(const std::string& path, std::string& body, long cap_ms = -1) {
-        if (!h_) return -ENOMEM;
+size_t on_body(char* data, size_t size, size_t n, void* req_ptr) {
+    Request* r = static_cast<Request*>(req_ptr);
+    const size_t bytes = size * n;
+    if (bytes > kMaxResponse - std::min(kMaxResponse, r->body.size())) {
+        r->too_big = true;
+        return 0;  // aborts the transfer
+    }
+    try {
+        r->body.append(data, bytes);
+    } catch (...) {
+        r->failed_alloc = true;
+        return 0;
+    }
+    return bytes;
+}
+
+size_t on_header(char* data, size_t size, size_t n, void* req_ptr) {
+    Request* r = static_cast<Request*>(req_ptr);
+    const size_t bytes = size * n;
+    const std::string_view line(data, bytes);
+    constexpr std::string_view kName = "api-version:";
+    if (line.size() > kName.size() && ascii_lower(line.substr(0, kName.size())) == kName) {
+        const std::string_view v = trim(line.substr(kName.size()));
+        if (is_api_version(v)) r->api_version.assign(v);
+    }
+    return bytes;
+}
+
+int result_of(Request& r, CURLcode rc) {
+    if (r.failed_alloc) return -ENOMEM;
+    if (r.too_big) return -EMSGSIZE;
+    switch (rc) {
+        case CURLE_OK:
+            break;
+        case CURLE_OPERATION_TIMEDOUT:
+            return -ETIMEDOUT;
+        case CURLE_FILESIZE_EXCEEDED:
+            return -EMSGSIZE;
+        case CURLE_OUT_OF_MEMORY:
+            return -ENOMEM;
+        case CURLE_COULDNT_CONNECT: {
+            long os_errno = 0;
+            curl_easy_getinfo(r.h, CURLINFO_OS_ERRNO, &os_errno);
+            return os_errno == EACCES || os_errno == EPERM ? -EACCES : -ECONNREFUSED;
+        }
+        case CURLE_GOT_NOTHING:
+        case CURLE_RECV_ERROR:
+        case CURLE_SEND_ERROR:
+        case CURLE_PARTIAL_FILE:
+        case CURLE_WEIRD_SERVER_REPLY:
+        case CURLE_HTTP2:
+        case CURLE_BAD_CONTENT_ENCODING:
+        case CURLE_UNSUPPORTED_PROTOCOL:
+            return -EPROTO;
+        default:
+            return -EIO;
+    }
+    long status = 0;
+    curl_easy_getinfo(r.h, CURLINFO_RESPONSE_CODE, &status);
+    if (status == 404) return -ENOENT;
+    return status == 200 ? 0 : -EPROTO;
+}
+
+// The connections to one engine. Requests run side by side on up to
+// kParallel connections that are kept open from one batch to the next.
+class Client {
+public:
+    Client(const std::string& socket_path, Clock::time_point deadline) : socket_(socket_path), deadline_(deadline) {
+        init_curl_once();
+        m_ = curl_multi_init();
+        if (m_) curl_multi_setopt(m_, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(kParallel));
+    }
+    ~Client() {
+        for (CURL* h : handles_) curl_easy_cleanup(h);
+        if (m_) curl_multi_cleanup(m_);
+    }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    // Runs `reqs` (at most kParallel) together, each within what is left of
+    // the budget and at most `cap_ms`; each request's rc tells how it went.
+    void perform(const std::vector<Request*>& reqs, long cap_ms = -1) {
         const long left = static_cast<long>(
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - Clock::now()).count());
-        if (left <= 0) return -ETIMEDOUT;
+        for (Request* r : reqs) r->rc = left <= 0 ? -ETIMEDOUT : -ENOMEM;
+        if (left <= 0 || !m_ || reqs.size() > kParallel) return;
         const long total = cap_ms > 0 ? std::min(left, cap_ms) : left;
-        body_ = &body;
-        body.clear();
-        too_big_ = false;
-        failed_alloc_ = false;
-        const std::string url = "http://localhost" + path;
-        curl_easy_setopt(h_, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(h_, CURLOPT_TIMEOUT_MS, total);
-        curl_easy_setopt(h_, CURLOPT_CONNECTTIMEOUT_MS, std::min(total, static_cast<long>(kConnectMs)));
-        const CURLcode rc = curl_easy_perform(h_);
-        body_ = nullptr;
-        if (failed_alloc_) return -ENOMEM;
-        if (too_big_) return -EMSGSIZE;
-        switch (rc) {
-            case CURLE_OK:
-                break;
-            case CURLE_OPERATION_TIMEDOUT:
-                return -ETIMEDOUT;
-            case CURLE_FILESIZE_EXCEEDED:
-                return -EMSGSIZE;
-            case CURLE_OUT_OF_MEMORY:
-                return -ENOMEM;
-            case CURLE_COULDNT_CONNECT: {
-                long os_errno = 0;
-                curl_easy_getinfo(h_, CURLINFO_OS_ERRNO, &os_errno);
-                return os_errno == EACCES || os_errno == EPERM ? -EACCES : -ECONNREFUSED;
-            }
-            case CURLE_GOT_NOTHING:
-            case CURLE_RECV_ERROR:
-            case CURLE_SEND_ERROR:
-            case CURLE_PARTIAL_FILE:
-            case CURLE_WEIRD_SERVER_REPLY:
-            case CURLE_HTTP2:
-            case CURLE_BAD_CONTENT_ENCODING:
-            case CURLE_UNSUPPORTED_PROTOCOL:
-                return -EPROTO;
-            default:
-                return -EIO;
+        while (handles_.size() < reqs.size()) {
+            CURL* h = curl_easy_init();
+            if (!h) return;
+            handles_.push_back(h);
         }
-        long status = 0;
-        curl_easy_getinfo(h_, CURLINFO_RESPONSE_CODE, &status);
-        if (status == 404) return -ENOENT;
-        return status == 200 ? 0 : -EPROTO;
+        std::vector<std::string> urls;
+        for (size_t i = 0; i < reqs.size(); ++i) {
+            Request* r = reqs[i];
+            CURL* h = r->h = handles_[i];
+            r->body.clear();
+            r->too_big = r->failed_alloc = false;
+            setup(h, "http://localhost" + r->path, total);
+            curl_easy_setopt(h, CURLOPT_WRITEDATA, r);
+            curl_easy_setopt(h, CURLOPT_HEADERDATA, r);
+            curl_easy_setopt(h, CURLOPT_PRIVATE, r);
+            r->rc = -EIO;
+            curl_multi_add_handle(m_, h);
+        }
+        int running = 1;
+        // The transfers' own timeouts end this loop; the clock check is a
+        // guard should a transfer not honour its own.
+        const Clock::time_point hard_stop = Clock::now() + std::chrono::milliseconds(total + 1000);
+        while (running > 0 && Clock::now() < hard_stop) {
+            if (curl_multi_perform(m_, &running) != CURLM_OK) break;
+            if (running > 0 && curl_multi_poll(m_, nullptr, 0, 100, nullptr) != CURLM_OK) break;
+        }
+        int queued;
+        while (CURLMsg* msg = curl_multi_info_read(m_, &queued)) {
+            if (msg->msg != CURLMSG_DONE) continue;
+            char* priv = nullptr;
+            curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &priv);
+            Request* r = reinterpret_cast<Request*>(priv);
+            if (r) r->rc = result_of(*r, msg->data.result);
+        }
+        for (Request* r : reqs) {
+            if (running > 0 && r->rc == -EIO) r->rc = -ETIMEDOUT;
+            curl_multi_remove_handle(m_, r->h);
+            r->h = nullptr;
+        }
     }
 
 private:
-    static size_t on_data(char* data, size_t size, size_t n, void* self_ptr) {
-        Session* self = static_cast<Session*>(self_ptr);
-        const size_t bytes = size * n;
-        if (!self->body_) return 0;
-        if (bytes > kMaxResponse - std::min(kMaxResponse, self->body_->size())) {
-            self->too_big_ = true;
-            return 0;  // aborts the transfer
-        }
-        try {
-            self->body_->append(data, bytes);
-        } catch (...) {
-            self->failed_alloc_ = true;
-            return 0;
-        }
-        return bytes;
+    void setup(CURL* h, const std::string& url, long total_ms) {
+        curl_easy_setopt(h, CURLOPT_UNIX_SOCKET_PATH, socket_.c_str());
+        curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(h, CURLOPT_PROXY, "");  // never a proxy from the environment
+        curl_easy_setopt(h, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+#if LIBCURL_VERSION_NUM >= 0x075500
+        curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http");
+#else
+        curl_easy_setopt(h, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP));
+#endif
+        curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
+        curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxResponse));
+        curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &on_body);
+        curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &on_header);
+        curl_easy_setopt(h, CURLOPT_URL, url.c_str());
+        curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, total_ms);
+        curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, std::min(total_ms, static_cast<long>(kConnectMs)));
     }
 
-    CURL* h_ = nullptr;
+    std::string socket_;
     Clock::time_point deadline_;
-    std::string* body_ = nullptr;
-    bool too_big_ = false;
-    bool failed_alloc_ = false;
+    CURLM* m_ = nullptr;
+    std::vector<CURL*> handles_;
 };
 
 // A container id goes into a request path: only what an engine's ids are made of.
@@ -139,57 +202,62 @@ bool plain_id(const std::string& id) {
     });
 }
 
-int get_json(Session& s, const std::string& path, Json& out, long cap_ms = -1) {
-    std::string body;
-    int rc = s.get(path, body, cap_ms);
-    if (rc == -ENOENT) return -EPROTO;  // the engine lacks an endpoint it must have
-    if (rc != 0) return rc;
-    return parse_json(body, out);
+// The JSON of a request that must succeed.
+int json_of(const Request& r, Json& out) {
+    if (r.rc == -ENOENT) return -EPROTO;  // the engine lacks an endpoint it must have
+    if (r.rc != 0) return r.rc;
+    return parse_json(r.body, out);
 }
 
 // Whether a failure means "no engine behind this socket", so the next is tried.
 bool try_next(int rc) { return rc == -ECONNREFUSED || rc == -EACCES || rc == -ETIMEDOUT; }
 
 // One engine: 0 with `out` filled, or the first failure. `answered` tells
-// whether it got as far as answering /version.
+// whether it got as far as answering /_ping.
 int32_t query_one(const std::string& socket_path, Clock::time_point deadline, DockerInfo& out, bool& answered) {
     answered = false;
-    Session s(socket_path, deadline);
-    Json j;
-    int rc = get_json(s, "/version", j, kFirstAnswerMs);
-    if (rc != 0) return rc;
-    DockerInfo d;
-    std::string api;
-    if ((rc = read_version(j, d.version, api)) != 0) return rc;
+    Client client(socket_path, deadline);
+    Request ping("/_ping");
+    client.perform({&ping}, kFirstAnswerMs);
+    if (ping.rc == -ENOENT) return -EPROTO;
+    if (ping.rc != 0) return ping.rc;
     answered = true;
     // Asking for the version the engine speaks keeps the shapes it documents,
     // and an engine that drops unversioned paths still answers.
-    const std::string prefix = api.empty() ? std::string() : "/v" + api;
+    const std::string prefix = ping.api_version.empty() ? std::string() : "/v" + ping.api_version;
 
-    if ((rc = get_json(s, prefix + "/info", j)) != 0) return rc;
-    if ((rc = read_info(j, d)) != 0) return rc;
+    // /info can take seconds (an engine may look up its runtime's package):
+    // the lists are asked meanwhile.
+    Request info(prefix + "/info"), images(prefix + "/images/json"), containers(prefix + "/containers/json?all=1");
+    client.perform({&info, &images, &containers});
+    DockerInfo d;
+    Json j, image_list, container_list;
+    int rc;
+    if ((rc = json_of(info, j)) != 0 || (rc = read_info(j, d)) != 0) return rc;
+    if ((rc = json_of(images, j)) != 0 || (rc = image_rows(j, image_list)) != 0) return rc;
+    if ((rc = json_of(containers, j)) != 0 || (rc = container_rows(j, container_list)) != 0) return rc;
+    d.images = compact(image_list);
 
-    Json rows;
-    if ((rc = get_json(s, prefix + "/images/json", j)) != 0) return rc;
-    if ((rc = image_rows(j, rows)) != 0) return rc;
-    d.images = compact(rows);
-
-    if ((rc = get_json(s, prefix + "/containers/json?all=1", j)) != 0) return rc;
-    if ((rc = container_rows(j, rows)) != 0) return rc;
-    size_t asked = 0;
-    for (Json& c : rows) {
-        if (c["pid"].get<int64_t>() != -1) continue;
-        const std::string& id = c["id"].get_ref<const std::string&>();
-        if (asked >= kMaxInspect || !plain_id(id)) continue;  // stays -1: not asked
-        ++asked;
-        std::string body;
-        rc = s.get(prefix + "/containers/" + id + "/json", body);
-        if (rc == -ENOENT) continue;  // removed since the list was made
-        if (rc != 0) return rc;
-        if ((rc = parse_json(body, j)) != 0) return rc;
-        c["pid"] = inspect_pid(j);
+    // The main process of each running container, kParallel at a time.
+    std::vector<Json*> todo;
+    for (Json& c : container_list) {
+        if (todo.size() >= kMaxInspect) break;  // the rest stay -1: not asked
+        if (c["pid"].get<int64_t>() == -1 && plain_id(c["id"].get_ref<const std::string&>())) todo.push_back(&c);
     }
-    d.containers = compact(rows);
+    for (size_t i = 0; i < todo.size(); i += kParallel) {
+        std::vector<Request> batch;
+        for (size_t k = i; k < todo.size() && k < i + kParallel; ++k)
+            batch.emplace_back(prefix + "/containers/" + (*todo[k])["id"].get<std::string>() + "/json");
+        std::vector<Request*> ptrs;
+        for (Request& r : batch) ptrs.push_back(&r);
+        client.perform(ptrs);
+        for (size_t k = 0; k < batch.size(); ++k) {
+            if (batch[k].rc == -ENOENT) continue;  // removed since the list was made
+            if ((rc = json_of(batch[k], j)) != 0) return rc;
+            (*todo[i + k])["pid"] = inspect_pid(j);
+        }
+    }
+    d.containers = compact(container_list);
     out = std::move(d);
     return 0;
 }

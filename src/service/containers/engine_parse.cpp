@@ -109,14 +109,6 @@ Json texts_of(const Json& o, const char* key, bool strip_slash = false) {
     return out;
 }
 
-bool is_api_version(const std::string& s) {
-    const size_t dot = s.find('.');
-    if (dot == 0 || dot == std::string::npos || dot + 1 == s.size() || s.size() > 7) return false;
-    for (size_t i = 0; i < s.size(); ++i)
-        if (i != dot && (s[i] < '0' || s[i] > '9')) return false;
-    return true;
-}
-
 Json port_rows(const Json& c) {
     Json out = Json::array();
     const auto it = c.find("Ports");
@@ -161,20 +153,19 @@ int parse_json(std::string_view body, Json& out) {
     return out.is_discarded() ? -EPROTO : 0;
 }
 
-int read_version(const Json& v, std::string& version, std::string& api_version) {
-    if (!v.is_object()) return -EPROTO;
-    const auto it = v.find("Version");
-    if (it == v.end() || !it->is_string()) return -EPROTO;
-    version = it->get<std::string>();
-    api_version = text_of(v, "ApiVersion");
-    if (!is_api_version(api_version)) api_version.clear();
-    return 0;
+bool is_api_version(std::string_view s) {
+    const size_t dot = s.find('.');
+    if (dot == 0 || dot == std::string_view::npos || dot + 1 == s.size() || s.size() > 7) return false;
+    for (size_t i = 0; i < s.size(); ++i)
+        if (i != dot && (s[i] < '0' || s[i] > '9')) return false;
+    return true;
 }
 
 int read_info(const Json& info, DockerInfo& out) {
     if (!info.is_object()) return -EPROTO;
     out.storage_driver = text_of(info, "Driver");
     out.root_dir = text_of(info, "DockerRootDir");
+    out.version = text_of(info, "ServerVersion");
     int64_t n;
     out.image_num = int_of(info, "Images", n) ? std::to_string(n) : std::string();
     out.container_num = int_of(info, "Containers", n) ? std::to_string(n) : std::string();
