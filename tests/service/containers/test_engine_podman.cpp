@@ -40,8 +40,11 @@ public:
            "cp --parents -L \"$f\" . || exit 1; done && cp -L /usr/bin/sleep bin/ && cp -L /bin/dash bin/sh && tar -cf ../rootfs.tar .");
         if (rootless_) sh("chown -R " + user + " " + d);
         socket_ = d + "/xdg/engine.sock";
-        podman_ = (rootless_ ? "runuser -u " + user + " -- env HOME=" + d + " XDG_RUNTIME_DIR=" + d + "/xdg " : "") +
-                  "timeout 120 podman --root " + d + "/storage --runroot " + d + "/xdg/run --storage-driver vfs ";
+        // The environment a service manager gives it: this shell's PATH may
+        // hold slow wrappers of the tools Podman runs for /info.
+        podman_ = (rootless_ ? "runuser -u " + user + " -- " : std::string()) +
+                  "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=" + (rootless_ ? d : "/root") +
+                  (rootless_ ? " XDG_RUNTIME_DIR=" + d + "/xdg" : std::string()) + " timeout 120 podman --root " + d + "/storage --runroot " + d + "/xdg/run --storage-driver vfs ";
     }
     ~PodmanEngine() {
         if (service_ > 0) {
