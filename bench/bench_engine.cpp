@@ -40,13 +40,16 @@ int main(int argc, char** argv) {
     if (!mkdtemp(tmpl)) return 1;
     const std::string d = tmpl;
     const std::string podman =
-        "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root timeout 300 podman --root " + d + "/storage --runroot " + d + "/run --storage-driver vfs ";
+        "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root timeout 300 podman --root " + d +
+        "/storage --runroot " + d + "/run --storage-driver vfs ";
     const std::string sock = d + "/engine.sock";
-    shell("mkdir -p " + d + "/rootfs/bin && cd " + d + "/rootfs && for f in $(ldd /usr/bin/sleep | grep -v ':$' | "
+    shell("mkdir -p " + d + "/rootfs/bin && cd " + d +
+          "/rootfs && for f in $(ldd /usr/bin/sleep | grep -v ':$' | "
           "grep -o '/[^ ]*' | sort -u); do cp --parents -L \"$f\" .; done && cp -L /usr/bin/sleep bin/ && "
           "tar -cf ../rootfs.tar .");
     shell(podman + "import -q " + d + "/rootfs.tar ambench-engine:1");
-    const std::string run = "--runtime runc --network none --ulimit nofile=1024:1024 --ulimit nproc=1024:1024 ";
+    const std::string run =
+        "--runtime runc --network none --ulimit nofile=1024:1024 --ulimit nproc=1024:1024 ";
     for (int i = 0; i < containers; ++i)
         shell(podman + (i % 2 ? "create " : "run -d ") + run + "--name ambench_" + std::to_string(i) +
               " ambench-engine:1 /bin/sleep 900");
@@ -67,19 +70,22 @@ int main(int argc, char** argv) {
     if (rc == 0) {
         int last = 0;
         const double mine = ambench::median_ms([&] { last = engine::query_engines({sock}, info); });
-        const std::string client = "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root podman --url unix://" + sock + " ";
+        const std::string client =
+            "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root podman --url unix://" + sock + " ";
         const std::string peer = client + "info && " + client + "ps -a && " + client + "images";
         int status = 0;
-        const double theirs = ambench::median_ms([&] { status = ambench::run_peer(peer + " 2>/dev/null").status; });
+        const double theirs =
+            ambench::median_ms([&] { status = ambench::run_peer(peer + " 2>/dev/null").status; });
         // The engine's /info alone: what no client of this engine can go below.
         const double info_ms = ambench::median_ms(
             [&] { ambench::run_peer("curl -s --unix-socket " + sock + " http://localhost/info"); });
         printf("the engine's own /info alone %.1f ms (collector / that %.3g)\n", info_ms,
                info_ms > 0 ? mine / info_ms : 0.0);
-        printf("engine (%s images, %s containers)  collector %.1f ms (last code %d)   "
-               "podman info && podman ps -a && podman images %.1f ms%s   ratio %.3g\n",
-               info.image_num.c_str(), info.container_num.c_str(), mine, last, theirs,
-               status == 0 ? "" : " (exit!=0)", theirs > 0 ? mine / theirs : 0.0);
+        printf(
+            "engine (%s images, %s containers)  collector %.1f ms (last code %d)   "
+            "podman info && podman ps -a && podman images %.1f ms%s   ratio %.3g\n",
+            info.image_num.c_str(), info.container_num.c_str(), mine, last, theirs,
+            status == 0 ? "" : " (exit!=0)", theirs > 0 ? mine / theirs : 0.0);
     } else {
         printf("the engine did not answer: %d\n", rc);
     }

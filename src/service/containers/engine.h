@@ -24,10 +24,10 @@ using Json = nlohmann::json;
 typedef IAssetManager::DockerInfo DockerInfo;
 
 // Bounds of one collection. A hostile or stuck engine costs at most these.
-constexpr int kBudgetMs = 5000;          // whole collection, all engines tried
-constexpr int kFirstAnswerMs = 2000;     // an engine's first answer, so a later one still gets time
-constexpr size_t kParallel = 4;          // requests in flight to one engine
-constexpr int kConnectMs = 1000;         // connecting one socket
+constexpr int kBudgetMs = 5000;            // whole collection, all engines tried
+constexpr int kFirstAnswerMs = 2000;       // an engine's first answer, so a later one still gets time
+constexpr size_t kParallel = 4;            // requests in flight to one engine
+constexpr int kConnectMs = 1000;           // connecting one socket
 constexpr size_t kMaxResponse = 8u << 20;  // body of one answer
 constexpr int kMaxDepth = 64;              // JSON nesting
 constexpr size_t kMaxValues = 1u << 20;    // JSON values in one answer
@@ -72,8 +72,8 @@ int32_t query_engines(const std::vector<std::string>& sockets, DockerInfo& out, 
 // An engine socket found on the host, held open (O_PATH) so the socket
 // connected is the one that was checked.
 struct EngineSocket {
-    std::string host_path;  // "/var/run/docker.sock"
-    int fd = -1;            // O_PATH descriptor of the socket itself, owned
+    std::string host_path;             // "/var/run/docker.sock"
+    int fd = -1;                       // O_PATH descriptor of the socket itself, owned
     std::string connect_path() const;  // "/proc/self/fd/<fd>"
 
     EngineSocket() = default;

@@ -108,7 +108,8 @@ int result_of(Request& r, CURLcode rc) {
 // kParallel connections that are kept open from one batch to the next.
 class Client {
 public:
-    Client(const std::string& socket_path, Clock::time_point deadline) : socket_(socket_path), deadline_(deadline) {
+    Client(const std::string& socket_path, Clock::time_point deadline)
+        : socket_(socket_path), deadline_(deadline) {
         init_curl_once();
         m_ = curl_multi_init();
         if (m_) curl_multi_setopt(m_, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(kParallel));
@@ -133,7 +134,6 @@ public:
             if (!h) return;
             handles_.push_back(h);
         }
-        std::vector<std::string> urls;
         for (size_t i = 0; i < reqs.size(); ++i) {
             Request* r = reqs[i];
             CURL* h = r->h = handles_[i];
@@ -215,7 +215,8 @@ bool try_next(int rc) { return rc == -ECONNREFUSED || rc == -EACCES || rc == -ET
 
 // One engine: 0 with `out` filled, or the first failure. `answered` tells
 // whether it got as far as answering /_ping.
-int32_t query_one(const std::string& socket_path, Clock::time_point deadline, DockerInfo& out, bool& answered) {
+int32_t query_one(const std::string& socket_path, Clock::time_point deadline, DockerInfo& out,
+                  bool& answered) {
     answered = false;
     Client client(socket_path, deadline);
     Request ping("/_ping");
@@ -229,7 +230,8 @@ int32_t query_one(const std::string& socket_path, Clock::time_point deadline, Do
 
     // /info can take seconds (an engine may look up its runtime's package):
     // the lists are asked meanwhile.
-    Request info(prefix + "/info"), images(prefix + "/images/json"), containers(prefix + "/containers/json?all=1");
+    Request info(prefix + "/info"), images(prefix + "/images/json"),
+        containers(prefix + "/containers/json?all=1");
     client.perform({&info, &images, &containers});
     DockerInfo d;
     Json j, image_list, container_list;
@@ -243,7 +245,8 @@ int32_t query_one(const std::string& socket_path, Clock::time_point deadline, Do
     std::vector<Json*> todo;
     for (Json& c : container_list) {
         if (todo.size() >= kMaxInspect) break;  // the rest stay -1: not asked
-        if (c["pid"].get<int64_t>() == -1 && plain_id(c["id"].get_ref<const std::string&>())) todo.push_back(&c);
+        if (c["pid"].get<int64_t>() == -1 && plain_id(c["id"].get_ref<const std::string&>()))
+            todo.push_back(&c);
     }
     for (size_t i = 0; i < todo.size(); i += kParallel) {
         std::vector<Request> batch;
@@ -302,7 +305,8 @@ std::vector<EngineSocket> find_engine_sockets(int root_fd) {
         }
         std::sort(uids.begin(), uids.end());
         if (uids.size() > kMaxUserSockets) uids.resize(kMaxUserSockets);
-        for (long uid : uids) names.emplace_back("/run/user/" + std::to_string(uid) + "/podman/podman.sock", uid);
+        for (long uid : uids)
+            names.emplace_back("/run/user/" + std::to_string(uid) + "/podman/podman.sock", uid);
     }
     std::vector<EngineSocket> found;
     std::set<std::pair<dev_t, ino_t>> seen;

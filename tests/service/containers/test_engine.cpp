@@ -42,7 +42,6 @@ size_t count_entries(const char* dir) {
     return n;
 }
 
-
 // Reading answers: recorded shapes of both engines, and shapes that differ.
 TEST(EngineParse, RecordedShapes) {
     for (const char* engine_name : {"docker", "podman"}) {
@@ -82,7 +81,8 @@ TEST(EngineParse, RefusedAndOddAnswers) {
         {deep, -EPROTO},
         {deep + std::string(100000, ']'), -EPROTO},
         {many, -EPROTO},
-        {R"({"Version":"[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[["})", 0},
+        {R"({"Version":"[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[["})",
+         0},
         {R"({"Version":"1", )", -EPROTO},
         {"{\"Version\":\"\xff\"}", -EPROTO},  // not UTF-8
         {"", -EPROTO},
@@ -101,7 +101,8 @@ TEST(EngineParse, RefusedAndOddAnswers) {
         {"{}", 0, -EPROTO, -EPROTO},
         {R"({"ServerVersion":7})", 0, -EPROTO, -EPROTO},
         {R"([1])", -EPROTO, -EPROTO, -EPROTO},
-        {R"([{"Id":5,"Names":{"a":1},"Created":"2024-01-02T03:04:05Z","Ports":7,"State":null}])", -EPROTO, 0, 0},
+        {R"([{"Id":5,"Names":{"a":1},"Created":"2024-01-02T03:04:05Z","Ports":7,"State":null}])", -EPROTO, 0,
+         0},
     };
     for (const Shape& s : shapes) {
         SCOPED_TRACE(s.text);
@@ -113,11 +114,13 @@ TEST(EngineParse, RefusedAndOddAnswers) {
         EXPECT_EQ(s.containers, engine::container_rows(j, rows));
     }
     Json j, rows;
-    ASSERT_EQ(0, engine::parse_json(R"([{"Id":5,"Names":{"a":1},"Created":"2024-01-02T03:04:05Z","Ports":7}])", j));
+    ASSERT_EQ(
+        0, engine::parse_json(R"([{"Id":5,"Names":{"a":1},"Created":"2024-01-02T03:04:05Z","Ports":7}])", j));
     ASSERT_EQ(0, engine::container_rows(j, rows));
-    EXPECT_EQ(R"([{"command":"","created":"2024-01-02T03:04:05Z","id":"","image":"","image_id":"","mounts":[],)"
-              R"("names":[],"pid":0,"ports":[],"state":"","status":""}])",
-              engine::compact(rows));
+    EXPECT_EQ(
+        R"([{"command":"","created":"2024-01-02T03:04:05Z","id":"","image":"","image_id":"","mounts":[],)"
+        R"("names":[],"pid":0,"ports":[],"state":"","status":""}])",
+        engine::compact(rows));
     // The API version goes into request paths: only digits and one dot.
     for (const char* v : {"1.41/../../x", "", "1.", ".1", "1", "1.4a", "1234567.1", "1.2.3"})
         EXPECT_FALSE(engine::is_api_version(v)) << v;
@@ -206,7 +209,8 @@ private:
             const bool bad = !bad_.empty() && path.find(bad_) != std::string::npos;
             if (!bad || mode_ == Mode::Normal) {
                 const auto it = routes_.find(path);
-                if (!send_all(c, it == routes_.end() ? reply(404, R"({"message":"no such"})") : reply(200, it->second)))
+                if (!send_all(c, it == routes_.end() ? reply(404, R"({"message":"no such"})")
+                                                     : reply(200, it->second)))
                     return;
                 continue;
             }
@@ -222,8 +226,9 @@ private:
                 case Mode::Endless:
                 case Mode::HugeLength: {
                     // 1 GB, streamed until the client stops reading.
-                    if (!send_all(c, mode_ == Mode::Endless ? "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n["
-                                                             : "HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n["))
+                    if (!send_all(c, mode_ == Mode::Endless
+                                         ? "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n["
+                                         : "HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n["))
                         return;
                     const std::string chunk(1 << 16, ' ');
                     for (size_t sent = 0; sent < (1u << 30); sent += chunk.size())
@@ -246,8 +251,8 @@ private:
     }
     static std::string reply(int status, const std::string& body) {
         return "HTTP/1.1 " + std::to_string(status) + (status == 200 ? " OK" : " Error") +
-               "\r\nApi-Version: 1.41\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
-               body;
+               "\r\nApi-Version: 1.41\r\nContent-Type: application/json\r\nContent-Length: " +
+               std::to_string(body.size()) + "\r\n\r\n" + body;
     }
 
     std::map<std::string, std::string> routes_;
@@ -262,16 +267,18 @@ private:
 const char* kPodmanRunningId = "2fc752d09a42edc2ec1dcc93ceeb5fa17081ba035b1b0821b69600255348bd36";
 
 std::map<std::string, std::string> podman_routes() {
-    return {{"/_ping", "OK"},
-            {"/info", fixture("podman_info.json")},
-            {"/images/json", fixture("podman_images.json")},
-            {"/containers/json?all=1", fixture("podman_containers.json")},
-            {std::string("/containers/") + kPodmanRunningId + "/json", R"({"Id":"x","State":{"Pid":16247}})"}};
+    return {
+        {"/_ping", "OK"},
+        {"/info", fixture("podman_info.json")},
+        {"/images/json", fixture("podman_images.json")},
+        {"/containers/json?all=1", fixture("podman_containers.json")},
+        {std::string("/containers/") + kPodmanRunningId + "/json", R"({"Id":"x","State":{"Pid":16247}})"}};
 }
 
 DockerInfo sentinel() {
     DockerInfo d;
-    d.storage_driver = d.root_dir = d.version = d.image_num = d.container_num = d.images = d.containers = "before";
+    d.storage_driver = d.root_dir = d.version = d.image_num = d.container_num = d.images = d.containers =
+        "before";
     return d;
 }
 
@@ -300,7 +307,7 @@ TEST_F(Engine, AnswersFillTheRecord) {
         ASSERT_EQ(2u, c.size());
         EXPECT_EQ(16247, c[0]["pid"]);
         EXPECT_EQ(0, c[1]["pid"]);
-        EXPECT_EQ(5, e.requests());  // one inspection
+        EXPECT_EQ(5, e.requests());     // one inspection
         EXPECT_GE(3, e.connections());  // connections kept for the next request
     }
     // A container that went away between list and inspection keeps -1.
@@ -322,7 +329,7 @@ TEST_F(Engine, MisbehavingEnginesFailWithTheirCodeAndLeaveNothingBehind) {
     struct Case {
         const char* name;
         Mode mode;
-        std::string bad;  // the path that misbehaves
+        std::string bad;   // the path that misbehaves
         std::string body;  // or a route body replaced
         int32_t code;
     } cases[] = {
@@ -334,7 +341,8 @@ TEST_F(Engine, MisbehavingEnginesFailWithTheirCodeAndLeaveNothingBehind) {
         {"closes mid-answer", Mode::CloseMid, "/_ping", "", -EPROTO},
         {"closes mid-list", Mode::CloseMid, "/images/json", "", -EPROTO},
         {"HTTP 500", Mode::Error500, "/info", "", -EPROTO},
-        {"HTTP 500 on inspection", Mode::Error500, std::string("/containers/") + kPodmanRunningId, "", -EPROTO},
+        {"HTTP 500 on inspection", Mode::Error500, std::string("/containers/") + kPodmanRunningId, "",
+         -EPROTO},
         {"not HTTP", Mode::NotHttp, "/_ping", "", -EPROTO},
         {"malformed JSON", Mode::Normal, "/images/json", R"([{"Id": "sha256:1", )", -EPROTO},
         {"deeply nested JSON", Mode::Normal, "/containers/json?all=1", deep, -EPROTO},
@@ -398,7 +406,8 @@ TEST_F(Engine, UnprivilegedCallerIsRefused) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0)
+        if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
+            setresuid(65534, 65534, 65534) != 0)
             _exit(100);
         DockerInfo d;
         _exit(-engine::query_engines({sock("root.sock")}, d));
@@ -429,12 +438,12 @@ TEST_F(Engine, SocketsAreFoundInsideTheRootOnly) {
     dir.link("/var/run", "../run");                               // one socket, two names
     dir.link("/run/docker.sock", outside.path + "/docker.sock");  // a link to the machine's engine
     make_socket("/run/podman/podman.sock", 0);
-    make_socket("/run/user/1000/podman/podman.sock", 1000);       // the user's own
-    make_socket("/run/user/1001/podman/podman.sock", 1002);       // someone else's in 1001's dir
-    dir.file("/run/user/1003/podman/podman.sock", "");           // not a socket
+    make_socket("/run/user/1000/podman/podman.sock", 1000);  // the user's own
+    make_socket("/run/user/1001/podman/podman.sock", 1002);  // someone else's in 1001's dir
+    dir.file("/run/user/1003/podman/podman.sock", "");       // not a socket
     make_socket("/run/user/999/podman/real.sock", 999);
-    dir.link("/run/user/999/podman/podman.sock", "real.sock");    // the name is a link
-    dir.link("/run/user/998", "/run/podman");                     // a directory link, inside the root
+    dir.link("/run/user/999/podman/podman.sock", "real.sock");  // the name is a link
+    dir.link("/run/user/998", "/run/podman");                   // a directory link, inside the root
     dir.mkdir("/run/user/nobody");
 
     const int root_fd = open_root_dir(dir.path);
@@ -445,7 +454,8 @@ TEST_F(Engine, SocketsAreFoundInsideTheRootOnly) {
         for (const auto& s : found) names.push_back(s.host_path);
     }
     close(root_fd);
-    EXPECT_EQ((std::vector<std::string>{"/run/podman/podman.sock", "/run/user/1000/podman/podman.sock"}), names);
+    EXPECT_EQ((std::vector<std::string>{"/run/podman/podman.sock", "/run/user/1000/podman/podman.sock"}),
+              names);
 
     // Sockets are connected through the descriptor that was checked.
     FakeEngine e(dir.path + "/run/podman/podman.sock", podman_routes());

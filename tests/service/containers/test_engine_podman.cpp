@@ -36,15 +36,20 @@ public:
         chmod(d.c_str(), 0755);
         chmod((d + "/xdg").c_str(), 0700);
         // A tiny root file system: sleep and a shell with the libraries they load.
-        sh("cd " + d + "/rootfs && for f in $(ldd /usr/bin/sleep /bin/dash | grep -v ':$' | grep -o '/[^ ]*' | sort -u); do "
-           "cp --parents -L \"$f\" . || exit 1; done && cp -L /usr/bin/sleep bin/ && cp -L /bin/dash bin/sh && tar -cf ../rootfs.tar .");
+        sh("cd " + d +
+           "/rootfs && for f in $(ldd /usr/bin/sleep /bin/dash | grep -v ':$' | grep -o '/[^ ]*' | sort -u); "
+           "do "
+           "cp --parents -L \"$f\" . || exit 1; done && cp -L /usr/bin/sleep bin/ && cp -L /bin/dash bin/sh "
+           "&& tar -cf ../rootfs.tar .");
         if (rootless_) sh("chown -R " + user + " " + d);
         socket_ = d + "/xdg/engine.sock";
         // The environment a service manager gives it: this shell's PATH may
         // hold slow wrappers of the tools Podman runs for /info.
         podman_ = (rootless_ ? "runuser -u " + user + " -- " : std::string()) +
                   "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=" + (rootless_ ? d : "/root") +
-                  (rootless_ ? " XDG_RUNTIME_DIR=" + d + "/xdg" : std::string()) + " timeout 120 podman --root " + d + "/storage --runroot " + d + "/xdg/run --storage-driver vfs ";
+                  (rootless_ ? " XDG_RUNTIME_DIR=" + d + "/xdg" : std::string()) +
+                  " timeout 120 podman --root " + d + "/storage --runroot " + d +
+                  "/xdg/run --storage-driver vfs ";
     }
     ~PodmanEngine() {
         if (service_ > 0) {
@@ -63,8 +68,9 @@ public:
                sh(podman_ + "run -d --name amtest_running " + net + run + "-v " + dir_.path +
                   "/data:/data:ro amtest-engine:1 /bin/sleep 600 >/dev/null") &&
                sh(podman_ + "create --name amtest_created amtest-engine:1 /bin/sh >/dev/null") &&
-               sh(podman_ + "run --name amtest_exited " + run + "--network none amtest-engine:1 /bin/sh -c 'exit 3' "
-                            ">/dev/null; true");
+               sh(podman_ + "run --name amtest_exited " + run +
+                  "--network none amtest-engine:1 /bin/sh -c 'exit 3' "
+                  ">/dev/null; true");
     }
 
     // Starts the API service and waits (bounded) until it answers.
@@ -73,7 +79,8 @@ public:
         if (service_ == 0) {
             setpgid(0, 0);
             execl("/bin/sh", "sh", "-c",
-                  ("exec " + podman_ + "system service --time=0 unix://" + socket_ + " >/dev/null 2>&1").c_str(),
+                  ("exec " + podman_ + "system service --time=0 unix://" + socket_ + " >/dev/null 2>&1")
+                      .c_str(),
                   static_cast<char*>(nullptr));
             _exit(127);
         }
