@@ -93,6 +93,10 @@ int main(int argc, char** argv) {
     waitpid(service, nullptr, 0);
     shell(podman + "rm -af -t 0");
     shell(podman + "rmi -af");
+    // conmon runs podman's cleanup of each stopped container on its own (the
+    // "[/]" keeps the pattern from matching the shell that runs it):
+    // wait (bounded) until nothing of this storage runs before removing it.
+    shell("for i in $(seq 50); do pgrep -f '[/]" + d.substr(1) + "' >/dev/null || break; sleep 0.2; done");
     shell("rm -rf " + d);
     return rc == 0 ? 0 : 1;
 }

@@ -57,6 +57,11 @@ public:
             waitpid(service_, nullptr, 0);
         }
         sh(podman_ + "rm -af -t 0 >/dev/null 2>&1; " + podman_ + "rmi -af >/dev/null 2>&1");
+        // conmon runs podman's cleanup of each stopped container on its own (the
+        // "[/]" keeps the pattern from matching the shell that runs it):
+        // the storage is removed once nothing of it runs (bounded).
+        sh("for i in $(seq 50); do pgrep -f '[/]" + dir_.path.substr(1) +
+           "' >/dev/null || break; sleep 0.2; done");
     }
 
     // Image, tags and three containers: running, created, exited.
