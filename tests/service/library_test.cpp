@@ -18,7 +18,7 @@ TEST(ServiceLibrary, OneInstanceThatAnswersEveryOperation) {
     std::vector<IAssetManager::ThirdPartDevLibInfo> libs;
     EXPECT_EQ(0, svc->collect_thirdpart_dev_lib(libs));
     IAssetManager::DockerInfo docker;
-    EXPECT_EQ(-ENOSYS, svc->collect_docker(docker));
+    EXPECT_NE(-ENOSYS, svc->collect_docker(docker));  // -ENOENT without an engine socket
     EXPECT_EQ(0, svc->release());
 }
 

@@ -1,0 +1,481 @@
+// The container engine: the engine's answers read into the record, a fake
+// engine on a unix socket that misbehaves in every way a stuck or hostile
+// engine can, and the search for engine sockets under a root.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <grp.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include "collectors.h"
+#include "containers/engine.h"
+#include "core/root_open.h"
+#include "test_util.h"
+
+namespace {
+
+using namespace amsvc;
+using engine::Json;
+typedef IAssetManager::DockerInfo DockerInfo;
+
+std::string fixture(const std::string& name) {
+    std::ifstream in(std::string(ASSETMAN_FIXTURES) + "/" + name);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+size_t count_entries(const char* dir) {
+    size_t n = 0;
+    for (const auto& e : std::filesystem::directory_iterator(dir)) (void)e, ++n;
+    return n;
+}
+
+// Reading answers: recorded shapes of both engines, and shapes that differ.
+TEST(EngineParse, RecordedShapes) {
+    for (const char* engine_name : {"docker", "podman"}) {
+        SCOPED_TRACE(engine_name);
+        const std::string e = engine_name;
+        DockerInfo d;
+        Json j, rows;
+        ASSERT_EQ(0, engine::parse_json(fixture(e + "_info.json"), j));
+        ASSERT_EQ(0, engine::read_info(j, d));
+        ASSERT_EQ(0, engine::parse_json(fixture(e + "_images.json"), j));
+        ASSERT_EQ(0, engine::image_rows(j, rows));
+        d.images = engine::compact(rows);
+        ASSERT_EQ(0, engine::parse_json(fixture(e + "_containers.json"), j));
+        ASSERT_EQ(0, engine::container_rows(j, rows));
+        d.containers = engine::compact(rows);
+        const Json want = Json::parse(fixture(e + "_expected.json"));
+        EXPECT_EQ(want["storage_driver"], d.storage_driver);
+        EXPECT_EQ(want["root_dir"], d.root_dir);
+        EXPECT_EQ(want["version"], d.version);
+        EXPECT_EQ(want["image_num"], d.image_num);
+        EXPECT_EQ(want["container_num"], d.container_num);
+        EXPECT_EQ(want["images"].dump(), d.images);
+        EXPECT_EQ(want["containers"].dump(), d.containers);
+    }
+}
+
+TEST(EngineParse, RefusedAndOddAnswers) {
+    const std::string deep(100000, '[');
+    const std::string wide = "[\"" + std::string(2u << 20, 'a') + "\"]";
+    std::string many = "[0";
+    for (int i = 0; i < (1 << 20) + 1; ++i) many += ",0";
+    many += "]";
+    struct Case {
+        std::string text;
+        int parse;
+    } cases[] = {
+        {deep, -EPROTO},
+        {deep + std::string(100000, ']'), -EPROTO},
+        {many, -EPROTO},
+        {R"({"Version":"[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[["})",
+         0},
+        {R"({"Version":"1", )", -EPROTO},
+        {"{\"Version\":\"\xff\"}", -EPROTO},  // not UTF-8
+        {"", -EPROTO},
+        {wide, 0},
+    };
+    for (const Case& c : cases) {
+        Json j;
+        EXPECT_EQ(c.parse, engine::parse_json(c.text, j)) << c.text.substr(0, 40);
+    }
+    // Wrong types are refused at the top and read as empty below it.
+    struct Shape {
+        const char* text;
+        int info, images, containers;
+    } shapes[] = {
+        {"[]", -EPROTO, 0, 0},
+        {"{}", 0, -EPROTO, -EPROTO},
+        {R"({"ServerVersion":7})", 0, -EPROTO, -EPROTO},
+        {R"([1])", -EPROTO, -EPROTO, -EPROTO},
+        {R"([{"Id":5,"Names":{"a":1},"Created":"2024-01-02T03:04:05Z","Ports":7,"State":null}])", -EPROTO, 0,
+         0},
+    };
+    for (const Shape& s : shapes) {
+        SCOPED_TRACE(s.text);
+        Json j, rows;
+        ASSERT_EQ(0, engine::parse_json(s.text, j));
+        DockerInfo d;
+        EXPECT_EQ(s.info, engine::read_info(j, d));
+        EXPECT_EQ(s.images, engine::image_rows(j, rows));
+        EXPECT_EQ(s.containers, engine::container_rows(j, rows));
+    }
+    Json j, rows;
+    ASSERT_EQ(
+        0, engine::parse_json(R"([{"Id":5,"Names":{"a":1},"Created":"2024-01-02T03:04:05Z","Ports":7}])", j));
+    ASSERT_EQ(0, engine::container_rows(j, rows));
+    EXPECT_EQ(
+        R"([{"command":"","created":"2024-01-02T03:04:05Z","id":"","image":"","image_id":"","mounts":[],)"
+        R"("names":[],"pid":0,"ports":[],"state":"","status":""}])",
+        engine::compact(rows));
+    // The API version goes into request paths: only digits and one dot.
+    for (const char* v : {"1.41/../../x", "", "1.", ".1", "1", "1.4a", "1234567.1", "1.2.3"})
+        EXPECT_FALSE(engine::is_api_version(v)) << v;
+    EXPECT_TRUE(engine::is_api_version("1.43"));
+    ASSERT_EQ(0, engine::parse_json(R"({"State":{"Pid":4242}})", j));
+    EXPECT_EQ(4242, engine::inspect_pid(j));
+    ASSERT_EQ(0, engine::parse_json(R"({"State":{"Pid":"4242"}})", j));
+    EXPECT_EQ(-1, engine::inspect_pid(j));
+}
+
+// A unix-socket engine in a thread of the test. Paths in `bad` get `mode`;
+// every other path gets its route, or a 404.
+enum class Mode { Normal, Silent, Trickle, Endless, HugeLength, CloseMid, Error500, NotHttp };
+
+class FakeEngine {
+public:
+    FakeEngine(const std::string& path, std::map<std::string, std::string> routes, Mode mode = Mode::Normal,
+               std::string bad = "")
+        : routes_(std::move(routes)), mode_(mode), bad_(std::move(bad)) {
+        listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
+        unlink(path.c_str());
+        if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(listen_fd_, 8) != 0)
+            ADD_FAILURE() << "cannot listen on " << path;
+        stop_fd_ = eventfd(0, EFD_CLOEXEC);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~FakeEngine() {
+        uint64_t one = 1;
+        (void)!write(stop_fd_, &one, sizeof one);
+        thread_.join();
+        for (std::thread& t : talks_) t.join();
+        close(listen_fd_);
+        close(stop_fd_);
+    }
+    int requests() const { return requests_; }
+    int connections() const { return connections_; }
+
+private:
+    // Waits for `fd` or the stop signal; false when stopping.
+    bool wait(int fd, short events, int ms = -1) {
+        pollfd p[2] = {{fd, events, 0}, {stop_fd_, POLLIN, 0}};
+        const int n = poll(p, 2, ms);
+        return n == 0 || (n > 0 && !(p[1].revents & POLLIN));
+    }
+    bool send_all(int fd, const std::string& s) {
+        size_t off = 0;
+        while (off < s.size()) {
+            if (!wait(fd, POLLOUT)) return false;
+            const ssize_t n = send(fd, s.data() + off, s.size() - off, MSG_NOSIGNAL);
+            if (n <= 0) return false;
+            off += static_cast<size_t>(n);
+        }
+        return true;
+    }
+    void serve() {
+        while (wait(listen_fd_, POLLIN)) {
+            const int c = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (c < 0) continue;
+            ++connections_;
+            talks_.emplace_back([this, c] {
+                talk(c);
+                close(c);
+            });
+        }
+    }
+    // One connection: requests until the client closes or a mode ends it.
+    void talk(int c) {
+        std::string in;
+        char buf[4096];
+        for (;;) {
+            size_t end;
+            while ((end = in.find("\r\n\r\n")) == std::string::npos) {
+                if (!wait(c, POLLIN)) return;
+                const ssize_t n = recv(c, buf, sizeof buf, 0);
+                if (n <= 0) return;
+                in.append(buf, static_cast<size_t>(n));
+            }
+            const std::string head = in.substr(0, end);
+            in.erase(0, end + 4);
+            ++requests_;
+            std::string path = head.substr(4, head.find(' ', 4) - 4);
+            if (path.compare(0, 3, "/v1") == 0) path.erase(0, path.find('/', 1));  // version prefix
+            const bool bad = !bad_.empty() && path.find(bad_) != std::string::npos;
+            if (!bad || mode_ == Mode::Normal) {
+                const auto it = routes_.find(path);
+                if (!send_all(c, it == routes_.end() ? reply(404, R"({"message":"no such"})")
+                                                     : reply(200, it->second)))
+                    return;
+                continue;
+            }
+            switch (mode_) {
+                case Mode::Silent:
+                    wait(c, 0);  // until stopped
+                    return;
+                case Mode::Trickle:
+                    if (!send_all(c, "HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n[")) return;
+                    while (wait(c, 0, 1000) && send(c, " ", 1, MSG_NOSIGNAL) == 1) {
+                    }
+                    return;
+                case Mode::Endless:
+                case Mode::HugeLength: {
+                    // 1 GB, streamed until the client stops reading.
+                    if (!send_all(c, mode_ == Mode::Endless
+                                         ? "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n["
+                                         : "HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n["))
+                        return;
+                    const std::string chunk(1 << 16, ' ');
+                    for (size_t sent = 0; sent < (1u << 30); sent += chunk.size())
+                        if (!send_all(c, chunk)) return;
+                    return;
+                }
+                case Mode::CloseMid:
+                    send_all(c, "HTTP/1.1 200 OK\r\nContent-Length: 5000\r\n\r\n{\"Version\":\"1.0\",");
+                    return;
+                case Mode::Error500:
+                    if (!send_all(c, reply(500, R"({"message":"server error"})"))) return;
+                    continue;
+                case Mode::NotHttp:
+                    send_all(c, "SSH-2.0-OpenSSH_9.2\r\n\r\n\r\n");
+                    return;
+                case Mode::Normal:
+                    break;
+            }
+        }
+    }
+    static std::string reply(int status, const std::string& body) {
+        return "HTTP/1.1 " + std::to_string(status) + (status == 200 ? " OK" : " Error") +
+               "\r\nApi-Version: 1.41\r\nContent-Type: application/json\r\nContent-Length: " +
+               std::to_string(body.size()) + "\r\n\r\n" + body;
+    }
+
+    std::map<std::string, std::string> routes_;
+    Mode mode_;
+    std::string bad_;
+    int listen_fd_ = -1, stop_fd_ = -1;
+    std::atomic<int> requests_{0}, connections_{0};
+    std::thread thread_;
+    std::vector<std::thread> talks_;  // one per connection
+};
+
+const char* kPodmanRunningId = "2fc752d09a42edc2ec1dcc93ceeb5fa17081ba035b1b0821b69600255348bd36";
+
+std::map<std::string, std::string> podman_routes() {
+    return {
+        {"/_ping", "OK"},
+        {"/info", fixture("podman_info.json")},
+        {"/images/json", fixture("podman_images.json")},
+        {"/containers/json?all=1", fixture("podman_containers.json")},
+        {std::string("/containers/") + kPodmanRunningId + "/json", R"({"Id":"x","State":{"Pid":16247}})"}};
+}
+
+DockerInfo sentinel() {
+    DockerInfo d;
+    d.storage_driver = d.root_dir = d.version = d.image_num = d.container_num = d.images = d.containers =
+        "before";
+    return d;
+}
+
+bool same(const DockerInfo& a, const DockerInfo& b) {
+    return a.storage_driver == b.storage_driver && a.root_dir == b.root_dir && a.version == b.version &&
+           a.image_num == b.image_num && a.container_num == b.container_num && a.images == b.images &&
+           a.containers == b.containers;
+}
+
+class Engine : public ::testing::Test {
+protected:
+    amtest::TempDir dir{"amsvc_engine"};
+    std::string sock(const std::string& name) const { return dir.path + "/" + name; }
+};
+
+TEST_F(Engine, AnswersFillTheRecord) {
+    const size_t fds = count_entries("/proc/self/fd"), tasks = count_entries("/proc/self/task");
+    {
+        FakeEngine e(sock("e.sock"), podman_routes());
+        DockerInfo d = sentinel();
+        ASSERT_EQ(0, engine::query_engines({sock("e.sock")}, d));
+        EXPECT_EQ("vfs", d.storage_driver);
+        EXPECT_EQ("4.3.1", d.version);
+        EXPECT_EQ("2", d.container_num);
+        const Json c = Json::parse(d.containers);
+        ASSERT_EQ(2u, c.size());
+        EXPECT_EQ(16247, c[0]["pid"]);
+        EXPECT_EQ(0, c[1]["pid"]);
+        EXPECT_EQ(5, e.requests());     // one inspection
+        EXPECT_GE(3, e.connections());  // connections kept for the next request
+    }
+    // A container that went away between list and inspection keeps -1.
+    {
+        auto routes = podman_routes();
+        routes.erase(std::string("/containers/") + kPodmanRunningId + "/json");
+        FakeEngine e(sock("e.sock"), routes);
+        DockerInfo d;
+        ASSERT_EQ(0, engine::query_engines({sock("e.sock")}, d));
+        EXPECT_EQ(-1, Json::parse(d.containers)[0]["pid"]);
+    }
+    EXPECT_EQ(fds, count_entries("/proc/self/fd"));
+    EXPECT_EQ(tasks, count_entries("/proc/self/task"));
+}
+
+TEST_F(Engine, MisbehavingEnginesFailWithTheirCodeAndLeaveNothingBehind) {
+    const std::string deep(100000, '[');
+    auto routes = podman_routes();
+    struct Case {
+        const char* name;
+        Mode mode;
+        std::string bad;   // the path that misbehaves
+        std::string body;  // or a route body replaced
+        int32_t code;
+    } cases[] = {
+        {"never answers", Mode::Silent, "/_ping", "", -ETIMEDOUT},
+        {"never answers the list", Mode::Silent, "/containers/json", "", -ETIMEDOUT},
+        {"trickles a byte a second", Mode::Trickle, "/images/json", "", -ETIMEDOUT},
+        {"1 GB without length", Mode::Endless, "/info", "", -EMSGSIZE},
+        {"1 GB with its length", Mode::HugeLength, "/containers/json", "", -EMSGSIZE},
+        {"closes mid-answer", Mode::CloseMid, "/_ping", "", -EPROTO},
+        {"closes mid-list", Mode::CloseMid, "/images/json", "", -EPROTO},
+        {"HTTP 500", Mode::Error500, "/info", "", -EPROTO},
+        {"HTTP 500 on inspection", Mode::Error500, std::string("/containers/") + kPodmanRunningId, "",
+         -EPROTO},
+        {"not HTTP", Mode::NotHttp, "/_ping", "", -EPROTO},
+        {"malformed JSON", Mode::Normal, "/images/json", R"([{"Id": "sha256:1", )", -EPROTO},
+        {"deeply nested JSON", Mode::Normal, "/containers/json?all=1", deep, -EPROTO},
+        {"info not an object", Mode::Normal, "/info", "[]", -EPROTO},
+        {"not an engine", Mode::Normal, "/_ping", "", -EPROTO},
+    };
+    const size_t fds = count_entries("/proc/self/fd"), tasks = count_entries("/proc/self/task");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto r = routes;
+        if (c.mode == Mode::Normal) {
+            if (c.body.empty())
+                r.erase(c.bad);
+            else
+                r[c.bad] = c.body;
+        }
+        FakeEngine e(sock("e.sock"), r, c.mode, c.bad);
+        DockerInfo d = sentinel();
+        EXPECT_EQ(c.code, engine::query_engines({sock("e.sock")}, d, 1500));
+        EXPECT_TRUE(same(sentinel(), d));
+    }
+    EXPECT_EQ(fds, count_entries("/proc/self/fd"));
+    EXPECT_EQ(tasks, count_entries("/proc/self/task"));
+}
+
+TEST_F(Engine, FirstEngineThatAnswersFillsTheRecord) {
+    // A stale socket (nobody listening) and one bound without listen refuse.
+    {
+        const int s = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        snprintf(a.sun_path, sizeof a.sun_path, "%s", sock("stale.sock").c_str());
+        ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a));
+        close(s);
+    }
+    FakeEngine hung(sock("hung.sock"), podman_routes(), Mode::Silent, "/_ping");
+    FakeEngine good(sock("good.sock"), podman_routes());
+    struct Case {
+        std::vector<std::string> sockets;
+        int32_t code;
+    } cases[] = {
+        {{}, -ENOENT},
+        {{sock("stale.sock")}, -ECONNREFUSED},
+        {{sock("missing.sock")}, -ECONNREFUSED},
+        {{sock("stale.sock"), sock("good.sock")}, 0},
+        {{sock("hung.sock"), sock("good.sock")}, 0},  // the first answer has its own, shorter limit
+        {{sock("hung.sock")}, -ETIMEDOUT},
+    };
+    for (const Case& c : cases) {
+        DockerInfo d = sentinel();
+        EXPECT_EQ(c.code, engine::query_engines(c.sockets, d, 2500)) << c.sockets.size();
+        EXPECT_EQ(c.code == 0 ? "4.3.1" : "before", d.version);
+    }
+}
+
+// An agent that is not root meets the root-only socket of an engine.
+TEST_F(Engine, UnprivilegedCallerIsRefused) {
+    FakeEngine e(sock("root.sock"), podman_routes());
+    chmod(sock("root.sock").c_str(), 0700);
+    chmod(dir.path.c_str(), 0755);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
+            setresuid(65534, 65534, 65534) != 0)
+            _exit(100);
+        DockerInfo d;
+        _exit(-engine::query_engines({sock("root.sock")}, d));
+    }
+    int st = 0;
+    ASSERT_EQ(child, waitpid(child, &st, 0));
+    ASSERT_TRUE(WIFEXITED(st));
+    EXPECT_EQ(EACCES, WEXITSTATUS(st));
+    EXPECT_EQ(0, e.requests());
+}
+
+// Path resolution: what counts as an engine socket under a root.
+TEST_F(Engine, SocketsAreFoundInsideTheRootOnly) {
+    auto make_socket = [&](const std::string& rel, uid_t owner) {
+        dir.mkdir(rel.substr(0, rel.rfind('/')));
+        const int s = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        snprintf(a.sun_path, sizeof a.sun_path, "%s", (dir.path + rel).c_str());
+        ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a));
+        close(s);
+        ASSERT_EQ(0, lchown((dir.path + rel).c_str(), owner, owner));
+    };
+    amtest::TempDir outside{"amsvc_engine_host"};
+    FakeEngine machine(outside.path + "/docker.sock", podman_routes());
+
+    dir.mkdir("/run");
+    dir.link("/var/run", "../run");                               // one socket, two names
+    dir.link("/run/docker.sock", outside.path + "/docker.sock");  // a link to the machine's engine
+    make_socket("/run/podman/podman.sock", 0);
+    make_socket("/run/user/1000/podman/podman.sock", 1000);  // the user's own
+    make_socket("/run/user/1001/podman/podman.sock", 1002);  // someone else's in 1001's dir
+    dir.file("/run/user/1003/podman/podman.sock", "");       // not a socket
+    make_socket("/run/user/999/podman/real.sock", 999);
+    dir.link("/run/user/999/podman/podman.sock", "real.sock");  // the name is a link
+    dir.link("/run/user/998", "/run/podman");                   // a directory link, inside the root
+    dir.mkdir("/run/user/nobody");
+
+    const int root_fd = open_root_dir(dir.path);
+    ASSERT_GE(root_fd, 0);
+    std::vector<std::string> names;
+    {
+        const auto found = engine::find_engine_sockets(root_fd);
+        for (const auto& s : found) names.push_back(s.host_path);
+    }
+    close(root_fd);
+    EXPECT_EQ((std::vector<std::string>{"/run/podman/podman.sock", "/run/user/1000/podman/podman.sock"}),
+              names);
+
+    // Sockets are connected through the descriptor that was checked.
+    FakeEngine e(dir.path + "/run/podman/podman.sock", podman_routes());
+    const int fd2 = open_root_dir(dir.path);
+    {
+        const auto found = engine::find_engine_sockets(fd2);
+        ASSERT_FALSE(found.empty());
+        DockerInfo d;
+        EXPECT_EQ(0, engine::query_engines({found[0].connect_path()}, d));
+        EXPECT_EQ("vfs", d.storage_driver);
+    }
+    close(fd2);
+
+    // A mounted image has no engine: the machine's is never reached, even
+    // through the image's own /var/run/docker.sock.
+    unlink((dir.path + "/run/podman/podman.sock").c_str());
+    DockerInfo d = sentinel();
+    EXPECT_EQ(-ENOENT, collect_engine(HostRoot(dir.path), d));
+    EXPECT_TRUE(same(sentinel(), d));
+    EXPECT_EQ(0, machine.requests());
+}
+
+}  // namespace
