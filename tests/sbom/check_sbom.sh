@@ -26,6 +26,8 @@ trap 'rm -rf "$tree"' EXIT
 mkdir -p "$tree/etc" "$tree/var/lib/dpkg/info"
 printf 'PRETTY_NAME="Debian GNU/Linux 12 (bookworm)"\nID=debian\nVERSION_ID="12"\n' > "$tree/etc/os-release"
 echo image1 > "$tree/etc/hostname"
+# The image's architecture is read from its programs.
+mkdir -p "$tree/bin" && cp /bin/sh "$tree/bin/sh"
 cat > "$tree/var/lib/dpkg/status" <<'DEB'
 Package: libc6
 Status: install ok installed

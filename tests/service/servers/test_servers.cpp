@@ -23,7 +23,8 @@ namespace {
 
 std::vector<AM::ServiceInfo> collect(const std::string& root, int32_t* rc = nullptr) {
     std::vector<AM::ServiceInfo> out;
-    const int32_t r = amsvc::collect_servers(amsvc::HostRoot(root), out);
+    // The fixture trees keep their /proc as plain files.
+    const int32_t r = amsvc::collect_servers(amsvc::HostRoot(root).set_fixture_proc(true), out);
     if (rc) *rc = r;
     return out;
 }
