@@ -160,4 +160,18 @@ void parse_md5sums(std::string_view text,
     }
 }
 
+void parse_dpkg_list(std::string_view text, const std::function<void(std::string_view path)>& fn) {
+    const std::vector<std::string_view> lines = split_lines(text);
+    for (size_t i = 0; i < lines.size(); ++i) {
+        const std::string_view path = lines[i];
+        // dpkg lists a directory right before its first entry: ownership is
+        // asked of files only, so directories are left out.
+        if (i + 1 < lines.size() && lines[i + 1].size() > path.size() && starts_with(lines[i + 1], path) &&
+            lines[i + 1][path.size()] == '/')
+            continue;
+        if (path == "/." || path == "/") continue;
+        fn(path);
+    }
+}
+
 }  // namespace amsvc

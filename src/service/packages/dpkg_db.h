@@ -55,6 +55,10 @@ void parse_md5sums(std::string_view text,
 
 bool hex_to_bytes(std::string_view hex, unsigned char* out, size_t n);
 
+// Calls fn(path) for every file of a package's .list: every line but "/." and
+// the directories (a line that the next one continues with '/').
+void parse_dpkg_list(std::string_view text, const std::function<void(std::string_view path)>& fn);
+
 }  // namespace amsvc
 
 #endif

@@ -290,17 +290,9 @@ void index_dpkg_package(const HostRoot& root, const DpkgPackage& p, const Divers
     }
     if (buf.empty()) return;
     const uint32_t id = index.add_package(p.name, p.maintainer);
-    const std::vector<std::string_view> lines = split_lines(buf);
-    for (size_t i = 0; i < lines.size(); ++i) {
-        const std::string_view path = lines[i];
-        // dpkg lists a directory right before its first entry: ownership is
-        // asked of files only, so directories are left out.
-        if (i + 1 < lines.size() && lines[i + 1].size() > path.size() && starts_with(lines[i + 1], path) &&
-            lines[i + 1][path.size()] == '/')
-            continue;
-        if (path == "/." || path == "/") continue;
+    parse_dpkg_list(buf, [&](std::string_view path) {
         index.add_file(id, where(path), DigestAlgo::kNone, nullptr, canon);
-    }
+    });
     if (read_host_file(root, stem + ".md5sums", buf, 256u << 20) == 0) {
         parse_md5sums(buf, [&](std::string_view path, const unsigned char* md5) {
             index.add_file(id, where(path), DigestAlgo::kMd5, md5, canon);
