@@ -60,10 +60,11 @@ UnitFile unit_file_from(const UnitKeys& keys) {
     UnitFile u;
     u.description = unit_last(keys, "Unit.Description");
     if (const auto* exec = unit_values(keys, "Service.ExecStart")) u.exec_start = exec->front();
-    const std::pair<const char*, std::vector<std::string>*> lists[] = {
-        {"Install.WantedBy", &u.wanted_by}, {"Install.RequiredBy", &u.required_by},
-        {"Install.UpheldBy", &u.upheld_by}, {"Install.Alias", &u.aliases},
-        {"Install.Also", &u.also}};
+    const std::pair<const char*, std::vector<std::string>*> lists[] = {{"Install.WantedBy", &u.wanted_by},
+                                                                       {"Install.RequiredBy", &u.required_by},
+                                                                       {"Install.UpheldBy", &u.upheld_by},
+                                                                       {"Install.Alias", &u.aliases},
+                                                                       {"Install.Also", &u.also}};
     for (const auto& l : lists)
         if (const auto* v = unit_values(keys, l.first))
             for (const std::string& line : *v)
@@ -243,8 +244,8 @@ std::vector<UnitDir> scan_unit_dirs(const HostRoot& root) {
 
 struct Discovered {
     enum Kind { kRegular, kMasked, kBad } kind = kBad;
-    std::string name;  // name of the unit file finally loaded
-    std::string path;  // its host path (the masking link for a masked unit)
+    std::string name;    // name of the unit file finally loaded
+    std::string path;    // its host path (the masking link for a masked unit)
     UnitFile unit;       // with the drop-ins systemctl reads for [Install]: what the state is judged on
     UnitFile effective;  // with its drop-ins: what runs and how it is described
 };

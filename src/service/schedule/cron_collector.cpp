@@ -202,7 +202,9 @@ std::string join(const std::vector<std::string>& v, const char* sep) {
     return s;
 }
 
-const std::vector<std::string>* values(const UnitKeys& k, const std::string& key) { return unit_values(k, key); }
+const std::vector<std::string>* values(const UnitKeys& k, const std::string& key) {
+    return unit_values(k, key);
+}
 
 }  // namespace
 

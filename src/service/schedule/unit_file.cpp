@@ -8,8 +8,8 @@
 namespace amsvc {
 
 const char* const kSystemUnitDirs[8] = {
-    "/etc/systemd/system.control", "/run/systemd/system.control",   "/run/systemd/transient",
-    "/etc/systemd/system",         "/run/systemd/system",           "/usr/local/lib/systemd/system",
+    "/etc/systemd/system.control", "/run/systemd/system.control", "/run/systemd/transient",
+    "/etc/systemd/system",         "/run/systemd/system",         "/usr/local/lib/systemd/system",
     "/lib/systemd/system",         "/usr/lib/systemd/system",
 };
 

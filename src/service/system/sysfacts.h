@@ -1,5 +1,5 @@
-// Text parsers behind the kernel-module and system-facts collectors. Each takes file content and returns records, so the tests feed
-// them fixture text; the collectors add only the reads under the host root.
+// Text parsers behind the kernel-module and system-facts collectors. Each takes file content and returns
+// records, so the tests feed them fixture text; the collectors add only the reads under the host root.
 #ifndef ASSETMAN_SERVICE_SYSFACTS_H
 #define ASSETMAN_SERVICE_SYSFACTS_H
 

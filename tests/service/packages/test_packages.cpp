@@ -125,10 +125,12 @@ TEST(DpkgStatus, SummaryByteForByte) {
     // Every package of this host against dpkg-query (libgdbm6's ends in a blank).
     if (access("/var/lib/dpkg/status", R_OK) != 0) GTEST_SKIP() << "no dpkg database on this host";
     std::map<std::string, std::string> want;
-    const std::string listing = run("dpkg-query -W -f '${Package}:${Architecture}\\t${binary:Summary}\\n' 2>/dev/null");
+    const std::string listing =
+        run("dpkg-query -W -f '${Package}:${Architecture}\\t${binary:Summary}\\n' 2>/dev/null");
     for (std::string_view line : split_lines(listing)) {
         const size_t tab = line.find('\t');
-        if (tab != std::string_view::npos) want[std::string(line.substr(0, tab))] = std::string(line.substr(tab + 1));
+        if (tab != std::string_view::npos)
+            want[std::string(line.substr(0, tab))] = std::string(line.substr(tab + 1));
     }
     std::string text;
     ASSERT_EQ(read_file("/var/lib/dpkg/status", text), 0);

@@ -240,11 +240,13 @@ TEST(UnitFile, DropinNamesAndOrder) {
     t.file(lib + "/a-b@x.service.d/30-x.conf", "");
     t.file(etc + "/a-b@.service.d/30-x.conf", "");  // higher directory wins over the instance's
     t.file(lib + "/service.d/40-all.conf", "");
-    EXPECT_EQ(find_dropins(HostRoot(t.path), {"a-b@x.service"}),
-              (std::vector<std::string>{lib + "/a-.service.d/10-all.conf", lib + "/a-b@.service.d/20-prefix.conf",
-                                        etc + "/a-b@.service.d/30-x.conf", lib + "/service.d/40-all.conf"}));
+    EXPECT_EQ(
+        find_dropins(HostRoot(t.path), {"a-b@x.service"}),
+        (std::vector<std::string>{lib + "/a-.service.d/10-all.conf", lib + "/a-b@.service.d/20-prefix.conf",
+                                  etc + "/a-b@.service.d/30-x.conf", lib + "/service.d/40-all.conf"}));
     EXPECT_EQ(find_dropins(HostRoot(t.path), {"a-b@x.service"}, DropinScope::kInstall),
-              (std::vector<std::string>{lib + "/a-b@.service.d/20-prefix.conf", etc + "/a-b@.service.d/30-x.conf"}));
+              (std::vector<std::string>{lib + "/a-b@.service.d/20-prefix.conf",
+                                        etc + "/a-b@.service.d/30-x.conf"}));
 }
 
 TEST(AutorunCollect, HostileTree) {

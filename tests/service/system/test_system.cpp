@@ -159,11 +159,18 @@ TEST(SystemParse, ExportsAndSmbConf) {
     const struct {
         const char* share;
         int32_t want;
-    } kMax[] = {{"", 7}, {"max connections = 0", -1}, {"max connections = -3", -1}, {"max connections = 12", 12},
-                {"max connections = 0x10", 16}, {"max connections = 12abc", 12}, {"max connections = junk", -1},
-                {"max connections =", -1}, {"max connections = 99999999999", INT32_MAX}};
+    } kMax[] = {{"", 7},
+                {"max connections = 0", -1},
+                {"max connections = -3", -1},
+                {"max connections = 12", 12},
+                {"max connections = 0x10", 16},
+                {"max connections = 12abc", 12},
+                {"max connections = junk", -1},
+                {"max connections =", -1},
+                {"max connections = 99999999999", INT32_MAX}};
     for (const auto& k : kMax) {
-        const auto v = parse_smb_conf(std::string("[global]\nmax connections = 7\n[s]\npath=/s\n") + k.share + "\n");
+        const auto v =
+            parse_smb_conf(std::string("[global]\nmax connections = 7\n[s]\npath=/s\n") + k.share + "\n");
         ASSERT_EQ(v.size(), 1u);
         EXPECT_EQ(v[0].max_conn, k.want) << k.share;
     }
@@ -343,8 +350,13 @@ TEST(SystemCollect, LabelsAndLoopbackBroadcastMatchIpInNetns) {
         out["rc"] = collect_system_facts(HostRoot("/"), si);
         out["ip"] = nlohmann::json::parse(run("ip -j addr"), nullptr, false);
         for (const auto& c : si.network_card)
-            out["cards"].push_back({{"name", c.name}, {"ipv4", c.ipv4}, {"mask", c.mask}, {"broad", c.broad},
-                                    {"ipv6", c.ipv6}, {"mac", c.mac}, {"mtu", c.mtu}});
+            out["cards"].push_back({{"name", c.name},
+                                    {"ipv4", c.ipv4},
+                                    {"mask", c.mask},
+                                    {"broad", c.broad},
+                                    {"ipv6", c.ipv6},
+                                    {"mac", c.mac},
+                                    {"mtu", c.mtu}});
         const std::string text = out.dump();
         ssize_t done = 0;
         while (done < static_cast<ssize_t>(text.size())) {
@@ -381,9 +393,11 @@ TEST(SystemCollect, LabelsAndLoopbackBroadcastMatchIpInNetns) {
             if (a["family"] == "inet") {
                 v4 += (v4.empty() ? "" : ",") + local;
                 const uint32_t m = plen ? ~uint32_t(0) << (32 - plen) : 0;
-                masks += (masks.empty() ? "" : ",") + std::to_string(m >> 24) + "." + std::to_string((m >> 16) & 255) +
-                         "." + std::to_string((m >> 8) & 255) + "." + std::to_string(m & 255);
-                if (a.contains("broadcast")) broads += (broads.empty() ? "" : ",") + a["broadcast"].get<std::string>();
+                masks += (masks.empty() ? "" : ",") + std::to_string(m >> 24) + "." +
+                         std::to_string((m >> 16) & 255) + "." + std::to_string((m >> 8) & 255) + "." +
+                         std::to_string(m & 255);
+                if (a.contains("broadcast"))
+                    broads += (broads.empty() ? "" : ",") + a["broadcast"].get<std::string>();
             } else {
                 v6 += (v6.empty() ? "" : ",") + local + "/" + std::to_string(plen);
             }
