@@ -379,8 +379,8 @@ TEST(SystemCollect, LabelsAndLoopbackBroadcastMatchIpInNetns) {
     ASSERT_EQ(j["rc"], 0);
     const auto& ip = j["ip"];
     ASSERT_TRUE(ip.is_array());
-    ASSERT_EQ(j["cards"].size(), ip.size());  // no interface "lo:fld"
-    for (size_t i = 0; i < ip.size(); ++i) {
+    EXPECT_EQ(j["cards"].size(), ip.size());  // no interface "lo:fld"
+    for (size_t i = 0; i < ip.size() && i < j["cards"].size(); ++i) {
         const auto& link = ip[i];
         const auto& c = j["cards"][i];
         EXPECT_EQ(c["name"], link["ifname"]);
