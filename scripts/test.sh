@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs, builds and runs every test: the plain build, the ASan+UBSan build
-# of the whole suite, and the ThreadSanitizer build of the cache tests.
+# of the whole suite, the ThreadSanitizer build of the cache tests, and a
+# short libFuzzer run of every parser.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -24,3 +25,9 @@ cmake --build build-asan -j"$jobs"
 cmake -S . -B build-tsan -DASSETMAN_SANITIZE=thread -DASSETMAN_BENCH=OFF >/dev/null
 cmake --build build-tsan -j"$jobs" --target facade_tests
 (cd build-tsan && ctest --output-on-failure -L tsan)
+
+# Every parser of the service under libFuzzer with ASan and UBSan (clang): a
+# short run of each fuzzer from its seed corpus in tests/fuzz/corpus.
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -DASSETMAN_FUZZ=ON >/dev/null
+cmake --build build-fuzz -j"$jobs" --target fuzzers
+(cd build-fuzz && ctest --output-on-failure -L fuzz -j"$jobs")

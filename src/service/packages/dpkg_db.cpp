@@ -40,7 +40,13 @@ void apply_field(DpkgPackage& p, std::string_view name, std::string_view value) 
     } else if (field_is(name, "Maintainer")) {
         p.maintainer = std::string(first);
     } else if (field_is(name, "Description")) {
-        p.summary = std::string(first);
+        // As dpkg keeps it: blanks after the colon and at the very end of the
+        // whole value go, a trailing blank of the first line before more lines stays.
+        std::string_view v = value;
+        while (!v.empty() && (v.front() == ' ' || v.front() == '\t')) v.remove_prefix(1);
+        while (!v.empty() && (v.back() == ' ' || v.back() == '\t' || v.back() == '\n' || v.back() == '\r'))
+            v.remove_suffix(1);
+        p.summary = std::string(v.substr(0, v.find('\n')));
     } else if (field_is(name, "Multi-Arch")) {
         p.multi_arch = std::string(first);
     } else if (field_is(name, "Source")) {
@@ -192,6 +198,10 @@ int read_dpkg_db(const HostRoot& root, DpkgDb& db) {
         }
     }
     return read > 0 || first_error == 0 ? 0 : first_error;
+}
+
+void parse_dpkg_list(std::string_view text, const std::function<void(std::string_view path)>& fn) {
+    for_each_listed_file(text, fn);
 }
 
 }  // namespace amsvc

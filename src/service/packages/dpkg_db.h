@@ -5,6 +5,7 @@
 
 #include <stdint.h>
 
+#include <cstring>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -71,6 +72,33 @@ struct DpkgDb {
 // aside; a stanza without Status counts as installed). Every file is reached
 // inside the root. 0, -ENOENT when neither exists, or another -errno.
 int read_dpkg_db(const HostRoot& root, DpkgDb& db);
+
+// Calls fn(path) for every file of a package's .list: every line but "/." and
+// the directories (dpkg lists a directory right before its first entry, and
+// ownership is asked of files only).
+template <class F>
+void for_each_listed_file(std::string_view text, F&& fn) {
+    std::string_view prev;
+    bool have_prev = false;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        const char* nl = static_cast<const char*>(std::memchr(text.data() + pos, '\n', text.size() - pos));
+        const size_t end = nl ? static_cast<size_t>(nl - text.data()) : text.size();
+        std::string_view line = text.substr(pos, end - pos);
+        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        pos = end + 1;
+        if (have_prev) {
+            const bool is_dir =
+                line.size() > prev.size() && line[prev.size()] == '/' && line.substr(0, prev.size()) == prev;
+            if (!is_dir && prev != "/." && prev != "/") fn(prev);
+        }
+        prev = line;
+        have_prev = true;
+    }
+    if (have_prev && prev != "/." && prev != "/") fn(prev);
+}
+// The same through a std::function, for callers that need no speed.
+void parse_dpkg_list(std::string_view text, const std::function<void(std::string_view path)>& fn);
 
 }  // namespace amsvc
 

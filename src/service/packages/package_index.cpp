@@ -281,30 +281,6 @@ std::string_view diverted(const PackageIndex& index, const std::string& pkg, std
     return it->second.to;
 }
 
-// Calls fn for each line of a dpkg file list that names a file: dpkg lists a
-// directory right before its first entry, and ownership is asked of files only.
-template <class F>
-void for_each_listed_file(std::string_view text, F&& fn) {
-    std::string_view prev;
-    bool have_prev = false;
-    size_t pos = 0;
-    while (pos < text.size()) {
-        const char* nl = static_cast<const char*>(std::memchr(text.data() + pos, '\n', text.size() - pos));
-        const size_t end = nl ? static_cast<size_t>(nl - text.data()) : text.size();
-        std::string_view line = text.substr(pos, end - pos);
-        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-        pos = end + 1;
-        if (have_prev) {
-            const bool is_dir =
-                line.size() > prev.size() && line[prev.size()] == '/' && line.substr(0, prev.size()) == prev;
-            if (!is_dir && prev != "/." && prev != "/") fn(prev);
-        }
-        prev = line;
-        have_prev = true;
-    }
-    if (have_prev && prev != "/." && prev != "/") fn(prev);
-}
-
 void index_dpkg(const HostRoot& root, PackageIndex& index) {
     std::vector<DpkgPackage> pkgs;
     {

@@ -13,25 +13,21 @@
 
 #include "collectors.h"
 #include "core/file_facts.h"
+#include "core/host_path.h"
 #include "packages/package_index.h"
+#include "schedule/autorun_parse.h"
 #include "system/sysfacts.h"
 
 namespace amsvc {
 
 namespace {
 
-constexpr size_t kConfigMax = 1u << 20;
+constexpr size_t kConfigMax = kMaxUnitFile;
 constexpr int kMaxLinks = 40;
 
 std::string_view base_name(std::string_view p) {
     const size_t s = p.rfind('/');
     return s == std::string_view::npos ? p : p.substr(s + 1);
-}
-
-bool is_special_tree(const std::string& p) {
-    for (const char* t : {"/proc", "/sys", "/dev"})
-        if (p == t || starts_with(p, std::string(t) + "/")) return true;
-    return false;
 }
 
 bool truthy(std::string_view v) {
@@ -60,98 +56,29 @@ std::vector<std::string> words(std::string_view s) {
 
 }  // namespace
 
-std::string resolve_host_path(const HostRoot& root, std::string_view host_path, bool allow_dev) {
-    std::string todo = normalize_path(host_path);
-    std::string done;  // resolved prefix, "" meaning "/"
-    int links = 0;
-    size_t pos = 0;
-    while (pos < todo.size()) {
-        while (pos < todo.size() && todo[pos] == '/') ++pos;
-        if (pos >= todo.size()) break;
-        size_t end = todo.find('/', pos);
-        if (end == std::string::npos) end = todo.size();
-        const std::string comp = todo.substr(pos, end - pos);
-        pos = end;
-        if (comp == ".") continue;
-        if (comp == "..") {
-            done = done.empty() ? done : dir_name(done);
-            if (done == "/") done.clear();
-            continue;
-        }
-        const std::string cand = done + "/" + comp;
-        if (is_special_tree(cand)) {
-            // Only a device path itself (a mask's /dev/null) may be named, never looked into.
-            const std::string full = normalize_path(cand + todo.substr(pos));
-            if (allow_dev && starts_with(full, "/dev/")) return full;
-            return std::string();
-        }
-        struct stat st;
-        if (stat_host(root, cand, st, kNoFollow) != 0) return std::string();
-        if (S_ISLNK(st.st_mode)) {
-            if (++links > kMaxLinks) return std::string();
-            const std::string target = read_host_link(root, cand);
-            if (target.empty()) return std::string();
-            const std::string rest = todo.substr(pos);
-            todo = normalize_path((target[0] == '/' ? target : (done.empty() ? "/" : done) + "/" + target)) +
-                   rest;
-            done.clear();
-            pos = 0;
-            continue;
-        }
-        done = cand;
-    }
-    return done.empty() ? "/" : done;
-}
-
 // ---- parsers -------------------------------------------------------------
 
-UnitFile parse_unit_file(std::string_view text) {
+UnitFile unit_file_from(const UnitKeys& keys) {
     UnitFile u;
-    std::string section;
-    bool exec_done = false;
-    for (const std::string& l : join_continued_lines(text, true)) {
-        const std::string_view line = trim(l);
-        if (line.empty()) continue;
-        if (line[0] == '[') {
-            const size_t end = line.find(']');
-            section = end == std::string_view::npos ? std::string() : std::string(line.substr(1, end - 1));
-            continue;
-        }
-        const size_t eq = line.find('=');
-        if (eq == std::string_view::npos) continue;
-        const std::string_view key = trim(line.substr(0, eq));
-        const std::string_view val = trim(line.substr(eq + 1));
-        if (section == "Unit" && key == "Description") {
-            u.description = std::string(val);
-        } else if (section == "Service" && key == "ExecStart") {
-            if (val.empty()) {  // an empty assignment resets the list
-                u.exec_start.clear();
-                exec_done = false;
-            } else if (!exec_done) {
-                u.exec_start = std::string(val);
-                exec_done = true;
-            }
-        } else if (section == "Install") {
-            std::vector<std::string>* list = nullptr;
-            if (key == "WantedBy")
-                list = &u.wanted_by;
-            else if (key == "RequiredBy")
-                list = &u.required_by;
-            else if (key == "UpheldBy")
-                list = &u.upheld_by;
-            else if (key == "Alias")
-                list = &u.aliases;
-            else if (key == "Also")
-                list = &u.also;
-            else if (key == "DefaultInstance")
-                u.default_instance = std::string(val);
-            if (list) {
-                if (val.empty()) list->clear();
-                for (std::string& w : words(val)) list->push_back(std::move(w));
-            }
-        }
-    }
+    u.description = unit_last(keys, "Unit.Description");
+    if (const auto* exec = unit_values(keys, "Service.ExecStart")) u.exec_start = exec->front();
+    const std::pair<const char*, std::vector<std::string>*> lists[] = {{"Install.WantedBy", &u.wanted_by},
+                                                                       {"Install.RequiredBy", &u.required_by},
+                                                                       {"Install.UpheldBy", &u.upheld_by},
+                                                                       {"Install.Alias", &u.aliases},
+                                                                       {"Install.Also", &u.also}};
+    for (const auto& l : lists)
+        if (const auto* v = unit_values(keys, l.first))
+            for (const std::string& line : *v)
+                for (std::string& w : words(line)) l.second->push_back(std::move(w));
+    u.default_instance = unit_last(keys, "Install.DefaultInstance");
     return u;
+}
+
+UnitFile parse_unit_file(std::string_view text) {
+    UnitKeys keys;
+    parse_unit(text, keys);
+    return unit_file_from(keys);
 }
 
 std::string exec_program(std::string_view exec_start) {
@@ -319,9 +246,10 @@ std::vector<UnitDir> scan_unit_dirs(const HostRoot& root) {
 
 struct Discovered {
     enum Kind { kRegular, kMasked, kBad } kind = kBad;
-    std::string name;  // name of the unit file finally loaded
-    std::string path;  // its host path (the masking link for a masked unit)
-    UnitFile unit;
+    std::string name;    // name of the unit file finally loaded
+    std::string path;    // its host path (the masking link for a masked unit)
+    UnitFile unit;       // with the drop-ins systemctl reads for [Install]: what the state is judged on
+    UnitFile effective;  // with its drop-ins: what runs and how it is described
 };
 
 // Where a unit name leads: following links to a file of the same name
@@ -384,7 +312,15 @@ Discovered discover(const HostRoot& root, const std::vector<UnitDir>& dirs, cons
         }
         std::string text;
         if (read_host_file(root, path, text, kConfigMax, kNoFollow) != 0) return d;
-        d.unit = parse_unit_file(text);
+        UnitKeys base;
+        parse_unit(text, base);
+        UnitKeys keys = base;
+        std::vector<std::string> names{name};
+        if (start != name) names.push_back(start);
+        apply_dropins(root, names, base, DropinScope::kInstall);
+        d.unit = unit_file_from(base);
+        apply_dropins(root, names, keys, DropinScope::kManager);
+        d.effective = unit_file_from(keys);
         d.kind = Discovered::kRegular;
         return d;
     }
@@ -512,12 +448,13 @@ void collect_units(const HostRoot& root, std::vector<Pending>& out, bool& any_so
             p.rec.script_path = u.path.empty() ? d.path + "/" + name : u.path;
             p.rec.status = unit_state(dirs, name, u);
             p.rec.level = unit_levels(dirs, name);
-            p.rec.comment = u.unit.description;
+            p.rec.comment = u.effective.description;
             p.rec.verified = false;
             if (u.kind == Discovered::kRegular) {
                 // A unit that runs nothing itself (target, timer, socket) carries its own file's facts.
-                p.facts_path =
-                    u.unit.exec_start.empty() ? u.path : program_path(root, exec_program(u.unit.exec_start));
+                p.facts_path = u.effective.exec_start.empty()
+                                   ? u.path
+                                   : program_path(root, exec_program(u.effective.exec_start));
             }
             out.push_back(std::move(p));
         }

@@ -10,6 +10,7 @@
 #include <set>
 
 #include "collectors.h"
+#include "core/host_path.h"
 #include "schedule/cron_parse.h"
 
 namespace amsvc {
@@ -190,41 +191,6 @@ bool run_parts_name(std::string_view name) {
     return true;
 }
 
-void parse_unit(std::string_view text, UnitKeys& keys) {
-    std::string section;
-    std::string logical;
-    for (std::string_view line : split_lines(text)) {
-        if (line.find('\0') != std::string_view::npos) continue;
-        std::string_view t = trim(line);
-        if (logical.empty() && (t.empty() || t[0] == '#' || t[0] == ';')) continue;
-        if (!t.empty() && t.back() == '\\') {
-            const std::string_view part = trim(t.substr(0, t.size() - 1));
-            logical.append(part.data(), part.size());
-            logical += ' ';
-            if (logical.size() > kMaxLine) logical.clear();
-            continue;
-        }
-        logical.append(t.data(), t.size());
-        t = trim(logical);
-        if (!t.empty() && t[0] == '[') {
-            const size_t close = t.find(']');
-            section = close == std::string_view::npos ? std::string() : std::string(t.substr(1, close - 1));
-        } else if (!section.empty()) {
-            const size_t eq = t.find('=');
-            if (eq != std::string_view::npos && eq > 0) {
-                std::vector<std::string>& v = keys[section + "." + std::string(trim(t.substr(0, eq)))];
-                const std::string_view value = trim(t.substr(eq + 1));
-                if (value.empty()) {
-                    v.clear();
-                } else if (v.size() < 256) {
-                    v.emplace_back(value);
-                }
-            }
-        }
-        logical.clear();
-    }
-}
-
 namespace {
 
 std::string join(const std::vector<std::string>& v, const char* sep) {
@@ -236,9 +202,8 @@ std::string join(const std::vector<std::string>& v, const char* sep) {
     return s;
 }
 
-const std::vector<std::string>* values(const UnitKeys& k, const char* key) {
-    auto it = k.find(key);
-    return it == k.end() || it->second.empty() ? nullptr : &it->second;
+const std::vector<std::string>* values(const UnitKeys& k, const std::string& key) {
+    return unit_values(k, key);
 }
 
 }  // namespace
@@ -249,7 +214,7 @@ std::string timer_schedule(const UnitKeys& timer) {
                                              "OnUnitInactiveSec"};
     std::string s;
     for (const char* key : kMonotonic) {
-        const auto* v = values(timer, (std::string("Timer.") + key).c_str());
+        const auto* v = values(timer, std::string("Timer.") + key);
         if (!v) continue;
         for (const std::string& x : *v) {
             if (!s.empty()) s += "; ";
@@ -280,7 +245,6 @@ namespace {
 using namespace cron;
 
 constexpr size_t kMaxCrontab = 16u << 20;
-constexpr size_t kMaxUnitFile = 1u << 20;
 
 // Tracks whether any source of the kind existed and whether any was read.
 struct Sources {
@@ -397,9 +361,6 @@ void collect_run_parts(const HostRoot& root, Sources& src, std::vector<CronInfo>
     }
 }
 
-// Highest priority first.
-const char* const kUnitDirs[] = {"/etc/systemd/system", "/lib/systemd/system", "/usr/lib/systemd/system"};
-
 // "foo@bar.timer" -> "foo@.timer"; empty for a unit that is no instance.
 std::string template_of(const std::string& unit) {
     const size_t at = unit.find('@');
@@ -415,15 +376,15 @@ std::string instance_of(const std::string& unit) {
     return unit.substr(at + 1, dot - at - 1);
 }
 
-// Loads a unit with its drop-ins. `file` gets the host path it was found at;
-// false when it is absent or masked.
+// Loads a unit with its drop-ins. `file` gets the host path it was found at
+// (the template's for an instance); false when it is absent or masked.
 bool load_unit(const HostRoot& root, const std::string& unit, UnitKeys& keys, std::string& file) {
     std::vector<std::string> candidates{unit};
     const std::string tmpl = template_of(unit);
     if (!tmpl.empty()) candidates.push_back(tmpl);
     std::string found_host, real;
     for (const std::string& name : candidates) {
-        for (const char* dir : kUnitDirs) {
+        for (const char* dir : kSystemUnitDirs) {
             const std::string host = std::string(dir) + "/" + name;
             struct stat st;
             if (stat_host(root, host, st, kNoFollow) != 0) continue;
@@ -445,28 +406,11 @@ bool load_unit(const HostRoot& root, const std::string& unit, UnitKeys& keys, st
     if (read_host_file(root, real, text, kMaxUnitFile) != 0) return false;
     parse_unit(text, keys);
     file = real;
-
-    // Drop-ins: same-named files in a higher-priority directory win; applied
-    // in file name order.
-    std::map<std::string, std::string> dropins;
-    std::vector<std::string> names;
-    for (const std::string& name : candidates) {
-        for (size_t i = sizeof kUnitDirs / sizeof kUnitDirs[0]; i-- > 0;) {
-            const std::string d = std::string(kUnitDirs[i]) + "/" + name + ".d";
-            if (list_names(root, d, names) != 0) continue;
-            for (const std::string& n : names)
-                if (ends_with(n, ".conf")) dropins[n] = d + "/" + n;
-        }
-    }
-    for (const auto& di : dropins)
-        if (read_host_file(root, di.second, text, kMaxUnitFile) == 0) parse_unit(text, keys);
+    apply_dropins(root, {unit}, keys);
     return true;
 }
 
-std::string last_value(const UnitKeys& k, const char* key) {
-    auto it = k.find(key);
-    return it == k.end() || it->second.empty() ? std::string() : it->second.back();
-}
+std::string last_value(const UnitKeys& k, const char* key) { return unit_last(k, key); }
 
 void replace_all(std::string& s, const std::string& from, const std::string& to) {
     for (size_t p = s.find(from); p != std::string::npos; p = s.find(from, p + to.size()))
@@ -477,7 +421,7 @@ void collect_timers(const HostRoot& root, Sources& src, std::vector<CronInfo>& o
     // Enabled timers are those some target wants or requires.
     std::set<std::string> enabled;
     std::vector<std::string> names, wanted;
-    for (const char* dir : kUnitDirs) {
+    for (const char* dir : kSystemUnitDirs) {
         const int rc = list_names(root, dir, names);
         src.note(rc);
         for (const std::string& n : names) {

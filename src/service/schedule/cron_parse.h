@@ -1,5 +1,5 @@
 // Pure parsers behind collect_crons: crontab and anacrontab text, run-parts
-// names, and systemd unit files. Text in, CronInfo records out.
+// names, and what a timer's unit files say. Text in, CronInfo records out.
 #ifndef ASSETMAN_SERVICE_CRON_PARSE_H
 #define ASSETMAN_SERVICE_CRON_PARSE_H
 
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "asset_manager.h"
+#include "schedule/unit_file.h"
 
 namespace amsvc {
 namespace cron {
@@ -34,11 +35,9 @@ std::string program_name(std::string_view cmd);
 // run-parts' default naming rule: only [A-Za-z0-9_-], non-empty.
 bool run_parts_name(std::string_view name);
 
-// The directives of a unit file that matter here, by "Section.Key", values in
-// order; an empty assignment resets the list as systemd does. Parsing more
-// text into the same map applies a drop-in.
-typedef std::map<std::string, std::vector<std::string>> UnitKeys;
-void parse_unit(std::string_view text, UnitKeys& keys);
+// Unit files are parsed by the shared parser (unit_file.h).
+using amsvc::parse_unit;
+using amsvc::UnitKeys;
 
 // The schedule of a timer unit: its OnCalendar= values joined with "; ", or
 // else its monotonic settings as "OnBootSec=15min; OnUnitActiveSec=1d".

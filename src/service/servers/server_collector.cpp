@@ -248,6 +248,7 @@ public:
         for (auto& r : roots_)
             if (r.second >= 0) ::close(r.second);
         if (host_fd_ >= 0) ::close(host_fd_);
+        if (proc_fd_ >= 0) ::close(proc_fd_);
     }
 
     int32_t run(std::vector<AM::ServiceInfo>& out) {
@@ -256,9 +257,11 @@ public:
         if (host_fd_ < 0) return host_fd_ == -ENOENT || host_fd_ == -ENOTDIR ? -ENOENT : -EACCES;
         struct stat hst;
         if (::fstat(host_fd_, &hst) == 0) host_dev_ = hst.st_dev, host_ino_ = hst.st_ino;
-        const std::string proc = root_.path("/proc");
+        // Only a real procfs at the root's /proc (or a test's fixture tree)
+        // tells of processes: never a link an image planted.
+        proc_fd_ = open_host_proc(root_);
         struct statfs sfs;
-        procfs_ = ::statfs(proc.c_str(), &sfs) == 0 && sfs.f_type == PROC_SUPER_MAGIC;
+        procfs_ = proc_fd_ >= 0 && ::fstatfs(proc_fd_, &sfs) == 0 && sfs.f_type == PROC_SUPER_MAGIC;
 
         std::vector<AM::NetLinkInfo> socks;
         const int32_t nrc = collect_netlinks(root_, socks);
@@ -276,8 +279,8 @@ private:
         if (it != procs_.end()) return it->second;
         Proc& p = procs_[pid];
         p.pid = pid;
-        const std::string dir = root_.path("/proc/" + std::to_string(pid));
-        Fd dfd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+        if (proc_fd_ < 0) return p;
+        Fd dfd(::openat(proc_fd_, std::to_string(pid).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
         if (dfd.get() < 0) return p;
         std::string text;
         procfs::Stat st;
@@ -340,10 +343,14 @@ private:
             return it->second;
         }
         int fd = -1;
+        const std::string root_link = std::to_string(pid) + "/root";
         if (procfs_) {
-            fd = open_root_dir(root_.path("/proc/" + std::to_string(pid) + "/root"));
-        } else {
-            const std::string link = read_link(root_.path("/proc/" + std::to_string(pid) + "/root"));
+            fd = ::openat(proc_fd_, root_link.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            if (fd < 0) fd = -errno;
+        } else if (proc_fd_ >= 0) {
+            char buf[4096];
+            const ssize_t n = ::readlinkat(proc_fd_, root_link.c_str(), buf, sizeof buf);
+            const std::string link = n > 0 && static_cast<size_t>(n) < sizeof buf ? std::string(buf, static_cast<size_t>(n)) : "";
             if (!link.empty()) {
                 std::string in_tree = link;
                 const std::string& r = root_.root();
@@ -705,7 +712,11 @@ private:
     int open_exe(const Proc& p) {
         int fd;
         if (procfs_) {
-            fd = ::open(root_.path("/proc/" + std::to_string(p.pid) + "/exe").c_str(),
+            // Found without being opened; only a regular file is then read.
+            Fd handle(::openat(proc_fd_, (std::to_string(p.pid) + "/exe").c_str(), O_PATH | O_CLOEXEC));
+            struct stat st;
+            if (handle.get() < 0 || ::fstat(handle.get(), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+            fd = ::open(("/proc/self/fd/" + std::to_string(handle.get())).c_str(),
                         O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
         } else {
             bool foreign = false;
@@ -846,6 +857,7 @@ private:
 
     const HostRoot& root_;
     int host_fd_ = -1;
+    int proc_fd_ = -1;  // the root's /proc, or -1 when it has none
     dev_t host_dev_ = 0;
     ino_t host_ino_ = 0;
     bool procfs_ = false;

@@ -1,6 +1,5 @@
-// Text parsers behind the kernel-module, auto-start and system-facts
-// collectors. Each takes file content and returns records, so the tests feed
-// them fixture text; the collectors add only the reads under the host root.
+// Text parsers behind the kernel-module and system-facts collectors. Each takes file content and returns
+// records, so the tests feed them fixture text; the collectors add only the reads under the host root.
 #ifndef ASSETMAN_SERVICE_SYSFACTS_H
 #define ASSETMAN_SERVICE_SYSFACTS_H
 
@@ -13,17 +12,11 @@
 #include <vector>
 
 #include "collectors.h"
+#include "core/host_path.h"
 
 namespace amsvc {
 
-// ---- host paths ----------------------------------------------------------
-
-// Follows the symlinks of `host_path` textually, every step kept inside the
-// root ("/.." stays "/", an absolute target restarts at the root). Returns the
-// final host path, or empty when a loop, a dangling link or a step into
-// /proc, /sys or /dev is met (unless `allow_dev` and the result is a device
-// path such as /dev/null, which masked units point to).
-std::string resolve_host_path(const HostRoot& root, std::string_view host_path, bool allow_dev = false);
+// ---- image ---------------------------------------------------------------
 
 // Machine name (uname's spelling: "x86_64", "aarch64", "i686") of an ELF
 // file's header; empty when it is no ELF file or an unknown machine.
@@ -42,37 +35,6 @@ struct ProcModule {
 std::vector<ProcModule> parse_proc_modules(std::string_view text);
 // The trailer a signed module file ends with.
 bool has_module_signature(std::string_view file_tail);
-
-// ---- auto-start ----------------------------------------------------------
-
-struct UnitFile {
-    std::string description;
-    std::string exec_start;  // first ExecStart= value, as written
-    std::vector<std::string> wanted_by, required_by, upheld_by, aliases, also;
-    std::string default_instance;
-    bool has_install_rules() const {
-        return !wanted_by.empty() || !required_by.empty() || !upheld_by.empty() || !aliases.empty();
-    }
-};
-UnitFile parse_unit_file(std::string_view text);
-
-// The program an ExecStart= value runs: the first word with its "-@:+!"
-// prefixes removed (quotes honoured). Empty when there is none.
-std::string exec_program(std::string_view exec_start);
-
-struct LsbHeader {
-    std::string short_description;
-    std::string default_start;  // runlevels as written, "2 3 4 5"
-};
-LsbHeader parse_lsb_header(std::string_view script);
-
-struct DesktopEntry {
-    std::string name, exec, comment;
-    bool hidden = false;            // Hidden=true
-    bool autostart_enabled = true;  // X-GNOME-Autostart-enabled
-    std::string only_show_in;
-};
-DesktopEntry parse_desktop_entry(std::string_view text);
 
 // ---- system facts --------------------------------------------------------
 

@@ -2,7 +2,6 @@
 // network cards, mounted disks and exported shares.
 #include <arpa/inet.h>
 #include <errno.h>
-#include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -14,6 +13,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -23,6 +23,7 @@
 #include <utility>
 
 #include "collectors.h"
+#include "system/net_cards.h"
 #include "system/sysfacts.h"
 
 namespace amsvc {
@@ -355,13 +356,14 @@ std::vector<AM::NetShareInfo> parse_exports(std::string_view text) {
 }
 
 std::vector<AM::NetShareInfo> parse_smb_conf(std::string_view text) {
+    constexpr int32_t kUnset = INT32_MIN;
     struct Section {
         std::string name, path;
-        int32_t max_conn = -1;
+        int32_t max_conn = kUnset;
         bool available = true;
     };
     std::vector<Section> sections;
-    int32_t global_max = -1;
+    int32_t global_max = -1;  // the default: no limit
     bool in_global = false;
     for (const std::string& l : join_continued_lines(text, false)) {
         std::string_view line = trim(l);
@@ -372,9 +374,9 @@ std::vector<AM::NetShareInfo> parse_smb_conf(std::string_view text) {
             const std::string name(end == std::string_view::npos ? "" : trim(line.substr(1, end - 1)));
             in_global = ascii_lower(name) == "global";
             if (!in_global && !name.empty())
-                sections.push_back(Section{name, "", -1, true});
+                sections.push_back(Section{name, "", kUnset, true});
             else if (!in_global)
-                sections.push_back(Section{"", "", -1, false});
+                sections.push_back(Section{"", "", kUnset, false});
             continue;
         }
         const size_t eq = line.find('=');
@@ -385,8 +387,12 @@ std::vector<AM::NetShareInfo> parse_smb_conf(std::string_view text) {
             if (c != ' ' && c != '\t') key += static_cast<char>((c >= 'A' && c <= 'Z') ? c - 'A' + 'a' : c);
         const std::string_view val = trim(line.substr(eq + 1));
         if (key == "maxconnections") {
-            int64_t n;
-            const int32_t v = (parse_i64(val, n) && n > 0 && n <= INT32_MAX) ? static_cast<int32_t>(n) : -1;
+            // Read as Samba reads integers (strtol, base 0: "0x10", "010",
+            // "12abc" = 12, junk = 0); 0 or less is "no limit" and, set in a
+            // share, overrides [global].
+            const std::string digits(val);
+            const long n = strtol(digits.c_str(), nullptr, 0);
+            const int32_t v = n > 0 ? static_cast<int32_t>(std::min<long>(n, INT32_MAX)) : -1;
             if (in_global)
                 global_max = v;
             else if (!sections.empty())
@@ -406,7 +412,7 @@ std::vector<AM::NetShareInfo> parse_smb_conf(std::string_view text) {
         AM::NetShareInfo r;
         r.name = s.name;
         r.path = s.path;
-        r.max_conn = s.max_conn > 0 ? s.max_conn : global_max;
+        r.max_conn = s.max_conn == kUnset ? global_max : s.max_conn;
         r.cur_conn = -1;
         out.push_back(std::move(r));
     }
@@ -556,43 +562,41 @@ CardBuild& card(std::vector<CardBuild>& cards, const std::string& name) {
     return cards.back();
 }
 
-std::string ntop(const struct sockaddr* sa) {
-    char buf[INET6_ADDRSTRLEN] = {0};
-    if (!sa) return std::string();
-    if (sa->sa_family == AF_INET)
-        inet_ntop(AF_INET, &reinterpret_cast<const struct sockaddr_in*>(sa)->sin_addr, buf, sizeof buf);
-    else if (sa->sa_family == AF_INET6)
-        inet_ntop(AF_INET6, &reinterpret_cast<const struct sockaddr_in6*>(sa)->sin6_addr, buf, sizeof buf);
+std::string mask_v4(int prefix) {
+    if (prefix < 0 || prefix > 32) return std::string();
+    const uint32_t m = prefix == 0 ? 0 : htonl(~uint32_t(0) << (32 - prefix));
+    char buf[INET_ADDRSTRLEN] = {0};
+    inet_ntop(AF_INET, &m, buf, sizeof buf);
     return buf;
-}
-
-int prefix_len6(const struct sockaddr* sa) {
-    if (!sa || sa->sa_family != AF_INET6) return 128;
-    const unsigned char* b = reinterpret_cast<const struct sockaddr_in6*>(sa)->sin6_addr.s6_addr;
-    int n = 0;
-    for (int i = 0; i < 16; ++i) n += __builtin_popcount(b[i]);
-    return n;
 }
 
 void collect_cards(const HostRoot& root, std::vector<AM::NetworkCardInfo>& out) {
     std::vector<CardBuild> cards;
-    if (root.is_live_host()) {
-        struct ifaddrs* ifa = nullptr;
-        if (getifaddrs(&ifa) == 0) {
-            for (struct ifaddrs* p = ifa; p; p = p->ifa_next) {
-                if (!p->ifa_name) continue;
-                CardBuild& c = card(cards, p->ifa_name);
-                if (!p->ifa_addr) continue;
-                if (p->ifa_addr->sa_family == AF_INET) {
-                    c.v4.push_back(ntop(p->ifa_addr));
-                    c.masks.push_back(ntop(p->ifa_netmask));
-                    if ((p->ifa_flags & IFF_BROADCAST) && p->ifa_broadaddr)
-                        add_unique(c.broads, ntop(p->ifa_broadaddr));
-                } else if (p->ifa_addr->sa_family == AF_INET6) {
-                    c.v6.push_back(ntop(p->ifa_addr) + "/" + std::to_string(prefix_len6(p->ifa_netmask)));
-                }
+    std::vector<RtLink> links;
+    std::vector<RtAddr> addrs;
+    const bool live = root.is_live_host() && dump_interfaces(links, addrs) == 0;
+    if (live) {
+        // Addresses belong to the interface of their index; a label such as
+        // "lo:fld" is no interface of its own.
+        std::map<int, size_t> by_index;
+        for (const RtLink& l : links) {
+            if (!by_index.emplace(l.index, cards.size()).second) continue;
+            cards.emplace_back();
+            cards.back().info.name = l.name;
+            cards.back().info.mac = l.mac;
+            cards.back().info.mtu = l.mtu;
+        }
+        for (const RtAddr& a : addrs) {
+            auto it = by_index.find(a.index);
+            if (it == by_index.end()) continue;
+            CardBuild* c = &cards[it->second];
+            if (a.family == AF_INET) {
+                c->v4.push_back(a.addr);
+                c->masks.push_back(mask_v4(a.prefix));
+                add_unique(c->broads, a.broadcast);
+            } else {
+                c->v6.push_back(a.addr + "/" + std::to_string(a.prefix));
             }
-            freeifaddrs(ifa);
         }
     } else {
         std::string text;
@@ -611,11 +615,13 @@ void collect_cards(const HostRoot& root, std::vector<AM::NetworkCardInfo>& out) 
     for (CardBuild& c : cards) {
         // Interface names never hold '/', so this stays inside /sys/class/net.
         if (c.info.name.find('/') != std::string::npos || c.info.name == "." || c.info.name == "..") continue;
-        const std::string dir = "/sys/class/net/" + c.info.name;
-        c.info.mac = first_line(root, dir + "/address");
-        int64_t mtu;
-        if (parse_i64(first_line(root, dir + "/mtu"), mtu) && mtu >= 0 && mtu <= INT32_MAX)
-            c.info.mtu = static_cast<int32_t>(mtu);
+        if (!live) {
+            const std::string dir = "/sys/class/net/" + c.info.name;
+            c.info.mac = first_line(root, dir + "/address");
+            int64_t mtu;
+            if (parse_i64(first_line(root, dir + "/mtu"), mtu) && mtu >= 0 && mtu <= INT32_MAX)
+                c.info.mtu = static_cast<int32_t>(mtu);
+        }
         c.info.ipv4 = join(c.v4);
         c.info.mask = join(c.masks);
         c.info.ipv6 = join(c.v6);

@@ -271,12 +271,13 @@ void SudoersParser::parse_alias(std::string_view kind, std::string_view body) {
 }
 
 bool SudoersParser::runas_is_root(std::string_view spec, int depth) const {
+    if (depth == 0) expanded_.clear();
     for (std::string_view it : split_top(spec, ',')) {
         it = unquote(it);
         if (it.empty() || it[0] == '!') continue;
         if (it == "ALL" || it == "root" || it == "#0") return true;
         auto a = runas_alias_.find(std::string(it));
-        if (a != runas_alias_.end() && depth < kMaxAliasDepth) {
+        if (a != runas_alias_.end() && depth < kMaxAliasDepth && expanded_.insert(a->first).second) {
             for (const std::string& sub : a->second)
                 if (runas_is_root(sub, depth + 1)) return true;
         }
@@ -285,17 +286,19 @@ bool SudoersParser::runas_is_root(std::string_view spec, int depth) const {
 }
 
 bool SudoersParser::cmnd_is_all(std::string_view cmnd, int depth) const {
+    if (depth == 0) expanded_.clear();
     cmnd = trim(cmnd);
     if (cmnd == "ALL") return true;
     if (cmnd.empty() || cmnd[0] == '!' || depth >= kMaxAliasDepth) return false;
     auto a = cmnd_alias_.find(std::string(cmnd));
-    if (a == cmnd_alias_.end()) return false;
+    if (a == cmnd_alias_.end() || !expanded_.insert(a->first).second) return false;
     for (const std::string& sub : a->second)
         if (cmnd_is_all(sub, depth + 1)) return true;
     return false;
 }
 
 void SudoersParser::add_user_item(std::string_view item, int depth) {
+    if (depth == 0) expanded_.clear();
     item = unquote(item);
     if (item.empty() || item[0] == '!' || item[0] == '+') return;  // negations, netgroups
     if (item == "ALL") {
@@ -310,7 +313,7 @@ void SudoersParser::add_user_item(std::string_view item, int depth) {
         auto a = user_alias_.find(std::string(item));
         if (a == user_alias_.end()) {
             grants_.users.emplace(item);
-        } else if (depth < kMaxAliasDepth) {
+        } else if (depth < kMaxAliasDepth && expanded_.insert(a->first).second) {
             for (const std::string& sub : a->second) add_user_item(sub, depth + 1);
         }
     }

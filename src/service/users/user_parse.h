@@ -74,6 +74,9 @@ private:
     bool cmnd_is_all(std::string_view cmnd, int depth) const;
 
     std::map<std::string, std::vector<std::string>> user_alias_, runas_alias_, cmnd_alias_;
+    // Aliases already expanded in the current lookup: each is expanded once,
+    // so "A = A, A, A" costs one pass, not 3^depth.
+    mutable std::set<std::string> expanded_;
     SudoGrants grants_;
 };
 

@@ -106,6 +106,44 @@ TEST(DpkgStatus, HostileInput) {
     EXPECT_FALSE(dpkg_is_installed("install ok installed extra"));
 }
 
+// The summary is the first line of Description as dpkg keeps it, blanks included.
+TEST(DpkgStatus, SummaryByteForByte) {
+    const struct {
+        const char* field;
+        const char* want;
+    } kCases[] = {
+        {"Description: GNU dbm (runtime version) \n long text\n", "GNU dbm (runtime version) "},
+        {"Description:\t two  inner \t\n .\n", "two  inner \t"},
+        {"Description: single line ends in blanks  \t\n", "single line ends in blanks"},
+        {"Description:   \n only continuation\n", ""},
+    };
+    for (const auto& c : kCases) {
+        const auto p = parse_dpkg_status(std::string("Package: p\n") + c.field);
+        ASSERT_EQ(p.size(), 1u);
+        EXPECT_EQ(p[0].summary, c.want) << c.field;
+    }
+    // Every package of this host against dpkg-query (libgdbm6's ends in a blank).
+    if (access("/var/lib/dpkg/status", R_OK) != 0) GTEST_SKIP() << "no dpkg database on this host";
+    std::map<std::string, std::string> want;
+    const std::string listing =
+        run("dpkg-query -W -f '${Package}:${Architecture}\\t${binary:Summary}\\n' 2>/dev/null");
+    for (std::string_view line : split_lines(listing)) {
+        const size_t tab = line.find('\t');
+        if (tab != std::string_view::npos)
+            want[std::string(line.substr(0, tab))] = std::string(line.substr(tab + 1));
+    }
+    std::string text;
+    ASSERT_EQ(read_file("/var/lib/dpkg/status", text), 0);
+    size_t compared = 0;
+    for (const DpkgPackage& p : parse_dpkg_status(text)) {
+        auto it = want.find(p.name + ":" + p.arch);
+        if (it == want.end()) continue;
+        EXPECT_EQ(p.summary, it->second) << p.name;
+        ++compared;
+    }
+    EXPECT_GT(compared, 100u);
+}
+
 TEST(DpkgMd5sums, BadLinesAreSkipped) {
     const std::string good = "d41d8cd98f00b204e9800998ecf8427e  usr/share/a b.txt\r\n";
     const std::string text = good + "D41D8CD98F00B204E9800998ECF8427E */abs/path\n" +

@@ -10,7 +10,9 @@
 #include <map>
 #include <string>
 
-#include "system/sysfacts.h"
+#include "collectors.h"
+#include "core/host_path.h"
+#include "schedule/autorun_parse.h"
 #include "test_util.h"
 
 using namespace amsvc;
@@ -178,6 +180,73 @@ TEST(AutorunCollect, FixtureMatchesSystemctl) {
     EXPECT_EQ(m.count("README"), 0u);
     EXPECT_EQ(m.at("rc.local")->status, "enabled");
     EXPECT_EQ(m.at("rc.local")->sha256.size(), 64u);
+}
+
+// Drop-ins as systemd reads them: the files `systemd-analyze cat-config`
+// shows (a higher directory's file hides a lower one of the same name), the
+// state list-unit-files gives, and the description and program they set.
+TEST(AutorunCollect, DropinsMatchSystemd) {
+    amtest::TempDir t("amauto");
+    const std::string lib = "/lib/systemd/system", etc = "/etc/systemd/system";
+    const std::string local = "/usr/local/lib/systemd/system";
+    t.file("/usr/bin/old", "#!/bin/sh\necho old\n", 0755);
+    t.file("/usr/bin/new", "#!/bin/sh\necho new\n", 0755);
+    t.file(lib + "/a-b.service", "[Unit]\nDescription=base\n[Service]\nExecStart=/usr/bin/old -x\n");
+    t.file(lib + "/a-b.service.d/override.conf", "[Unit]\nDescription=hidden by /etc\n");
+    t.file(local + "/a-b.service.d/05-early.conf", "[Unit]\nDescription=early\n");
+    t.file(etc + "/a-b.service.d/override.conf",
+           "[Unit]\nDescription=new one\n[Service]\nExecStart=\nExecStart=/usr/bin/new -y\n"
+           "[Install]\nWantedBy=multi-user.target\n");
+    t.file(etc + "/a-b.service.d/notes.txt", "[Unit]\nDescription=not a drop-in\n");
+    t.file(lib + "/plain.service", "[Unit]\nDescription=plain\n[Service]\nExecStart=/usr/bin/old\n");
+    t.file(lib + "/multi-user.target", "[Unit]\nDescription=Multi-User\n");
+
+    const std::string shown =
+        run("systemd-analyze --root='" + t.path + "' cat-config systemd/system/a-b.service 2>/dev/null");
+    std::vector<std::string> want_files;
+    for (std::string_view line : split_lines(shown))
+        if (starts_with(line, "# " + t.path + "/")) want_files.emplace_back(line.substr(2 + t.path.size()));
+    if (want_files.empty()) GTEST_SKIP() << "no systemd-analyze here";
+    want_files.erase(want_files.begin());  // the unit file itself
+    EXPECT_EQ(find_dropins(HostRoot(t.path), {"a-b.service"}, DropinScope::kInstall), want_files);
+    EXPECT_EQ(want_files, (std::vector<std::string>{local + "/a-b.service.d/05-early.conf",
+                                                    etc + "/a-b.service.d/override.conf"}));
+
+    std::vector<AM::AutoRunServInfo> v;
+    ASSERT_EQ(collect_autoruns(HostRoot(t.path), v), 0);
+    const auto m = by_name(v);
+    const auto states = systemctl_states(t.path);
+    for (const char* n : {"a-b.service", "plain.service"}) {
+        ASSERT_TRUE(states.count(n)) << n;
+        EXPECT_EQ(m.at(n)->status, states.at(n)) << n;
+    }
+    EXPECT_EQ(m.at("a-b.service")->status, "disabled");  // WantedBy= came from the drop-in
+    EXPECT_EQ(m.at("a-b.service")->comment, "new one");
+    EXPECT_EQ(m.at("a-b.service")->script_path, lib + "/a-b.service");
+    EXPECT_EQ(m.at("a-b.service")->md5 + "\n", run("md5sum '" + t.path + "/usr/bin/new' | cut -d' ' -f1"));
+    EXPECT_EQ(m.at("plain.service")->md5 + "\n", run("md5sum '" + t.path + "/usr/bin/old' | cut -d' ' -f1"));
+}
+
+TEST(UnitFile, DropinNamesAndOrder) {
+    EXPECT_EQ(dropin_names("a-b-c@x.service"),
+              (std::vector<std::string>{"a-b-c@x.service", "a-b-c@.service", "a-b-.service", "a-.service"}));
+    EXPECT_EQ(dropin_names("plain.socket"), std::vector<std::string>{"plain.socket"});
+    amtest::TempDir t("amunit");
+    const std::string lib = "/lib/systemd/system", etc = "/etc/systemd/system";
+    t.file(lib + "/service.d/10-all.conf", "");
+    t.file(lib + "/a-.service.d/10-all.conf", "");  // hides the type-wide one of its name
+    t.file(lib + "/a-.service.d/20-prefix.conf", "");
+    t.file(lib + "/a-b@.service.d/20-prefix.conf", "");  // more specific: hides the prefix one
+    t.file(lib + "/a-b@x.service.d/30-x.conf", "");
+    t.file(etc + "/a-b@.service.d/30-x.conf", "");  // higher directory wins over the instance's
+    t.file(lib + "/service.d/40-all.conf", "");
+    EXPECT_EQ(
+        find_dropins(HostRoot(t.path), {"a-b@x.service"}),
+        (std::vector<std::string>{lib + "/a-.service.d/10-all.conf", lib + "/a-b@.service.d/20-prefix.conf",
+                                  etc + "/a-b@.service.d/30-x.conf", lib + "/service.d/40-all.conf"}));
+    EXPECT_EQ(find_dropins(HostRoot(t.path), {"a-b@x.service"}, DropinScope::kInstall),
+              (std::vector<std::string>{lib + "/a-b@.service.d/20-prefix.conf",
+                                        etc + "/a-b@.service.d/30-x.conf"}));
 }
 
 TEST(AutorunCollect, HostileTree) {

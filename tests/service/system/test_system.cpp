@@ -1,7 +1,9 @@
 // System facts: parsers on fixture text, then the live host against hostname,
 // uname, ip and df.
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <stdio.h>
+#include <sys/wait.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "collectors.h"
 #include "system/sysfacts.h"
 #include "test_util.h"
 
@@ -151,6 +154,27 @@ TEST(SystemParse, ExportsAndSmbConf) {
     EXPECT_EQ(smb[2].name, "homes");
     EXPECT_EQ(smb[2].path, "");  // the broken header's path does not leak into it
     EXPECT_EQ(smb[2].cur_conn, -1);
+    // A share's own setting wins over [global], 0 meaning no limit; numbers
+    // read as Samba reads them.
+    const struct {
+        const char* share;
+        int32_t want;
+    } kMax[] = {{"", 7},
+                {"max connections = 0", -1},
+                {"max connections = -3", -1},
+                {"max connections = 12", 12},
+                {"max connections = 0x10", 16},
+                {"max connections = 12abc", 12},
+                {"max connections = junk", -1},
+                {"max connections =", -1},
+                {"max connections = 99999999999", INT32_MAX}};
+    for (const auto& k : kMax) {
+        const auto v =
+            parse_smb_conf(std::string("[global]\nmax connections = 7\n[s]\npath=/s\n") + k.share + "\n");
+        ASSERT_EQ(v.size(), 1u);
+        EXPECT_EQ(v[0].max_conn, k.want) << k.share;
+    }
+    EXPECT_EQ(parse_smb_conf("[global]\nmax connections = 0\n[s]\n")[0].max_conn, -1);
 }
 
 TEST(SystemCollect, FixtureRoot) {
@@ -306,4 +330,85 @@ TEST_F(LiveHost, MatchesFacter) {
         EXPECT_EQ(c->ipv4, ips) << name;
         EXPECT_EQ(c->mask, masks) << name;
     }
+}
+
+// In a private network namespace (the host stays untouched): an address with
+// a label and one with a broadcast on lo, against `ip -j addr` there.
+TEST(SystemCollect, LabelsAndLoopbackBroadcastMatchIpInNetns) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        close(fds[0]);
+        if (unshare(CLONE_NEWNET) != 0) _exit(77);
+        if (system("ip link set lo up && ip addr add 10.254.253.1/24 dev lo label lo:fld && "
+                   "ip addr add 10.254.252.1/24 brd + dev lo && ip addr add fd00:fe::1/64 dev lo") != 0)
+            _exit(78);
+        AM::SystemInfo si;
+        nlohmann::json out;
+        out["rc"] = collect_system_facts(HostRoot("/"), si);
+        out["ip"] = nlohmann::json::parse(run("ip -j addr"), nullptr, false);
+        for (const auto& c : si.network_card)
+            out["cards"].push_back({{"name", c.name},
+                                    {"ipv4", c.ipv4},
+                                    {"mask", c.mask},
+                                    {"broad", c.broad},
+                                    {"ipv6", c.ipv6},
+                                    {"mac", c.mac},
+                                    {"mtu", c.mtu}});
+        const std::string text = out.dump();
+        ssize_t done = 0;
+        while (done < static_cast<ssize_t>(text.size())) {
+            const ssize_t n = write(fds[1], text.data() + done, text.size() - done);
+            if (n <= 0) break;
+            done += n;
+        }
+        _exit(0);
+    }
+    close(fds[1]);
+    std::string text;
+    char buf[4096];
+    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
+    close(fds[0]);
+    int st = 0;
+    waitpid(pid, &st, 0);
+    if (WIFEXITED(st) && WEXITSTATUS(st) == 77) GTEST_SKIP() << "no network namespaces here";
+    ASSERT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << "namespace setup failed: " << st;
+    const auto j = nlohmann::json::parse(text);
+    ASSERT_EQ(j["rc"], 0);
+    const auto& ip = j["ip"];
+    ASSERT_TRUE(ip.is_array());
+    EXPECT_EQ(j["cards"].size(), ip.size());  // no interface "lo:fld"
+    for (size_t i = 0; i < ip.size() && i < j["cards"].size(); ++i) {
+        const auto& link = ip[i];
+        const auto& c = j["cards"][i];
+        EXPECT_EQ(c["name"], link["ifname"]);
+        EXPECT_EQ(c["mtu"], link["mtu"]);
+        EXPECT_EQ(c["mac"], link.value("address", ""));
+        std::string v4, masks, broads, v6;
+        for (const auto& a : link["addr_info"]) {
+            const std::string local = a["local"];
+            const int plen = a["prefixlen"];
+            if (a["family"] == "inet") {
+                v4 += (v4.empty() ? "" : ",") + local;
+                const uint32_t m = plen ? ~uint32_t(0) << (32 - plen) : 0;
+                masks += (masks.empty() ? "" : ",") + std::to_string(m >> 24) + "." +
+                         std::to_string((m >> 16) & 255) + "." + std::to_string((m >> 8) & 255) + "." +
+                         std::to_string(m & 255);
+                if (a.contains("broadcast"))
+                    broads += (broads.empty() ? "" : ",") + a["broadcast"].get<std::string>();
+            } else {
+                v6 += (v6.empty() ? "" : ",") + local + "/" + std::to_string(plen);
+            }
+        }
+        EXPECT_EQ(c["ipv4"], v4);
+        EXPECT_EQ(c["mask"], masks);
+        EXPECT_EQ(c["broad"], broads);
+        EXPECT_EQ(c["ipv6"], v6);
+    }
+    const auto& lo = j["cards"][0];
+    EXPECT_EQ(lo["name"], "lo");
+    EXPECT_EQ(lo["ipv4"], "127.0.0.1,10.254.253.1,10.254.252.1");
+    EXPECT_EQ(lo["broad"], "10.254.252.255");
 }

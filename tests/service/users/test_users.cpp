@@ -202,6 +202,14 @@ TEST(UserParse, SudoersHostileInput) {
     text += "(((((( = ))))))\n\\\n";
     p.parse(text, [](const std::string&, bool) {});
     EXPECT_EQ(p.grants().users, (std::set<std::string>{"u1"}));
+
+    // Aliases naming themselves many times (found by fuzzing): each expansion
+    // multiplied the work, 8^16 steps, a hang; each alias is now expanded once.
+    SudoersParser q;
+    q.parse("User_Alias U = U, U, U, U, U, U, U, eve\nRunas_Alias R = R, R, R, R, R, R, R, R\n"
+            "Cmnd_Alias C = C, C, C, C, C, C, C, C\nU ALL=(R) C\nU ALL=(ALL) C, ALL\n",
+            [](const std::string&, bool) {});
+    EXPECT_EQ(q.grants().users, (std::set<std::string>{"eve"}));
 }
 
 TEST(UserParse, LoginRecords) {
