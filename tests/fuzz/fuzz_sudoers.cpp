@@ -1,4 +1,4 @@
-// sudoers: aliases, user specifications, include directives (each include
+// sudoers: aliases, user rules, include directives (each include
 // feeds the same text back once more, as a nested file would).
 #include "fuzz_util.h"
 #include "users/user_parse.h"
