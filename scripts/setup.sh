@@ -9,7 +9,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev libzip-dev libcurl4-openssl-dev clang ccache
   rpm db5.3-util kmod systemd iproute2 procps passwd login cron debsums python3-psutil facter strace
   zip unzip default-jdk-headless python3-venv golang-go
-  dpkg-dev fakeroot lintian file python3-jsonschema npm clickhouse-server clickhouse-client
+  dpkg-dev fakeroot lintian file bc python3-jsonschema npm clickhouse-server clickhouse-client
   nginx apache2 redis-server memcached podman runc uidmap slirp4netns fuse-overlayfs
 )
 
