@@ -9,7 +9,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev libzip-dev libcurl4-openssl-dev clang ccache
   rpm db5.3-util kmod systemd iproute2 procps passwd login cron debsums python3-psutil facter strace
   zip unzip default-jdk-headless python3-venv golang-go
-  dpkg-dev fakeroot lintian file bc python3-jsonschema npm clickhouse-server clickhouse-client
+  dpkg-dev fakeroot lintian file bc python3-jsonschema clickhouse-server clickhouse-client
   nginx apache2 redis-server memcached podman runc uidmap slirp4netns fuse-overlayfs
 )
 
@@ -17,6 +17,8 @@ missing=()
 for p in "${PACKAGES[@]}"; do
   dpkg-query -W -f '${db:Status-Abbrev}' "$p" 2>/dev/null | grep -q '^ii' || missing+=("$p")
 done
+# npm fetches the CycloneDX schema; a Node.js from elsewhere may bring its own.
+command -v npm >/dev/null 2>&1 || missing+=(npm)
 if [ ${#missing[@]} -gt 0 ]; then
   SUDO=""
   [ "$(id -u)" -eq 0 ] || SUDO=sudo

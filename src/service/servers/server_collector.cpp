@@ -424,8 +424,9 @@ private:
         current_ports_ = &ports;
         configure(prod.type, p, src, base, sites);
         current_ports_ = nullptr;
-        if (prod.type == servers::kNginx || prod.type == servers::kApache)
+        if (!base.configure_path.empty())
             loaded_.insert(std::to_string(foreign ? p.pid : 0) + ":" + base.configure_path);
+        if (!foreign) running_types_.insert(prod.type);
 
         for (uint32_t port : ports) {
             if (out.size() >= kMaxServers) return;
@@ -664,6 +665,69 @@ private:
             web_apache(src, in, rec, sites);
             emit_idle(rec, sites, out);
         }
+        idle_others(src, out);
+    }
+
+    // The other products installed and configured but not running here (or
+    // in a mounted image): their packaged configuration gives the ports.
+    void idle_others(RootSource& src, std::vector<AM::ServiceInfo>& out) {
+        auto report = [&](AM::ServiceInfo rec, const std::string& conf, const servers::ServerConf& c,
+                          uint32_t default_port) {
+            rec.configure_path = conf;
+            rec.data_path = c.data_path;
+            rec.log_path = c.log_path;
+            std::vector<servers::Site> none;
+            std::vector<uint32_t> ports = c.ports;
+            if (ports.empty()) ports.push_back(default_port);
+            for (uint32_t port : ports) {
+                if (out.size() >= kMaxServers) return;
+                rec.port = port;
+                out.push_back(rec);
+            }
+        };
+        auto wanted = [&](Type t, const std::string& conf) {
+            return !running_types_.count(t) && !loaded_.count("0:" + conf) && src.exists(conf);
+        };
+        struct Db {
+            Type type;
+            const char* name;
+            const char* desc;
+            const char* exe;
+        };
+        // MariaDB's server also answers to mysqld: the first program found names the product.
+        for (const Db& d : {Db{servers::kMariadb, "MariaDB", "MariaDB database server", "/usr/sbin/mariadbd"},
+                            Db{servers::kMysql, "MySQL", "MySQL database server", "/usr/sbin/mysqld"}}) {
+            const char* conf = "/etc/mysql/my.cnf";
+            if (!wanted(d.type, conf) || running_types_.count(servers::kMysql) ||
+                running_types_.count(servers::kMariadb))
+                continue;
+            AM::ServiceInfo rec = idle(d.type, d.name, d.desc, d.exe);
+            if (rec.process_path.empty()) continue;
+            servers::ServerConf c = servers::parse_mycnf(src, conf);
+            if (c.data_path.empty()) c.data_path = "/var/lib/mysql";
+            report(rec, conf, c, 3306);
+            break;
+        }
+        if (wanted(servers::kRedis, "/etc/redis/redis.conf")) {
+            AM::ServiceInfo rec = idle(servers::kRedis, "Redis", "Redis key-value store", "/usr/bin/redis-server");
+            if (!rec.process_path.empty())
+                report(rec, "/etc/redis/redis.conf", servers::parse_redis(src, "/etc/redis/redis.conf"), 6379);
+        }
+        if (wanted(servers::kMongo, "/etc/mongod.conf")) {
+            AM::ServiceInfo rec = idle(servers::kMongo, "MongoDB", "MongoDB database server", "/usr/bin/mongod");
+            std::string text;
+            if (!rec.process_path.empty() && src.read("/etc/mongod.conf", text, 1u << 20))
+                report(rec, "/etc/mongod.conf", servers::parse_mongod(text), 27017);
+        }
+        // PostgreSQL: one cluster per /etc/postgresql/<version>/<cluster>/.
+        for (const std::string& conf : servers::expand_glob(src, "/etc/postgresql/*/*/postgresql.conf", 64)) {
+            if (running_types_.count(servers::kPostgres) || !wanted(servers::kPostgres, conf)) continue;
+            const std::string version = conf.substr(16, conf.find('/', 16) - 16);
+            AM::ServiceInfo rec = idle(servers::kPostgres, "PostgreSQL", "PostgreSQL database server",
+                                       ("/usr/lib/postgresql/" + version + "/bin/postgres").c_str());
+            if (rec.process_path.empty()) continue;
+            report(rec, conf, servers::parse_postgresql(src, conf), 5432);
+        }
     }
 
     AM::ServiceInfo idle(Type type, const char* name, const char* desc, const char* exe) {
@@ -673,9 +737,14 @@ private:
         rec.type = type;
         rec.name = name;
         rec.desc = desc;
-        Fd fd(open_in_root(host_fd_, exe, false));
+        // Found without being opened; only a regular file is then read.
+        Fd handle(open_in_root_flags(host_fd_, exe, O_PATH));
         struct stat st;
-        if (fd.get() >= 0 && ::fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode)) {
+        Fd fd(handle.get() >= 0 && ::fstat(handle.get(), &st) == 0 && S_ISREG(st.st_mode)
+                  ? ::open(("/proc/self/fd/" + std::to_string(handle.get())).c_str(),
+                           O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)
+                  : -1);
+        if (fd.get() >= 0) {
             rec.process_path = exe;
             std::string head;
             if (read_fd_bounded(fd.get(), head, 64) == 0) rec.arch = servers::elf_machine(head);
@@ -864,7 +933,8 @@ private:
     std::unordered_map<int32_t, Proc> procs_;
     std::unordered_map<int32_t, int> roots_;
     std::set<int32_t> foreign_;
-    std::set<std::string> loaded_;  // "<pid or 0>:<main config>" of running web servers
+    std::set<std::string> loaded_;  // "<pid or 0>:<main config>" of running servers
+    std::set<Type> running_types_;  // products running on the host itself
     const std::set<uint32_t>* current_ports_ = nullptr;
     bool dpkg_loaded_ = false, others_loaded_ = false;
     std::string dpkg_status_;
