@@ -113,7 +113,9 @@ struct Proc {
     std::string comm;
     std::string exe;  // as the process sees it, " (deleted)" removed
     std::vector<std::string> argv;
-    std::string env, cwd, cgroup;
+    std::string env;        // environ, entries joined by newlines, as read
+    std::string env_shown;  // the same redacted and escaped, as reported
+    std::string cwd, cgroup;
     uint32_t uid = 0, gid = 0;
     bool have = false;
 };
@@ -294,7 +296,12 @@ private:
             parse_status_gid(text, p.gid);
         }
         if (read_at(dfd.get(), "cmdline", text, kMaxArgs)) p.argv = split_nul(text);
-        if (read_at(dfd.get(), "environ", text, kMaxArgs)) p.env = procfs::join_nul(text, '\n');
+        if (read_at(dfd.get(), "environ", text, kMaxArgs)) {
+            // Raw for Apache's ${VAR}; what is reported is redacted and escaped
+            // as the process records' env is.
+            p.env = procfs::join_nul(text, '\n');
+            p.env_shown = procfs::format_environ(text);
+        }
         if (read_at(dfd.get(), "cgroup", text, kMaxSmall)) p.cgroup = unit_of(text);
         p.exe = link_at(dfd.get(), "exe");
         procfs::strip_deleted(p.exe);
@@ -404,7 +411,7 @@ private:
         base.desc = prod.desc;
         base.process_path = p.exe;
         for (size_t i = 0; i < p.argv.size(); ++i) base.command += (i ? " " : "") + p.argv[i];
-        base.exec_env = p.env;
+        base.exec_env = p.env_shown;
         base.exec_user = user_of(p.uid);
         base.current_dir = p.cwd;
         base.srv_name = p.cgroup;
