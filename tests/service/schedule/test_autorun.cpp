@@ -72,10 +72,6 @@ TEST(AutorunParse, UnitLsbDesktopExec) {
     EXPECT_EQ(u.description, "My daemon");
     EXPECT_EQ(u.exec_start, "-@/usr/bin/d d --x");
     EXPECT_EQ(u.wanted_by.size(), 2u);
-    EXPECT_EQ(u.aliases, std::vector<std::string>{"x.service"});
-    EXPECT_EQ(u.default_instance, "tty1");
-    EXPECT_TRUE(u.has_install_rules());
-    EXPECT_FALSE(parse_unit_file("[Unit]\nDescription=x\n[Install]\nAlso=a.service\n").has_install_rules());
     EXPECT_EQ(exec_program("-@/usr/bin/d d --x"), "/usr/bin/d");
     EXPECT_EQ(exec_program("+!!\"/opt/my app/bin\" -a"), "/opt/my app/bin");
     EXPECT_EQ(exec_program(":-"), "");
@@ -83,7 +79,6 @@ TEST(AutorunParse, UnitLsbDesktopExec) {
         "#!/bin/sh\n### BEGIN INIT INFO\n# Provides: foo\n# Default-Start:     2 3 4 5\n"
         "# Short-Description: Foo daemon\n### END INIT INFO\n# Short-Description: later, ignored\n");
     EXPECT_EQ(h.short_description, "Foo daemon");
-    EXPECT_EQ(h.default_start, "2 3 4 5");
     EXPECT_EQ(parse_lsb_header("#!/bin/sh\n# description: old style\n").short_description, "old style");
     const DesktopEntry d = parse_desktop_entry(
         "[Desktop Entry]\nName=N\nComment=C\nExec=env A=1 prog\nHidden=true\n"
