@@ -36,44 +36,40 @@ FileFacts facts(const HostRoot& root, const std::string& host_path) {
 
 TEST(Ownership, DpkgFixture) {
     const HostRoot root(kFixtures + "/dpkg_root");
-    FileFacts f = facts(root, "/usr/lib/x86_64-linux-gnu/libfoo.so.1");
-    EXPECT_EQ(f.company, "Foo Maintainers <foo@example.org>");
-    EXPECT_TRUE(f.verified);
-    // The package names /lib/..., the process maps /usr/lib/... (lib -> usr/lib), and the other way round.
-    f = facts(root, "/usr/lib/x86_64-linux-gnu/libfoo-alias.so.1");
-    EXPECT_EQ(f.company, "Foo Maintainers <foo@example.org>");
-    EXPECT_TRUE(f.verified);
-    f = facts(root, "/lib/x86_64-linux-gnu/libfoo.so.1");
-    EXPECT_TRUE(f.verified);
-    f = facts(root, "/usr/lib/./x86_64-linux-gnu//libfoo.so.1");
-    EXPECT_TRUE(f.verified);
-    // Changed after install: owned, not verified. A conffile is judged by the status file's digest.
-    f = facts(root, "/usr/bin/nativetool");
-    EXPECT_EQ(f.company, "Native Person <n@example.org>");
-    EXPECT_FALSE(f.md5.empty());
-    EXPECT_FALSE(f.verified);
-    EXPECT_TRUE(facts(root, "/etc/nativetool.conf").verified);
-    // dpkg-divert: crlf diverted pending's /usr/bin/pending to /usr/bin/pending.distrib
-    // (whose digest comes from a CRLF md5sums); a trailing partial record is ignored.
-    f = facts(root, "/usr/bin/pending.distrib");
-    EXPECT_EQ(f.company, "P <p@example.org>");
-    EXPECT_TRUE(f.verified);
-    f = facts(root, "/usr/bin/pending");
-    EXPECT_EQ(f.company, "Win Dows <w@example.org>");
-    EXPECT_TRUE(f.verified);
-    // Listed but no digest recorded, and not owned at all.
-    f = facts(root, "/usr/bin/crlf");
-    EXPECT_EQ(f.company, "Win Dows <w@example.org>");
-    EXPECT_FALSE(f.verified);
-    f = facts(root, "/var/lib/dpkg/status");
-    EXPECT_EQ(f.company, "");
-    EXPECT_FALSE(f.verified);
-    EXPECT_FALSE(f.md5.empty());
-    // A link no package owns is judged by the file it leads to, unless links are refused.
-    f = facts(root, "/usr/bin/foo-link");
-    EXPECT_EQ(f.company, "Foo Maintainers <foo@example.org>");
-    EXPECT_TRUE(f.verified);
-    f = file_facts(root, FileRef{"/usr/bin/foo-link", "", true});
+    const std::string foo = "Foo Maintainers <foo@example.org>", win = "Win Dows <w@example.org>";
+    const struct {
+        const char* path;
+        std::string company;
+        bool verified;
+    } kCases[] = {
+        // The package names /lib/..., the process maps /usr/lib/... (lib -> usr/lib), and the other way
+        // round.
+        {"/usr/lib/x86_64-linux-gnu/libfoo.so.1", foo, true},
+        {"/usr/lib/x86_64-linux-gnu/libfoo-alias.so.1", foo, true},
+        {"/lib/x86_64-linux-gnu/libfoo.so.1", foo, true},
+        {"/usr/lib/./x86_64-linux-gnu//libfoo.so.1", foo, true},
+        // Changed after install: owned, not verified. A conffile is judged by the status file's digest.
+        {"/usr/bin/nativetool", "Native Person <n@example.org>", false},
+        {"/etc/nativetool.conf", "Native Person <n@example.org>", true},
+        // dpkg-divert: crlf diverted pending's /usr/bin/pending to /usr/bin/pending.distrib
+        // (whose digest comes from a CRLF md5sums); a trailing partial record is ignored.
+        {"/usr/bin/pending.distrib", "P <p@example.org>", true},
+        {"/usr/bin/pending", win, true},
+        // Listed but no digest recorded, and not owned at all.
+        {"/usr/bin/crlf", win, false},
+        {"/var/lib/dpkg/status", "", false},
+        // A link no package owns is judged by the file it leads to.
+        {"/usr/bin/foo-link", foo, true},
+    };
+    for (const auto& c : kCases) {
+        const FileFacts f = facts(root, c.path);
+        EXPECT_EQ(f.company, c.company) << c.path;
+        EXPECT_EQ(f.verified, c.verified) << c.path;
+    }
+    for (const char* p : {"/usr/bin/nativetool", "/var/lib/dpkg/status"})
+        EXPECT_FALSE(facts(root, p).md5.empty()) << p;
+    // Unless links are refused.
+    const FileFacts f = file_facts(root, FileRef{"/usr/bin/foo-link", "", true});
     EXPECT_EQ(f.company, "");
     EXPECT_TRUE(f.md5.empty());
     EXPECT_FALSE(f.verified);
@@ -87,12 +83,12 @@ TEST(Ownership, DpkgFixture) {
 
 TEST(Ownership, ApkFixtureSha1) {
     const HostRoot root(kFixtures + "/apk_root");
-    FileFacts f = facts(root, "/bin/busybox");
-    EXPECT_EQ(f.company, "Soren Tempel <soeren+alpine@example.org>");
-    EXPECT_TRUE(f.verified);
-    f = facts(root, "/etc/motd");  // changed since install
-    EXPECT_EQ(f.company, "Soren Tempel <soeren+alpine@example.org>");
-    EXPECT_FALSE(f.verified);
+    for (const auto& [path, verified] :
+         {std::pair{"/bin/busybox", true}, {"/etc/motd", false}}) {  // motd changed
+        const FileFacts f = facts(root, path);
+        EXPECT_EQ(f.company, "Soren Tempel <soeren+alpine@example.org>") << path;
+        EXPECT_EQ(f.verified, verified) << path;
+    }
 }
 
 TEST(Ownership, NormalizeAndCanon) {
@@ -121,12 +117,10 @@ TEST(Ownership, ScratchCopyOfRealPackageAgreesWithDebsums) {
         GTEST_SKIP() << "gzip not installed";
     TempDir dir;
     const std::string r = dir.path;
-    fs::create_directories(r + "/usr/bin");
-    fs::create_directories(r + "/usr/lib");
-    fs::create_directories(r + "/usr/sbin");
-    fs::create_directory_symlink("usr/bin", r + "/bin");
-    fs::create_directory_symlink("usr/lib", r + "/lib");
-    fs::create_directory_symlink("usr/sbin", r + "/sbin");
+    for (const char* d : {"bin", "lib", "sbin"}) {
+        fs::create_directories(r + "/usr/" + d);
+        fs::create_directory_symlink(std::string("usr/") + d, r + "/" + d);
+    }
     fs::create_directories(r + "/var/lib/dpkg/info");
     for (const char* ext : {".list", ".md5sums"})
         fs::copy_file("/var/lib/dpkg/info/" + pkg + ext, r + "/var/lib/dpkg/info/" + pkg + ext);
@@ -232,15 +226,13 @@ ln -s tool %{buildroot}/opt/amtiny/bin/tool-link
 /opt/amtiny
 )";
     const std::string q = " --define '_topdir " + top + "' --define '_build_id_links none' ";
+    const std::string rpm = "rpm --root " + root_dir + " --dbpath /var/lib/rpm ";
     ASSERT_EQ(
-        system(
-            ("rpmbuild" + q + "-bb " + top + "/SPECS/amtiny.spec >" + dir.path + "/build.log 2>&1").c_str()),
-        0)
-        << run("cat " + dir.path + "/build.log");
+        system(("rpmbuild" + q + "-bb " + top + "/SPECS/amtiny.spec >" + dir.path + "/log 2>&1").c_str()), 0)
+        << run("cat " + dir.path + "/log");
     ASSERT_EQ(system(("rpm --initdb --dbpath " + root_dir + "/var/lib/rpm").c_str()), 0);
     ASSERT_EQ(
-        system(("rpm --root " + root_dir + " --dbpath /var/lib/rpm -i --nodeps --noscripts --notriggers " +
-                top + "/RPMS/noarch/amtiny-1.2-3.noarch.rpm 2>/dev/null")
+        system((rpm + "-i --nodeps --noscripts --notriggers " + top + "/RPMS/noarch/amtiny-1.2-3.noarch.rpm")
                    .c_str()),
         0);
     const time_t before = time(nullptr);
@@ -249,14 +241,10 @@ ln -s tool %{buildroot}/opt/amtiny/bin/tool-link
     ASSERT_EQ(collect_packages(root, out), 0);
     ASSERT_EQ(out.size(), 1u);
     const auto& p = out[0];
-    EXPECT_EQ(p.name, "amtiny");
-    EXPECT_EQ(p.version, "2:1.2");
-    EXPECT_EQ(p.release, "3");
-    EXPECT_EQ(p.type, "rpm");
-    EXPECT_EQ(p.summary, "tiny test package");
-    EXPECT_EQ(p.company, "Example Vendor Inc.");
-    EXPECT_EQ(p.installdir, "/opt/amtiny");
-    EXPECT_EQ(p.source, "amtiny-1.2-3.src.rpm");
+    EXPECT_EQ(std::vector<std::string>(
+                  {p.name, p.version, p.release, p.type, p.summary, p.company, p.installdir, p.source}),
+              std::vector<std::string>({"amtiny", "2:1.2", "3", "rpm", "tiny test package",
+                                        "Example Vendor Inc.", "/opt/amtiny", "amtiny-1.2-3.src.rpm"}));
     EXPECT_EQ(p.size, 20u);  // 11 + 5 bytes of files, and a link counts its target's length (4)
     EXPECT_LE(p.installtime, format_time(before + 5));
     EXPECT_GE(p.installtime, format_time(before - 600));
@@ -268,8 +256,7 @@ ln -s tool %{buildroot}/opt/amtiny/bin/tool-link
     f = facts(root, "/opt/amtiny/share/data.txt");
     EXPECT_EQ(f.company, "Example Vendor Inc.");
     EXPECT_FALSE(f.verified);
-    EXPECT_NE(run("rpm --root " + root_dir + " --dbpath /var/lib/rpm -V amtiny 2>/dev/null").find("data.txt"),
-              std::string::npos);
+    EXPECT_NE(run(rpm + "-V amtiny 2>/dev/null").find("data.txt"), std::string::npos);
     EXPECT_EQ(facts(root, "/opt/other").company, "");
 }
 
@@ -297,7 +284,8 @@ TEST(Ownership, HostileDpkgDatabase) {
     fs::create_directories(r + "/usr/bin");
     std::string status;
     for (const char* name : {"../../outside", "fifo", "linked", "good"})
-        status += std::string("Package: ") + name + "\nStatus: install ok installed\nArchitecture: all\n"
+        status += std::string("Package: ") + name +
+                  "\nStatus: install ok installed\nArchitecture: all\n"
                   "Maintainer: M <m@example.org>\nVersion: 1\n\n";
     std::ofstream(r + "/var/lib/dpkg/status") << status;
     std::ofstream(r + "/var/lib/outside.list") << "/usr/bin/stolen\n";

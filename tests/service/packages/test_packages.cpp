@@ -42,38 +42,39 @@ TEST(DpkgStatus, FixtureFieldsAndStates) {
     // and the truncated last stanza keeps what it had (it was installed).
     EXPECT_EQ(names, (std::set<std::string>{"libfoo1", "nativetool", "pending", "crlf", "truncated"}));
 
-    const auto* foo = by_name(out, "libfoo1");
-    ASSERT_TRUE(foo);
-    EXPECT_EQ(foo->version, "1:2.0");
-    EXPECT_EQ(foo->release, "3+b1");
-    EXPECT_EQ(foo->type, "deb");
-    EXPECT_EQ(foo->size, 120u * 1024);
-    EXPECT_EQ(foo->summary, "library of foo");
-    EXPECT_EQ(foo->source, "foo");
-    EXPECT_EQ(foo->company, "Foo Maintainers <foo@example.org>");
-    EXPECT_EQ(foo->installdir, "");
+    using P = AM::SysInstallPackageInfo;
+    const struct {
+        const char* name;
+        std::string P::*field;
+        const char* want;
+    } kCases[] = {
+        {"libfoo1", &P::version, "1:2.0"},
+        {"libfoo1", &P::release, "3+b1"},
+        {"libfoo1", &P::type, "deb"},
+        {"libfoo1", &P::summary, "library of foo"},
+        {"libfoo1", &P::source, "foo"},
+        {"libfoo1", &P::company, "Foo Maintainers <foo@example.org>"},
+        {"libfoo1", &P::installdir, ""},
+        {"nativetool", &P::version, "0.9"},
+        {"nativetool", &P::release, ""},
+        {"nativetool", &P::source, "nativetool"},  // no Source field: the package itself
+        {"crlf", &P::version, "5.0"},
+        {"crlf", &P::release, "2"},
+        {"crlf", &P::summary, "crlf stanza"},
+        {"crlf", &P::company, "Win Dows <w@example.org>"},
+        {"truncated", &P::installtime, ""},  // no .list file
+    };
+    for (const auto& c : kCases) {
+        const auto* r = by_name(out, c.name);
+        ASSERT_TRUE(r) << c.name;
+        EXPECT_EQ(r->*c.field, c.want) << c.name;
+    }
+    EXPECT_EQ(by_name(out, "libfoo1")->size, 120u * 1024);
+    EXPECT_EQ(by_name(out, "truncated")->size, 3u * 1024);
+    EXPECT_FALSE(by_name(out, "nativetool")->installtime.empty());  // plain list name found
     struct stat st;
     ASSERT_EQ(stat((root.root() + "/var/lib/dpkg/info/libfoo1:amd64.list").c_str(), &st), 0);
-    EXPECT_EQ(foo->installtime, format_time(st.st_mtime));  // multiarch list name found
-
-    const auto* native = by_name(out, "nativetool");
-    ASSERT_TRUE(native);
-    EXPECT_EQ(native->version, "0.9");
-    EXPECT_EQ(native->release, "");
-    EXPECT_EQ(native->source, "nativetool");  // no Source field: the package itself
-    EXPECT_FALSE(native->installtime.empty());
-
-    const auto* crlf = by_name(out, "crlf");
-    ASSERT_TRUE(crlf);
-    EXPECT_EQ(crlf->version, "5.0");
-    EXPECT_EQ(crlf->release, "2");
-    EXPECT_EQ(crlf->summary, "crlf stanza");
-    EXPECT_EQ(crlf->company, "Win Dows <w@example.org>");
-
-    const auto* cut = by_name(out, "truncated");
-    ASSERT_TRUE(cut);
-    EXPECT_EQ(cut->installtime, "");  // no .list file
-    EXPECT_EQ(cut->size, 3u * 1024);
+    EXPECT_EQ(by_name(out, "libfoo1")->installtime, format_time(st.st_mtime));  // multiarch list name found
 }
 
 TEST(DpkgStatus, HostileInput) {
@@ -99,11 +100,10 @@ TEST(DpkgStatus, HostileInput) {
 
     EXPECT_TRUE(parse_dpkg_status("").empty());
     EXPECT_TRUE(parse_dpkg_status("\n\n\r\n").empty());
-    EXPECT_TRUE(dpkg_is_installed("hold ok installed"));
-    EXPECT_TRUE(dpkg_is_installed("deinstall ok installed"));
-    EXPECT_FALSE(dpkg_is_installed("install reinstreq installed"));
-    EXPECT_FALSE(dpkg_is_installed("install ok unpacked"));
-    EXPECT_FALSE(dpkg_is_installed("install ok installed extra"));
+    for (const char* st : {"hold ok installed", "deinstall ok installed"}) EXPECT_TRUE(dpkg_is_installed(st));
+    for (const char* st :
+         {"install reinstreq installed", "install ok unpacked", "install ok installed extra"})
+        EXPECT_FALSE(dpkg_is_installed(st)) << st;
 }
 
 // The summary is the first line of Description as dpkg keeps it, blanks included.
@@ -166,17 +166,13 @@ TEST(Apk, FixtureAndJunk) {
     ASSERT_EQ(out.size(), 3u);  // the record without P: is dropped
     const auto* bb = by_name(out, "busybox");
     ASSERT_TRUE(bb);
-    EXPECT_EQ(bb->version, "1.36.1");
-    EXPECT_EQ(bb->release, "r5");
-    EXPECT_EQ(bb->type, "apk");
+    EXPECT_EQ(std::vector<std::string>({bb->version, bb->release, bb->type, bb->summary, bb->source,
+                                        bb->company, bb->installtime}),
+              std::vector<std::string>({"1.36.1", "r5", "apk",
+                                        "Size optimized toolbox of many common UNIX utilities", "busybox",
+                                        "Soren Tempel <soeren+alpine@example.org>", ""}));
     EXPECT_EQ(bb->size, 946176u);
-    EXPECT_EQ(bb->summary, "Size optimized toolbox of many common UNIX utilities");
-    EXPECT_EQ(bb->source, "busybox");
-    EXPECT_EQ(bb->company, "Soren Tempel <soeren+alpine@example.org>");
-    EXPECT_EQ(bb->installtime, "");
-    const auto* base = by_name(out, "alpine-baselayout");
-    ASSERT_TRUE(base);
-    EXPECT_EQ(base->size, 0u);
+    EXPECT_EQ(by_name(out, "alpine-baselayout")->size, 0u);
 
     std::string text;
     ASSERT_EQ(read_file(root.path("/lib/apk/db/installed"), text), 0);
