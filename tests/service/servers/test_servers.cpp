@@ -182,6 +182,17 @@ TEST(Servers, ProductsFromConfigurationTrees) {
     EXPECT_EQ(tc->install_path, "/usr/share/tomcat10");
 }
 
+// No field carries the text of /etc/shadow.
+void expect_no_shadow(const std::vector<AM::ServiceInfo>& out) {
+    for (const auto& r : out) {
+        for (const std::string* f : {&r.configure_path, &r.data_path, &r.log_path, &r.name, &r.desc, &r.version})
+            EXPECT_EQ(f->find("root:"), std::string::npos) << *f;
+        for (const auto& h : r.hosts)
+            for (const std::string* f : {&h.ip, &h.host, &h.document, &h.logpath})
+                EXPECT_EQ(f->find("root:"), std::string::npos) << *f;
+    }
+}
+
 // An unprivileged user's listener that calls itself nginx and names a
 // configuration of its own: links to /etc/shadow, a FIFO, an include loop, a
 // 200-deep chain and a 50 MB file of NUL bytes. Read inside its root with its
@@ -228,13 +239,7 @@ TEST(Servers, UnprivilegedListenerWithHostileConfiguration) {
     EXPECT_TRUE(keys.count(std::to_string(port) + " big.test"));
     EXPECT_FALSE(keys.count(std::to_string(port) + " c199.test"));  // cut at the include depth bound
     EXPECT_EQ(keys.size(), s->hosts.size());                         // each site once despite the loop
-    for (const auto& r : out) {
-        for (const std::string* f : {&r.configure_path, &r.data_path, &r.log_path, &r.name, &r.desc, &r.version})
-            EXPECT_EQ(f->find("root:"), std::string::npos) << *f;
-        for (const auto& h : r.hosts)
-            for (const std::string* f : {&h.ip, &h.host, &h.document, &h.logpath})
-                EXPECT_EQ(f->find("root:"), std::string::npos) << *f;
-    }
+    expect_no_shadow(out);
 }
 
 // ------------------------------------------------------------ the real thing
@@ -374,6 +379,9 @@ TEST(Servers, LiveNginxApacheRedisMemcached) {
     EXPECT_EQ(mc->exec_user, "nobody");
     EXPECT_EQ(mc->configure_path, "");
 
+    // A site of the root-run nginx linked to /etc/shadow, which root could read.
+    ASSERT_EQ(symlink("/etc/shadow", (live.dir + "/nginx/sites/evil.conf").c_str()), 0);
+    expect_no_shadow(collect("/"));
     live.stop();
 }
 
