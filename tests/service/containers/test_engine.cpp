@@ -17,6 +17,7 @@
 #include <map>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "collectors.h"
 #include "containers/engine.h"
@@ -283,9 +284,20 @@ DockerInfo sentinel() {
 }
 
 bool same(const DockerInfo& a, const DockerInfo& b) {
-    return a.storage_driver == b.storage_driver && a.root_dir == b.root_dir && a.version == b.version &&
-           a.image_num == b.image_num && a.container_num == b.container_num && a.images == b.images &&
-           a.containers == b.containers;
+    auto all = [](const DockerInfo& d) {
+        return std::tie(d.storage_driver, d.root_dir, d.version, d.image_num, d.container_num, d.images, d.containers);
+    };
+    return all(a) == all(b);
+}
+
+// A unix socket bound without listen, as a stale one left behind is.
+void bound_socket(const std::string& path) {
+    const int s = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
+    ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a));
+    close(s);
 }
 
 class Engine : public ::testing::Test {
@@ -369,15 +381,8 @@ TEST_F(Engine, MisbehavingEnginesFailWithTheirCodeAndLeaveNothingBehind) {
 }
 
 TEST_F(Engine, FirstEngineThatAnswersFillsTheRecord) {
-    // A stale socket (nobody listening) and one bound without listen refuse.
-    {
-        const int s = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un a{};
-        a.sun_family = AF_UNIX;
-        snprintf(a.sun_path, sizeof a.sun_path, "%s", sock("stale.sock").c_str());
-        ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a));
-        close(s);
-    }
+    // A stale socket (nobody listening) refuses.
+    bound_socket(sock("stale.sock"));
     FakeEngine hung(sock("hung.sock"), podman_routes(), Mode::Silent, "/_ping");
     FakeEngine good(sock("good.sock"), podman_routes());
     struct Case {
@@ -423,12 +428,7 @@ TEST_F(Engine, UnprivilegedCallerIsRefused) {
 TEST_F(Engine, SocketsAreFoundInsideTheRootOnly) {
     auto make_socket = [&](const std::string& rel, uid_t owner) {
         dir.mkdir(rel.substr(0, rel.rfind('/')));
-        const int s = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un a{};
-        a.sun_family = AF_UNIX;
-        snprintf(a.sun_path, sizeof a.sun_path, "%s", (dir.path + rel).c_str());
-        ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a));
-        close(s);
+        bound_socket(dir.path + rel);
         ASSERT_EQ(0, lchown((dir.path + rel).c_str(), owner, owner));
     };
     amtest::TempDir outside{"amsvc_engine_host"};

@@ -60,38 +60,38 @@ TEST(LibParse, Manifest) {
 }
 
 TEST(LibParse, FileAndSharedObjectNames) {
-    const char* const files[][3] = {
-        {"log4j-core-2.14.1.jar", "log4j-core", "2.14.1"},
-        {"log4j-1.2-api-2.17.1.jar", "log4j-1.2-api", "2.17.1"},
-        {"guava-31.1-jre.jar", "guava", "31.1-jre"},
-        {"lucene-core-9.4.2-2.jar", "lucene-core", "9.4.2-2"},
-        {"hadoop-3.war", "hadoop", "3"},
-        {"app.jar", "app", ""},
-        {"rake-13.0.6.gemspec", "rake", "13.0.6"},
-        {"bcprov-jdk15on-1.70.jar", "bcprov-jdk15on", "1.70"},
+    // Archive and gemspec file names always split; shared object names only
+    // when they are one (a null name: refused).
+    const struct {
+        bool so;
+        const char *file, *name, *version;
+    } cases[] = {
+        {false, "log4j-core-2.14.1.jar", "log4j-core", "2.14.1"},
+        {false, "log4j-1.2-api-2.17.1.jar", "log4j-1.2-api", "2.17.1"},
+        {false, "guava-31.1-jre.jar", "guava", "31.1-jre"},
+        {false, "lucene-core-9.4.2-2.jar", "lucene-core", "9.4.2-2"},
+        {false, "hadoop-3.war", "hadoop", "3"},
+        {false, "app.jar", "app", ""},
+        {false, "rake-13.0.6.gemspec", "rake", "13.0.6"},
+        {false, "bcprov-jdk15on-1.70.jar", "bcprov-jdk15on", "1.70"},
+        {true, "libfoo.so.1.2.3", "libfoo", "1.2.3"},
+        {true, "libssl.so.3", "libssl", "3"},
+        {true, "libfoo.so", "libfoo", ""},
+        {true, "libfoo-1.2.so", "libfoo-1.2", ""},
+        {true, "libx.solver.so.1", "libx.solver", "1"},
+        {true, "notes.sol", nullptr, nullptr},
+        {true, "libfoo.so.bak", nullptr, nullptr},
+        {true, ".so", nullptr, nullptr},
     };
-    for (const auto& f : files) {
+    for (const auto& c : cases) {
         std::string n, v;
-        split_file_version(f[0], n, v);
-        EXPECT_EQ(n, f[1]) << f[0];
-        EXPECT_EQ(v, f[2]) << f[0];
-    }
-    const char* const sos[][3] = {
-        {"libfoo.so.1.2.3", "libfoo", "1.2.3"},
-        {"libssl.so.3", "libssl", "3"},
-        {"libfoo.so", "libfoo", ""},
-        {"libfoo-1.2.so", "libfoo-1.2", ""},
-        {"libx.solver.so.1", "libx.solver", "1"},
-        {"notes.sol", nullptr, nullptr},
-        {"libfoo.so.bak", nullptr, nullptr},
-        {".so", nullptr, nullptr},
-    };
-    for (const auto& s : sos) {
-        std::string n, v;
-        EXPECT_EQ(split_so_name(s[0], n, v), s[1] != nullptr) << s[0];
-        if (s[1]) {
-            EXPECT_EQ(n, s[1]) << s[0];
-            EXPECT_EQ(v, s[2]) << s[0];
+        if (c.so) {
+            EXPECT_EQ(split_so_name(c.file, n, v), c.name != nullptr) << c.file;
+        } else {
+            split_file_version(c.file, n, v);
+        }
+        if (c.name) {
+            EXPECT_EQ(n + "|" + v, std::string(c.name) + "|" + c.version) << c.file;
         }
     }
 }
@@ -148,15 +148,11 @@ TEST(LibParse, GoModinfo) {
         "dep\texample.com/local\tv0.0.0-00010101000000-000000000000\n"
         "=>\t./internal/local\t(devel)\t\n"
         "build\t-compiler=gc\n");
-    const char* const want[][2] = {{"example.com/app", "(devel)"},
-                                   {"golang.org/x/text", "v0.3.7"},
-                                   {"github.com/fork/b", "v1.0.1"},
-                                   {"example.com/local", "v0.0.0-00010101000000-000000000000"}};
-    ASSERT_EQ(mods.size(), 4u);
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(mods[i].name, want[i][0]);
-        EXPECT_EQ(mods[i].version, want[i][1]);
-    }
+    std::vector<std::string> got;
+    for (const LibId& m : mods) got.push_back(m.name + " " + m.version);
+    EXPECT_EQ(got, (std::vector<std::string>{"example.com/app (devel)", "golang.org/x/text v0.3.7",
+                                             "github.com/fork/b v1.0.1",
+                                             "example.com/local v0.0.0-00010101000000-000000000000"}));
 }
 
 namespace {

@@ -105,18 +105,30 @@ struct LiveServers {
     int redis_port() const { return base + 4; }
     int memcached_port() const { return base + 5; }
 
+    // Runs `cmd` and waits for `port`; the pid comes from `pidfile`, or else
+    // from the listener (its parent when `parent`, for nginx and Apache).
+    bool launch(const char* what, const std::string& cmd, int port, const std::string& pidfile, bool parent,
+                pid_t& pid) {
+        if (sh(cmd) != 0 || !wait_port(port)) {
+            log += std::string(what) + " did not start; ";
+            return false;
+        }
+        for (int i = 0; i < 40 && (pid = pid_from(pidfile)) <= 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (pid <= 0) pid = parent ? main_pid(listener_pid(port)) : listener_pid(port);
+        return pid > 0;
+    }
+
     // `sites` name-based sites on one port sharing an included snippet, and a
     // proxy-only site on a second port.
     bool start_nginx(int sites) {
         const std::string d = dir + "/nginx";
         std::ostringstream conf;
         conf << "pid " << d << "/nginx.pid;\nerror_log " << d << "/error.log;\n"
-             << "events { worker_connections 64; }\n"
-             << "http {\n  access_log " << d << "/access.log;\n"
-             << "  client_body_temp_path " << d << "/tmp;\n  proxy_temp_path " << d << "/tmp;\n"
-             << "  fastcgi_temp_path " << d << "/tmp;\n  uwsgi_temp_path " << d << "/tmp;\n"
-             << "  scgi_temp_path " << d << "/tmp;\n"
-             << "  include sites/*.conf;\n}\n";
+             << "events { worker_connections 64; }\nhttp {\n  access_log " << d << "/access.log;\n";
+        for (const char* t : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+            conf << "  " << t << "_temp_path " << d << "/tmp;\n";
+        conf << "  include sites/*.conf;\n}\n";
         put(d + "/nginx.conf", conf.str());
         put(d + "/snippet.conf", "access_log " + d + "/snippet.log;\nindex index.html;\n");
         for (int i = 0; i < sites; ++i) {
@@ -130,14 +142,8 @@ struct LiveServers {
                                             ";\n  server_name proxy.test;\n  location / { proxy_pass "
                                             "http://127.0.0.1:9; }\n}\n");
         std::filesystem::create_directories(d + "/tmp");
-        if (sh("/usr/sbin/nginx -c " + d + "/nginx.conf -p " + d + "/ >" + d + "/start.log 2>&1") != 0 ||
-            !wait_port(nginx_port())) {
-            log += "nginx did not start; ";
-            return false;
-        }
-        nginx = pid_from(d + "/nginx.pid");
-        if (nginx <= 0) nginx = main_pid(listener_pid(nginx_port()));
-        return nginx > 0;
+        return launch("nginx", "/usr/sbin/nginx -c " + d + "/nginx.conf -p " + d + "/ >" + d + "/start.log 2>&1",
+                      nginx_port(), d + "/nginx.pid", true, nginx);
     }
 
     bool start_apache(int sites) {
@@ -174,47 +180,28 @@ struct LiveServers {
                                                      ">\n  ServerName second.test\n  DocumentRoot " + dir +
                                                      "/www/second\n</VirtualHost>\n");
         for (const char* sub : {"/run", "/lock", "/logs/sites"}) std::filesystem::create_directories(d + sub);
-        if (sh("env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin sh -c '. " + d + "/envvars; exec /usr/sbin/apache2 -d " + d +
-               " -k start' >" + d + "/start.log 2>&1") != 0 ||
-            !wait_port(apache_port())) {
-            log += "apache2 did not start; ";
-            return false;
-        }
-        for (int i = 0; i < 40 && (apache = pid_from(d + "/apache.pid")) <= 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        if (apache <= 0) apache = main_pid(listener_pid(apache_port()));
-        return apache > 0;
+        return launch("apache2",
+                      "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin sh -c '. " + d +
+                          "/envvars; exec /usr/sbin/apache2 -d " + d + " -k start' >" + d + "/start.log 2>&1",
+                      apache_port(), d + "/apache.pid", true, apache);
     }
 
     bool start_redis() {
         const std::string d = dir + "/redis";
-        std::filesystem::create_directories(d);
         put(d + "/redis.conf", "port " + std::to_string(redis_port()) + "\nbind 127.0.0.1\ndaemonize yes\npidfile " + d +
                                    "/redis.pid\ndir " + d + "\nlogfile " + d + "/redis.log\nsave \"\"\n");
-        if (sh("/usr/bin/redis-server " + d + "/redis.conf >/dev/null 2>&1") != 0 || !wait_port(redis_port())) {
-            log += "redis-server did not start; ";
-            return false;
-        }
-        for (int i = 0; i < 40 && (redis = pid_from(d + "/redis.pid")) <= 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        if (redis <= 0) redis = listener_pid(redis_port());
-        return redis > 0;
+        return launch("redis-server", "/usr/bin/redis-server " + d + "/redis.conf >/dev/null 2>&1", redis_port(),
+                      d + "/redis.pid", false, redis);
     }
 
     bool start_memcached() {
         const std::string d = dir + "/memcached";
         std::filesystem::create_directories(d);
         chmod(d.c_str(), 0777);  // it writes its pid file as nobody
-        if (sh("/usr/bin/memcached -d -u nobody -l 127.0.0.1 -p " + std::to_string(memcached_port()) +
-               " -U 0 -P " + d + "/mc.pid >/dev/null 2>&1") != 0 ||
-            !wait_port(memcached_port())) {
-            log += "memcached did not start; ";
-            return false;
-        }
-        for (int i = 0; i < 40 && (memcached = pid_from(d + "/mc.pid")) <= 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        if (memcached <= 0) memcached = listener_pid(memcached_port());
-        return memcached > 0;
+        return launch("memcached",
+                      "/usr/bin/memcached -d -u nobody -l 127.0.0.1 -p " + std::to_string(memcached_port()) +
+                          " -U 0 -P " + d + "/mc.pid >/dev/null 2>&1",
+                      memcached_port(), d + "/mc.pid", false, memcached);
     }
 
     void stop() {

@@ -180,11 +180,7 @@ TEST(ServerParse, DatabaseAndCacheConfigs) {
         {"/etc/mysql/conf.d/b.txt", "[mysqld]\nport=5\n"},
         {"/etc/mysql/conf.d/c.cnf", "[mariadb-10.11]\nbind-address=127.0.0.1\n!include /etc/mysql/my.cnf\n"},
     });
-    ServerConf m = parse_mycnf(my, "/etc/mysql/my.cnf");
-    EXPECT_EQ(m.ports, std::vector<uint32_t>{3307});
-    EXPECT_EQ(m.data_path, "/data/mysql");
-    EXPECT_EQ(m.log_path, "/data/mysql/err.log");
-    EXPECT_EQ(m.bind, "127.0.0.1");
+    EXPECT_EQ(parse_mycnf(my, "/etc/mysql/my.cnf").bind, "127.0.0.1");
 
     MapSource pg({
         {"/etc/postgresql/15/main/postgresql.conf",
@@ -192,34 +188,31 @@ TEST(ServerParse, DatabaseAndCacheConfigs) {
          "logging_collector = on\ninclude_dir 'conf.d'\ninclude_if_exists '/nope.conf'\n"},
         {"/etc/postgresql/15/main/conf.d/x.conf", "log_directory = 'it''s'\nlisten_addresses='*'\n"},
     });
-    ServerConf p = parse_postgresql(pg, "/etc/postgresql/15/main/postgresql.conf");
-    EXPECT_EQ(p.ports, std::vector<uint32_t>{5433});
-    EXPECT_EQ(p.data_path, "/var/lib/postgresql/15/main");
-    EXPECT_EQ(p.log_path, "/var/lib/postgresql/15/main/it's");
 
     MapSource rd({{"/etc/redis/redis.conf", "port 6380\ninclude /etc/redis/extra.conf\ndir /var/lib/redis\n"},
                   {"/etc/redis/extra.conf", "logfile \"/var/log/redis/r.log\"\ninclude /etc/redis/redis.conf\n"}});
-    ServerConf r = parse_redis(rd, "/etc/redis/redis.conf");
-    EXPECT_EQ(r.ports, std::vector<uint32_t>{6380});
-    EXPECT_EQ(r.data_path, "/var/lib/redis");
-    EXPECT_EQ(r.log_path, "/var/log/redis/r.log");
 
+    const char* mongo_yaml =
+        "storage:\n  dbPath: /var/lib/mongodb\n  journal:\n    enabled: true\nsystemLog:\n  destination: file\n"
+        "  path: \"/var/log/mongodb/mongod.log\"\nnet:\n  port: 27018 # x\n  bindIp: 127.0.0.1\n";
     struct {
-        const char* text;
+        ServerConf got;
         uint32_t port;
-        const char* db;
+        const char* data;
         const char* log;
-    } mongo[] = {
-        {"storage:\n  dbPath: /var/lib/mongodb\n  journal:\n    enabled: true\nsystemLog:\n  destination: file\n"
-         "  path: \"/var/log/mongodb/mongod.log\"\nnet:\n  port: 27018 # x\n  bindIp: 127.0.0.1\n",
-         27018, "/var/lib/mongodb", "/var/log/mongodb/mongod.log"},
-        {"dbpath=/data/db\nlogpath = /var/log/m.log\nport = 27019\n", 27019, "/data/db", "/var/log/m.log"},
+    } want[] = {
+        {parse_mycnf(my, "/etc/mysql/my.cnf"), 3307, "/data/mysql", "/data/mysql/err.log"},
+        {parse_postgresql(pg, "/etc/postgresql/15/main/postgresql.conf"), 5433, "/var/lib/postgresql/15/main",
+         "/var/lib/postgresql/15/main/it's"},
+        {parse_redis(rd, "/etc/redis/redis.conf"), 6380, "/var/lib/redis", "/var/log/redis/r.log"},
+        {parse_mongod(mongo_yaml), 27018, "/var/lib/mongodb", "/var/log/mongodb/mongod.log"},
+        {parse_mongod("dbpath=/data/db\nlogpath = /var/log/m.log\nport = 27019\n"), 27019, "/data/db",
+         "/var/log/m.log"},
     };
-    for (const auto& c : mongo) {
-        const ServerConf g = parse_mongod(c.text);
-        EXPECT_EQ(g.ports, std::vector<uint32_t>{c.port});
-        EXPECT_EQ(g.data_path, c.db);
-        EXPECT_EQ(g.log_path, c.log);
+    for (const auto& w : want) {
+        EXPECT_EQ(w.got.ports, std::vector<uint32_t>{w.port});
+        EXPECT_EQ(w.got.data_path, w.data);
+        EXPECT_EQ(w.got.log_path, w.log);
     }
 }
 

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <chrono>
-#include <fstream>
 #include <sstream>
 #include <set>
 
@@ -41,6 +39,33 @@ const AM::ServiceInfo* find(const std::vector<AM::ServiceInfo>& v, uint32_t pid,
     return nullptr;
 }
 
+// A /proc/net/tcp listing each (port, inode) as a listener, and a process
+// owning one of those sockets.
+void fake_tcp(const TempDir& t, const std::vector<std::pair<int, int>>& socks) {
+    std::string tcp = "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n";
+    for (size_t i = 0; i < socks.size(); ++i) {
+        char line[256];
+        snprintf(line, sizeof line,
+                 "   %zu: 00000000:%04X 00000000:0000 0A 00000000:00000000 00:00000000 00000000     0        0 %d 1\n", i,
+                 socks[i].first, socks[i].second);
+        tcp += line;
+    }
+    t.file("/proc/net/tcp", tcp);
+}
+
+void fake_proc(const TempDir& t, int pid, const std::string& comm, const std::string& exe,
+               const std::vector<std::string>& argv, int inode) {
+    const std::string d = "/proc/" + std::to_string(pid);
+    std::string cmd;
+    for (const auto& a : argv) cmd += a + std::string(1, '\0');
+    t.file(d + "/comm", comm + "\n");
+    t.file(d + "/stat", std::to_string(pid) + " (" + comm + ") S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n");
+    t.file(d + "/status", "Uid:\t0\t0\t0\t0\nGid:\t0\t0\t0\t0\n");
+    t.file(d + "/cmdline", cmd);
+    t.link(d + "/exe", exe);
+    t.link(d + "/fd/5", "socket:[" + std::to_string(inode) + "]");
+}
+
 TEST(Servers, ImageWithNginxConfiguredButIdleAndHostileFiles) {
     TempDir t("amsrv");
     t.file("/etc/nginx/nginx.conf",
@@ -62,47 +87,31 @@ TEST(Servers, ImageWithNginxConfiguredButIdleAndHostileFiles) {
     // A link that leaves the image must not reach the machine's /etc.
     t.link("/etc/nginx/sites-enabled/host", "../../../../../../etc/nginx/nginx.conf");
 
-    const auto t0 = std::chrono::steady_clock::now();
     int32_t rc = -1;
     const auto out = collect(t.path, &rc);
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(10));  // a hang guard, not a timing check
     EXPECT_EQ(rc, 0);
-    std::set<uint32_t> ports;
-    std::set<std::string> names;
+    std::set<std::string> got;  // "port/host's port name document log"
     for (const auto& s : out) {
         EXPECT_EQ(s.pid, 0u);
         EXPECT_EQ(s.type, 1u);
         EXPECT_EQ(s.configure_path, "/etc/nginx/nginx.conf");
         EXPECT_EQ(s.log_path, "/var/log/nginx/e.log");
-        ports.insert(s.port);
-        for (const auto& h : s.hosts) {
-            names.insert(h.host);
-            EXPECT_EQ(h.port, s.port);
-        }
+        for (const auto& h : s.hosts)
+            got.insert(std::to_string(s.port) + "/" + std::to_string(h.port) + " " + h.host + " " + h.document +
+                       " " + h.logpath);
     }
-    EXPECT_EQ(ports, (std::set<uint32_t>{8081, 8082, 8083}));
-    EXPECT_EQ(names, (std::set<std::string>{"shop.test", "www.shop.test", "loop.test", "nul.test"}));
-    const AM::ServiceInfo* shop = find(out, 0, 8081);
-    ASSERT_TRUE(shop);
-    ASSERT_EQ(shop->hosts.size(), 2u);
-    EXPECT_EQ(shop->hosts[0].document, "/srv/shop");
-    EXPECT_EQ(shop->hosts[0].logpath, "/var/log/nginx/a.log");
+    const std::string log = " /var/log/nginx/a.log";
+    EXPECT_EQ(got, (std::set<std::string>{"8081/8081 shop.test /srv/shop" + log, "8081/8081 www.shop.test /srv/shop" + log,
+                                          "8082/8082 loop.test " + log, "8083/8083 nul.test " + log}));
 }
 
 // A server in a container: its sockets and process under a /proc of the tree,
 // its configuration inside its own root.
 TEST(Servers, ContainerServerReadsItsOwnRoot) {
     TempDir t("amsrv");
-    t.file("/proc/net/tcp",
-           "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
-           "   0: 0100007F:1F98 00000000:0000 0A 00000000:00000000 00:00000000 00000000     0        0 777 1\n");
-    t.file("/proc/4242/stat", "4242 (nginx) S 1 4242 4242 0 -1 4194560 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n");
-    t.file("/proc/4242/comm", "nginx\n");
-    t.file("/proc/4242/status", "Name:\tnginx\nUid:\t0\t0\t0\t0\nGid:\t0\t0\t0\t0\n");
-    t.file("/proc/4242/cmdline", BYTES("nginx: master process /usr/sbin/nginx -g daemon off;\0"));
+    fake_tcp(t, {{8088, 777}});
+    fake_proc(t, 4242, "nginx", "/usr/sbin/nginx", {"nginx: master process /usr/sbin/nginx -g daemon off;"}, 777);
     t.file("/proc/4242/cgroup", "0::/system.slice/web.service\n");
-    t.link("/proc/4242/fd/3", "socket:[777]");
-    t.link("/proc/4242/exe", "/usr/sbin/nginx");
     t.link("/proc/4242/root", "/containers/c1");
     t.file("/containers/c1/etc/nginx/nginx.conf",
            "http { server { listen 8088; server_name inside.test; root /usr/share/nginx/html; } }\n");
@@ -121,34 +130,11 @@ TEST(Servers, ContainerServerReadsItsOwnRoot) {
     for (const auto& r : out) EXPECT_NE(r.pid, 0u) << "the tree has no /etc/nginx of its own";
 }
 
-// A fake /proc with one listening process per product, each with its
-// configuration in the tree: Tomcat, MySQL with !includedir, PostgreSQL,
-// MongoDB.
-void fake_proc(const TempDir& t, int pid, const std::string& comm, const std::string& exe,
-               const std::vector<std::string>& argv, int inode) {
-    const std::string d = "/proc/" + std::to_string(pid);
-    std::string cmd;
-    for (const auto& a : argv) cmd += a + std::string(1, '\0');
-    t.file(d + "/comm", comm + "\n");
-    t.file(d + "/stat", std::to_string(pid) + " (" + comm + ") S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n");
-    t.file(d + "/status", "Uid:\t0\t0\t0\t0\nGid:\t0\t0\t0\t0\n");
-    t.file(d + "/cmdline", cmd);
-    t.link(d + "/exe", exe);
-    t.link(d + "/fd/5", "socket:[" + std::to_string(inode) + "]");
-}
-
+// One listening process per product, each with its configuration in the
+// tree: Tomcat, MySQL with !includedir, PostgreSQL, MongoDB.
 TEST(Servers, ProductsFromConfigurationTrees) {
     TempDir t("amsrv");
-    std::string tcp = "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n";
-    const int ports[] = {8080, 3306, 5432, 27017};
-    for (int i = 0; i < 4; ++i) {
-        char line[256];
-        snprintf(line, sizeof line,
-                 "   %d: 00000000:%04X 00000000:0000 0A 00000000:00000000 00:00000000 00000000     0        0 %d 1\n", i,
-                 ports[i], 900 + i);
-        tcp += line;
-    }
-    t.file("/proc/net/tcp", tcp);
+    fake_tcp(t, {{8080, 900}, {3306, 901}, {5432, 902}, {27017, 903}});
     fake_proc(t, 100, "java", "/usr/lib/jvm/java-17/bin/java",
               {"/usr/bin/java", "-Dcatalina.base=/var/lib/tomcat10", "-Dcatalina.home=/usr/share/tomcat10", "-cp",
                "x.jar", "org.apache.catalina.startup.Bootstrap", "start"},
@@ -196,10 +182,21 @@ TEST(Servers, ProductsFromConfigurationTrees) {
     EXPECT_EQ(tc->install_path, "/usr/share/tomcat10");
 }
 
+// No field carries the text of /etc/shadow.
+void expect_no_shadow(const std::vector<AM::ServiceInfo>& out) {
+    for (const auto& r : out) {
+        for (const std::string* f : {&r.configure_path, &r.data_path, &r.log_path, &r.name, &r.desc, &r.version})
+            EXPECT_EQ(f->find("root:"), std::string::npos) << *f;
+        for (const auto& h : r.hosts)
+            for (const std::string* f : {&h.ip, &h.host, &h.document, &h.logpath})
+                EXPECT_EQ(f->find("root:"), std::string::npos) << *f;
+    }
+}
+
 // An unprivileged user's listener that calls itself nginx and names a
-// configuration of its own: links to /etc/shadow, a FIFO, an include loop and
-// a 200-deep chain. Read inside its root with its rights: bounded, and the
-// shadow file never read.
+// configuration of its own: links to /etc/shadow, a FIFO, an include loop, a
+// 200-deep chain and a 50 MB file of NUL bytes. Read inside its root with its
+// rights: bounded, each site once, and the shadow file never read.
 TEST(Servers, UnprivilegedListenerWithHostileConfiguration) {
     if (getuid() != 0 || !amtest::have_tools("runuser bash") || access("/usr/bin/python3", X_OK))
         GTEST_SKIP() << "needs root, runuser, bash and /usr/bin/python3";
@@ -214,6 +211,8 @@ TEST(Servers, UnprivilegedListenerWithHostileConfiguration) {
     ASSERT_EQ(mkfifo((t.path + "/conf/evil/fifo").c_str(), 0644), 0);
     t.file("/conf/evil/loop", "include evil/*;\n");
     t.file("/conf/evil/chain", "include chain/c0;\n");
+    t.file("/conf/evil/big", "server { listen 127.0.0.1:" + std::to_string(port) + "; server_name big.test; }\n" +
+                                 std::string(50u << 20, '\0'));
     for (int i = 0; i < 200; ++i)
         t.file("/conf/chain/c" + std::to_string(i),
                "server { listen 127.0.0.1:" + std::to_string(port) + "; server_name c" + std::to_string(i) +
@@ -237,8 +236,10 @@ TEST(Servers, UnprivilegedListenerWithHostileConfiguration) {
     const std::set<std::string> keys = site_keys(*s);
     EXPECT_TRUE(keys.count(std::to_string(port) + " attacker.test"));
     EXPECT_TRUE(keys.count(std::to_string(port) + " c0.test"));
+    EXPECT_TRUE(keys.count(std::to_string(port) + " big.test"));
     EXPECT_FALSE(keys.count(std::to_string(port) + " c199.test"));  // cut at the include depth bound
-    for (const auto& h : s->hosts) EXPECT_EQ(h.host.find("root:"), std::string::npos);
+    EXPECT_EQ(keys.size(), s->hosts.size());                         // each site once despite the loop
+    expect_no_shadow(out);
 }
 
 // ------------------------------------------------------------ the real thing
@@ -296,8 +297,7 @@ std::set<std::string> apache_s_sites(const std::string& dump) {
 }
 
 std::string dpkg_version(const std::string& pkg) {
-    std::string v = amtest::run("dpkg-query -W -f='${Version}' " + pkg + " 2>/dev/null");
-    return v;
+    return amtest::run("dpkg-query -W -f='${Version}' " + pkg + " 2>/dev/null");
 }
 
 TEST(Servers, LiveNginxApacheRedisMemcached) {
@@ -313,15 +313,10 @@ TEST(Servers, LiveNginxApacheRedisMemcached) {
 
     const auto out = collect("/");
 
-    // Listeners as ss sees them: every port of our servers, with its owner.
-    const std::string ss = amtest::run("ss -Htlnp");
+    // Each port's owner as ss sees it (the master of nginx's and Apache's workers) has its record.
     for (int port : {live.nginx_port(), live.nginx_proxy_port(), live.apache_port(), live.apache_port2(),
-                     live.redis_port(), live.memcached_port()}) {
-        EXPECT_NE(ss.find(":" + std::to_string(port) + " "), std::string::npos) << port;
-        bool found = false;
-        for (const auto& s : out) found = found || (s.port == static_cast<uint32_t>(port) && s.pid != 0);
-        EXPECT_TRUE(found) << "no record for port " << port;
-    }
+                     live.redis_port(), live.memcached_port()})
+        EXPECT_TRUE(find(out, amlive::main_pid(amlive::listener_pid(port)), port)) << port;
 
     // nginx: sites as nginx -T prints the loaded configuration.
     const AM::ServiceInfo* ng = find(out, live.nginx, live.nginx_port());
@@ -375,7 +370,6 @@ TEST(Servers, LiveNginxApacheRedisMemcached) {
     ASSERT_TRUE(rd);
     EXPECT_EQ(rd->type, 8u);
     EXPECT_EQ(rd->version, dpkg_version("redis-tools"));
-    EXPECT_EQ(rd->version, dpkg_version("redis-server"));
     EXPECT_TRUE(rd->hosts.empty());
     const AM::ServiceInfo* mc = find(out, live.memcached, live.memcached_port());
     ASSERT_TRUE(mc);
@@ -385,29 +379,9 @@ TEST(Servers, LiveNginxApacheRedisMemcached) {
     EXPECT_EQ(mc->exec_user, "nobody");
     EXPECT_EQ(mc->configure_path, "");
 
-    // The configuration turns hostile under the running nginx: a site linked to
-    // /etc/shadow, a 50 MB file with NUL bytes, a loop. The answer stays
-    // bounded and no field carries the shadow file's text.
-    const std::string sites = live.dir + "/nginx/sites/";
-    ASSERT_EQ(symlink("/etc/shadow", (sites + "evil.conf").c_str()), 0);
-    {
-        std::ofstream big(sites + "big.conf", std::ios::binary);
-        big << "server { listen 127.0.0.1:" << live.nginx_port() << "; server_name big.test; }\n";
-        big << std::string(50u << 20, '\0');
-    }
-    amtest::write_file(sites + "loop.conf", "include sites/*.conf;\n");
-    const auto again = collect("/");
-    const AM::ServiceInfo* ng2 = find(again, live.nginx, live.nginx_port());
-    ASSERT_TRUE(ng2);
-    EXPECT_TRUE(site_keys(*ng2).count(std::to_string(live.nginx_port()) + " big.test"));
-    EXPECT_EQ(ng2->hosts.size(), ng->hosts.size() + 1);  // each site once despite the loop
-    for (const auto& r : again) {
-        for (const std::string* f : {&r.configure_path, &r.data_path, &r.log_path, &r.name, &r.desc, &r.version})
-            EXPECT_EQ(f->find("root:"), std::string::npos) << *f;
-        for (const auto& h : r.hosts)
-            for (const std::string* f : {&h.ip, &h.host, &h.document, &h.logpath})
-                EXPECT_EQ(f->find("root:"), std::string::npos) << *f;
-    }
+    // A site of the root-run nginx linked to /etc/shadow, which root could read.
+    ASSERT_EQ(symlink("/etc/shadow", (live.dir + "/nginx/sites/evil.conf").c_str()), 0);
+    expect_no_shadow(collect("/"));
     live.stop();
 }
 
