@@ -48,8 +48,7 @@ std::string packages_text(const std::string& tree, int* rc = nullptr) {
     return sorted_lines("", text);
 }
 
-const char* const kRpmQuery =
-    " --dbpath /var/lib/rpm -qa --qf 'rpm %{NAME}|%|EPOCH?{%{EPOCH}:}|%{VERSION}-%{RELEASE}\\n'";
+const char* const kRpmQuery = " --dbpath /var/lib/rpm -qa --qf 'rpm %{NAME}|%|EPOCH?{%{EPOCH}:}|%{VERSION}-%{RELEASE}\\n'";
 
 struct Family {
     const char* name;
@@ -76,10 +75,9 @@ const Family kFamilies[] = {
          if (!amimg::make_rpm_sqlite(scratch)) return why = "rpm/rpmbuild missing", std::string();
          const auto blobs = amimg::sqlite_blobs(scratch + "/var/lib/rpm/rpmdb.sqlite");
          run("rm -rf " + q(scratch) + "; mkdir -p " + q(t + "/var/lib/rpm"));
-         if (!amimg::make_bdb(t + "/var/lib/rpm/Packages", blobs))
-             return why = "db5.3_load missing", std::string();
-         return sorted_lines(
-             "", run("rpm --root " + q(t) + " --define '_db_backend bdb_ro'" + kRpmQuery + " 2>/dev/null"));
+         if (!amimg::make_bdb(t + "/var/lib/rpm/Packages", blobs)) return why = "db5.3_load missing", std::string();
+         return sorted_lines("", run("rpm --root " + q(t) + " --define '_db_backend bdb_ro'" + kRpmQuery +
+                                     " 2>/dev/null"));
      }},
     {"opensuse-ndb",
      [](const std::string& t, std::string& why) {
@@ -90,8 +88,8 @@ const Family kFamilies[] = {
          const std::string want = sorted_lines("", run("rpm --root " + q(scratch) + kRpmQuery));
          amtest::write_file(t + "/usr/lib/sysimage/rpm/Packages.db",
                             amimg::ndb_file(amimg::sqlite_blobs(scratch + "/var/lib/rpm/rpmdb.sqlite")));
-         run("rm -rf " + q(scratch) + "; mkdir -p " + q(t + "/var/lib") +
-             " && ln -s ../../usr/lib/sysimage/rpm " + q(t + "/var/lib/rpm"));
+         run("rm -rf " + q(scratch) + "; mkdir -p " + q(t + "/var/lib") + " && ln -s ../../usr/lib/sysimage/rpm " +
+             q(t + "/var/lib/rpm"));
          return want;
      }},
     {"alpine",
@@ -100,22 +98,18 @@ const Family kFamilies[] = {
              "C:Q1abc=\nP:musl\nV:1.2.4-r2\nA:x86_64\nS:1\nI:622592\nT:the musl c library\no:musl\n\n"
              "P:busybox\nV:1.36.1-r5\nA:x86_64\nI:950272\nT:Size optimized toolbox\n";
          amtest::write_file(t + "/lib/apk/db/installed", db);
-         return sorted_lines(
-             "apk ", run("awk -F: '/^P:/{p=$2} /^V:/{print p \"|\" $2}' " + q(t + "/lib/apk/db/installed")));
+         return sorted_lines("apk ", run("awk -F: '/^P:/{p=$2} /^V:/{print p \"|\" $2}' " +
+                                         q(t + "/lib/apk/db/installed")));
      }},
     {"distroless",
      [](const std::string& t, std::string&) {
          const std::string d = t + "/var/lib/dpkg/status.d/";
-         amtest::write_file(d + "base-files",
-                            "Package: base-files\nVersion: 12.4+deb12u5\nArchitecture: amd64\n"
-                            "Maintainer: S <s@example.org>\nDescription: base system\n");
-         amtest::write_file(d + "tzdata",
-                            "Package: tzdata\nVersion: 2024a-0+deb12u1\nArchitecture: all\n"
-                            "Status: install ok installed\nDescription: time zones\n");
-         amtest::write_file(d + "tzdata.md5sums",
-                            "d41d8cd98f00b204e9800998ecf8427e  usr/share/zoneinfo/UTC\n");
-         return sorted_lines("deb ", run("cd " + q(d) +
-                                         " && cat base-files tzdata | awk '/^Package:/{p=$2} "
+         amtest::write_file(d + "base-files", "Package: base-files\nVersion: 12.4+deb12u5\nArchitecture: amd64\n"
+                                              "Maintainer: S <s@example.org>\nDescription: base system\n");
+         amtest::write_file(d + "tzdata", "Package: tzdata\nVersion: 2024a-0+deb12u1\nArchitecture: all\n"
+                                          "Status: install ok installed\nDescription: time zones\n");
+         amtest::write_file(d + "tzdata.md5sums", "d41d8cd98f00b204e9800998ecf8427e  usr/share/zoneinfo/UTC\n");
+         return sorted_lines("deb ", run("cd " + q(d) + " && cat base-files tzdata | awk '/^Package:/{p=$2} "
                                          "/^Version:/{print p \"|\" $2}'"));
      }},
 };
@@ -201,11 +195,10 @@ TEST(Images, RpmSqliteWithUncheckpointedLog) {
     const std::string db = dir.path + "/var/lib/rpm/rpmdb.sqlite";
     int st = 0;
     // A second copy of the first package, committed to the log only.
-    run("/usr/bin/python3 -c " + q("import sqlite3,os; c=sqlite3.connect(\"" + db +
-                                   "\"); c.execute(\"PRAGMA journal_mode=WAL\"); "
-                                   "c.execute(\"PRAGMA wal_autocheckpoint=0\"); c.execute(\"INSERT INTO "
-                                   "Packages(hnum,blob) SELECT "
-                                   "100,blob FROM Packages WHERE hnum=1\"); c.commit(); os._exit(0)"),
+    run("/usr/bin/python3 -c " +
+            q("import sqlite3,os; c=sqlite3.connect(\"" + db + "\"); c.execute(\"PRAGMA journal_mode=WAL\"); "
+              "c.execute(\"PRAGMA wal_autocheckpoint=0\"); c.execute(\"INSERT INTO Packages(hnum,blob) SELECT "
+              "100,blob FROM Packages WHERE hnum=1\"); c.commit(); os._exit(0)"),
         &st);
     struct stat wal;
     ASSERT_TRUE(st == 0 && stat((db + "-wal").c_str(), &wal) == 0 && wal.st_size > 0) << "no log left";
@@ -229,22 +222,16 @@ TEST(Images, FamilyLayouts) {
     dir.link("/etc/runlevels/default/sshd", "/etc/init.d/sshd");
     dir.link("/etc/runlevels/boot/sshd", "/etc/init.d/sshd");
     // An aarch64 /bin/sh on this x86_64 machine.
-    std::string elf(
-        "\x7f"
-        "ELF\x02\x01\x01",
-        7);
+    std::string elf("\x7f" "ELF\x02\x01\x01", 7);
     elf.resize(64, '\0');
     elf[18] = static_cast<char>(183);
     dir.file("/bin/busybox", elf, 0755);
     dir.link("/bin/sh", "/bin/busybox");
     // Merged /usr: /lib is a link to usr/lib.
     dir.link("/lib", "usr/lib");
-    dir.file("/usr/lib/systemd/system/apt-daily.timer",
-             "[Unit]\nDescription=Daily apt\n[Timer]\nOnCalendar=daily\n");
-    dir.file("/usr/lib/systemd/system/apt-daily.service",
-             "[Service]\nExecStart=/usr/lib/apt/apt.systemd.daily\n");
-    dir.link("/etc/systemd/system/timers.target.wants/apt-daily.timer",
-             "/lib/systemd/system/apt-daily.timer");
+    dir.file("/usr/lib/systemd/system/apt-daily.timer", "[Unit]\nDescription=Daily apt\n[Timer]\nOnCalendar=daily\n");
+    dir.file("/usr/lib/systemd/system/apt-daily.service", "[Service]\nExecStart=/usr/lib/apt/apt.systemd.daily\n");
+    dir.link("/etc/systemd/system/timers.target.wants/apt-daily.timer", "/lib/systemd/system/apt-daily.timer");
 
     std::vector<AM::CronInfo> crons;
     ASSERT_EQ(0, collect_crons(HostRoot(t), crons));
@@ -293,9 +280,7 @@ TEST(Images, FifoIsNeverOpened) {
         for (int i = 0; i < 500; ++i) {
             std::string wchan;
             read_file("/proc/" + std::to_string(w) + "/wchan", wchan, 64);
-            if (wchan.find("fifo") != std::string::npos ||
-                wchan.find("wait_for_partner") != std::string::npos)
-                break;
+            if (wchan.find("fifo") != std::string::npos || wchan.find("wait_for_partner") != std::string::npos) break;
             usleep(10000);
         }
     }
