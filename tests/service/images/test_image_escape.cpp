@@ -16,81 +16,54 @@ namespace {
 using namespace amsvc;
 using amtest::run;
 
-// Every kind's records as text: the return code, then the fields.
-std::string inventory(const HostRoot& root) {
+// Fields joined by blanks.
+template <class... F>
+std::string words(const F&... f) {
     std::string out;
-    auto add = [&](const char* kind, int rc, const std::string& body) {
-        out += std::string("== ") + kind + " " + std::to_string(rc) + "\n" + body;
-    };
-    {
-        std::vector<AM::ProcessInfo> v;
-        const int rc = collect_processes(root, v);
-        std::string b;
-        for (const auto& p : v) b += std::to_string(p.pid) + " " + p.name + " " + p.path + " " + p.cmd_line + "\n";
-        add("processes", rc, b);
-    }
-    {
-        std::vector<AM::NetLinkInfo> v;
-        const int rc = collect_netlinks(root, v);
-        std::string b;
-        for (const auto& s : v) b += s.proto + " " + s.local_addr + ":" + std::to_string(s.local_port) + " " + s.proc_path + "\n";
-        add("netlinks", rc, b);
-    }
-    {
-        std::vector<AM::SysInstallPackageInfo> v;
-        const int rc = collect_packages(root, v);
-        std::string b;
-        for (const auto& p : v) b += p.type + " " + p.name + " " + p.version + " [" + p.installtime + "] " + p.summary + "\n";
-        add("packages", rc, b);
-    }
-    {
-        std::vector<AM::UserInfo> v;
-        const int rc = collect_users(root, v);
-        std::string b;
-        for (const auto& u : v) b += u.name + " " + u.uid + " " + u.homedir + " " + u.last_change_passwd + "\n";
-        add("users", rc, b);
-    }
-    {
-        std::vector<AM::CronInfo> v;
-        const int rc = collect_crons(root, v);
-        std::string b;
-        for (const auto& c : v) b += c.user + " " + c.file + " " + c.cmd_line + " " + c.comment + "\n";
-        add("crons", rc, b);
-    }
-    {
-        std::vector<AM::SysLoadModuleInfo> v;
-        const int rc = collect_kernel_modules(root, v);
-        std::string b;
-        for (const auto& m : v) b += m.name + "\n";
-        add("modules", rc, b);
-    }
-    {
-        std::vector<AM::AutoRunServInfo> v;
-        const int rc = collect_autoruns(root, v);
-        std::string b;
-        for (const auto& a : v) b += a.name + " " + a.script_path + " " + a.status + " " + a.comment + "\n";
-        add("autoruns", rc, b);
-    }
-    {
-        AM::SystemInfo s;
-        const int rc = collect_system_facts(root, s);
-        std::string b = s.host + "|" + s.version + "|" + s.kernel_version + "|" + s.arch + "|" + s.Manufacturer +
-                        "|" + s.product + "|" + s.Serial + "|" + std::to_string(s.network_card.size()) + "|" +
-                        std::to_string(s.disk.size()) + "\n";
-        add("system", rc, b);
-    }
-    {
-        std::vector<AM::ServiceInfo> v;
-        const int rc = collect_servers(root, v);
-        std::string b;
-        for (const auto& s : v) b += s.name + " " + s.install_path + " " + s.configure_path + "\n";
-        add("servers", rc, b);
-    }
-    {
-        std::vector<AM::ThirdPartDevLibInfo> v;
-        add("libraries", collect_libraries(root, v), std::to_string(v.size()) + "\n");
-    }
+    ((out += std::string(f) + " "), ...);
     return out;
+}
+
+// One kind's records as text: "== kind rc", then a line per record.
+template <class T, class Line>
+std::string kind(const char* name, int (*collect)(const HostRoot&, std::vector<T>&), const HostRoot& root,
+                 Line line) {
+    std::vector<T> v;
+    std::string out = std::string("== ") + name + " " + std::to_string(collect(root, v)) + "\n";
+    for (const T& x : v) out += line(x) + "\n";
+    return out;
+}
+
+// Every kind's records as text.
+std::string inventory(const HostRoot& root) {
+    using std::to_string;
+    AM::SystemInfo s;
+    const int sys_rc = collect_system_facts(root, s);
+    std::vector<AM::ThirdPartDevLibInfo> libs;
+    const int lib_rc = collect_libraries(root, libs);
+    return kind("processes", collect_processes, root,
+                [](const auto& p) { return words(to_string(p.pid), p.name, p.path, p.cmd_line); }) +
+           kind("netlinks", collect_netlinks, root,
+                [](const auto& n) {
+                    return words(n.proto, n.local_addr, to_string(n.local_port), n.proc_path);
+                }) +
+           kind("packages", collect_packages, root,
+                [](const auto& p) {
+                    return words(p.type, p.name, p.version, "[" + p.installtime + "]", p.summary);
+                }) +
+           kind("users", collect_users, root,
+                [](const auto& u) { return words(u.name, u.uid, u.homedir, u.last_change_passwd); }) +
+           kind("crons", collect_crons, root,
+                [](const auto& c) { return words(c.user, c.file, c.cmd_line, c.comment); }) +
+           kind("modules", collect_kernel_modules, root, [](const auto& m) { return m.name; }) +
+           kind("autoruns", collect_autoruns, root,
+                [](const auto& a) { return words(a.name, a.script_path, a.status, a.comment); }) +
+           kind("servers", collect_servers, root,
+                [](const auto& v) { return words(v.name, v.install_path, v.configure_path); }) +
+           "== libraries " + to_string(lib_rc) + "\n" + to_string(libs.size()) + "\n== system " +
+           to_string(sys_rc) + "\n" + s.host + "|" + s.version + "|" + s.kernel_version + "|" + s.arch + "|" +
+           s.Manufacturer + "|" + s.product + "|" + s.Serial + "|" + to_string(s.network_card.size()) + "|" +
+           to_string(s.disk.size()) + "\n";
 }
 
 TEST(ImageEscape, NoFactOfTheRunningMachine) {
@@ -106,9 +79,11 @@ TEST(ImageEscape, NoFactOfTheRunningMachine) {
     canary.file("/etc/os-release", "PRETTY_NAME=\"" + token + " OS\"\n");
     canary.file("/etc/hostname", token + "-host\n");
     canary.file("/dpkg/status", "Package: " + token + "-deb\nStatus: install ok installed\nVersion: 1\n");
-    canary.file("/systemd/system/" + token + ".timer", "[Unit]\nDescription=" + token + "\n[Timer]\nOnCalendar=daily\n");
+    canary.file("/systemd/system/" + token + ".timer",
+                "[Unit]\nDescription=" + token + "\n[Timer]\nOnCalendar=daily\n");
     canary.file("/systemd/system/" + token + ".service", "[Service]\nExecStart=/bin/" + token + "\n");
-    canary.link("/systemd/system/timers.target.wants/" + token + ".timer", c + "/systemd/system/" + token + ".timer");
+    canary.link("/systemd/system/timers.target.wants/" + token + ".timer",
+                c + "/systemd/system/" + token + ".timer");
     canary.file("/init.d/" + token + "svc", "#!/bin/sh\n", 0755);
     canary.file("/xdg/autostart/" + token + ".desktop", "[Desktop Entry]\nExec=/bin/" + token + "\n");
     ASSERT_TRUE(amimg::make_rpm_sqlite(c + "/rpmroot")) << "needs rpm and rpmbuild";
@@ -157,12 +132,15 @@ TEST(ImageEscape, NoFactOfTheRunningMachine) {
 
     // A whole image of links to the machine's top directories.
     amtest::TempDir top{"amimg_escape_top"};
-    for (const char* d : {"/etc", "/var", "/usr", "/lib", "/bin", "/sbin", "/proc", "/sys", "/run", "/root", "/home"})
+    for (const char* d :
+         {"/etc", "/var", "/usr", "/lib", "/bin", "/sbin", "/proc", "/sys", "/run", "/root", "/home"})
         top.link(d, d);
     const std::string inv_top = inventory(HostRoot(top.path));
     // Each link is a loop inside the image: no kind finds a record.
-    for (const char* kind : {"processes", "netlinks", "packages", "users", "crons", "modules", "autoruns", "system"})
-        EXPECT_NE(std::string::npos, inv_top.find(std::string("== ") + kind + " -")) << kind << "\n" << inv_top;
+    for (const char* kind :
+         {"processes", "netlinks", "packages", "users", "crons", "modules", "autoruns", "system"})
+        EXPECT_NE(std::string::npos, inv_top.find(std::string("== ") + kind + " -")) << kind << "\n"
+                                                                                     << inv_top;
     EXPECT_NE(std::string::npos, inv_top.find("\n|||||||0|0\n")) << inv_top;
 }
 
@@ -180,7 +158,8 @@ TEST(ImageEscape, ReadOnlyMountGivesTheSameInventory) {
     EXPECT_NE(std::string::npos, rw.find("rpm amtest-one 2:1.0")) << rw;
     EXPECT_NE(std::string::npos, rw.find("deb amtest-a 1:2.0")) << rw;
     EXPECT_EQ(before, amimg::tree_sum(image.path));
-    const std::string ro = amimg::in_readonly_mount(image.path, [&] { return inventory(HostRoot(image.path)); });
+    const std::string ro =
+        amimg::in_readonly_mount(image.path, [&] { return inventory(HostRoot(image.path)); });
     if (ro == "SKIP") GTEST_SKIP() << "no private mount namespace here";
     EXPECT_EQ(rw, ro);
 }

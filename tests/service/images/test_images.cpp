@@ -27,19 +27,6 @@ using namespace amsvc;
 using amimg::q;
 using amtest::run;
 
-std::string packages_text(const std::string& tree, int* rc = nullptr) {
-    std::vector<AM::SysInstallPackageInfo> pkgs;
-    const int r = collect_packages(HostRoot(tree), pkgs);
-    if (rc) *rc = r;
-    std::vector<std::string> lines;
-    for (const auto& p : pkgs)
-        lines.push_back(p.type + " " + p.name + "|" + p.version + (p.release.empty() ? "" : "-" + p.release));
-    std::sort(lines.begin(), lines.end());
-    std::string out;
-    for (const auto& l : lines) out += l + "\n";
-    return out;
-}
-
 std::string sorted_lines(const std::string& prefix, const std::string& text) {
     std::vector<std::string> v;
     for (std::string_view l : split_lines(text))
@@ -48,6 +35,17 @@ std::string sorted_lines(const std::string& prefix, const std::string& text) {
     std::string out;
     for (const auto& l : v) out += l + "\n";
     return out;
+}
+
+// The packages as "type name|version[-release]" lines, sorted.
+std::string packages_text(const std::string& tree, int* rc = nullptr) {
+    std::vector<AM::SysInstallPackageInfo> pkgs;
+    const int r = collect_packages(HostRoot(tree), pkgs);
+    if (rc) *rc = r;
+    std::string text;
+    for (const auto& p : pkgs)
+        text += p.type + " " + p.name + "|" + p.version + (p.release.empty() ? "" : "-" + p.release) + "\n";
+    return sorted_lines("", text);
 }
 
 const char* const kRpmQuery = " --dbpath /var/lib/rpm -qa --qf 'rpm %{NAME}|%|EPOCH?{%{EPOCH}:}|%{VERSION}-%{RELEASE}\\n'";
@@ -270,11 +268,10 @@ TEST(Images, FifoIsNeverOpened) {
     amtest::TempDir dir{"amimg_fifo"};
     dir.mkdir("/etc/cron.d");
     dir.mkdir("/var/lib/dpkg");
-    for (const char* f : {"/etc/crontab", "/etc/passwd", "/var/lib/dpkg/status", "/etc/os-release"})
-        ASSERT_EQ(0, mkfifo((dir.path + f).c_str(), 0644));
     std::vector<pid_t> writers;
     for (const char* f : {"/etc/crontab", "/etc/passwd", "/var/lib/dpkg/status", "/etc/os-release"}) {
         const std::string path = dir.path + f;
+        ASSERT_EQ(0, mkfifo(path.c_str(), 0644));
         const pid_t w = fork();
         if (w == 0) _exit(open(path.c_str(), O_WRONLY) >= 0 ? 0 : 1);  // blocks until a reader opens
         writers.push_back(w);

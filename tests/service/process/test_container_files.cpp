@@ -21,53 +21,15 @@
 #include "core/common.h"
 #include "core/file_facts.h"
 #include "core/root_open.h"
+#include "proc_helpers.h"
 
 namespace fs = std::filesystem;
 using namespace amsvc;
+using amproc::slurp;
+using amproc::sum;
+using amtest::TempDir;
 
 namespace {
-
-class TempRoot {
-public:
-    TempRoot() {
-        char tmpl[] = "/tmp/amcont.XXXXXX";
-        const char* d = mkdtemp(tmpl);
-        if (d) path_ = d;
-    }
-    ~TempRoot() {
-        std::error_code ec;
-        if (!path_.empty()) fs::remove_all(path_, ec);
-    }
-    const std::string& path() const { return path_; }
-    std::string write(const std::string& rel, const std::string& data) {
-        fs::create_directories(fs::path(path_ + "/" + rel).parent_path());
-        std::ofstream(path_ + "/" + rel, std::ios::binary) << data;
-        return path_ + "/" + rel;
-    }
-    void link(const std::string& target, const std::string& rel) {
-        fs::create_directories(fs::path(path_ + "/" + rel).parent_path());
-        fs::create_symlink(target, path_ + "/" + rel);
-    }
-
-private:
-    std::string path_;
-};
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-std::string run_word(const std::string& cmd) {
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return out;
-    char buf[256];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    pclose(p);
-    return out.substr(0, out.find_first_of(" \n"));
-}
 
 // Content read through an opener, or "<errno>" when it refused.
 typedef int (*Opener)(int, std::string_view, bool);
@@ -88,26 +50,25 @@ const std::string kAbcSha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9c
 // A container's tree that points at the host every way a link can: an
 // absolute directory link, a relative one climbing past the top, a final
 // component link, a loop, a link through /proc. The host has every target.
-void lay_out_hostile_root(TempRoot& r) {
-    r.write("etc/passwd", "inside passwd");
-    r.write("usr/lib/abc.so", "abc");
-    r.link("/etc", "lib");                          // /lib/passwd: the root's /etc/passwd
-    r.link("../../../../../../etc", "usr/up");      // climbs to the root, not past it
-    r.link("/usr/lib/abc.so", "usr/lib/final.so");  // absolute final link
-    r.link("/etc/hostname", "usr/lib/host.so");     // the root has no /etc/hostname
-    r.link("loop2", "loop1");
-    r.link("loop1", "loop2");
-    r.link("/proc/self/root/etc", "selfroot");
-    fs::create_directories(r.path() + "/deep/a/b");
+void lay_out_hostile_root(TempDir& r) {
+    r.file("/etc/passwd", "inside passwd");
+    r.file("/usr/lib/abc.so", "abc");
+    r.link("/lib", "/etc");                          // /lib/passwd: the root's /etc/passwd
+    r.link("/usr/up", "../../../../../../etc");      // climbs to the root, not past it
+    r.link("/usr/lib/final.so", "/usr/lib/abc.so");  // absolute final link
+    r.link("/usr/lib/host.so", "/etc/hostname");     // the root has no /etc/hostname
+    r.link("/loop1", "loop2");
+    r.link("/loop2", "loop1");
+    r.link("/selfroot", "/proc/self/root/etc");
+    r.mkdir("/deep/a/b");
 }
 
 class RootOpen : public ::testing::TestWithParam<Opener> {};
 
 TEST_P(RootOpen, LinksStayInsideTheRoot) {
-    TempRoot r;
-    ASSERT_FALSE(r.path().empty());
+    TempDir r;
     lay_out_hostile_root(r);
-    const int root_fd = open_root_dir(r.path());
+    const int root_fd = open_root_dir(r.path);
     ASSERT_GE(root_fd, 0);
     const Opener open = GetParam();
 
@@ -135,12 +96,11 @@ TEST_P(RootOpen, LinksStayInsideTheRoot) {
 INSTANTIATE_TEST_SUITE_P(OpenAt2AndWalk, RootOpen, ::testing::Values(&open_in_root, &open_in_root_walk));
 
 TEST(ContainerFacts, RootDirResolvesInside) {
-    TempRoot r;
-    ASSERT_FALSE(r.path().empty());
+    TempDir r;
     lay_out_hostile_root(r);
-    r.write("lib2/x/shadow", "abc");
+    r.file("/lib2/x/shadow", "abc");
     FileRef ref;
-    ref.root_dir = r.path();
+    ref.root_dir = r.path;
     ref.no_follow = true;
     ref.foreign = true;
 
@@ -154,8 +114,8 @@ TEST(ContainerFacts, RootDirResolvesInside) {
     // Through lib -> /etc: the root's passwd, never the host's.
     ref.host_path = "/lib/passwd";
     f = file_facts(HostRoot("/"), ref);
-    EXPECT_EQ(f.md5, run_word("md5sum " + r.path() + "/etc/passwd"));
-    EXPECT_NE(f.md5, run_word("md5sum /etc/passwd"));
+    EXPECT_EQ(f.md5, sum(r.path + "/etc/passwd"));
+    EXPECT_NE(f.md5, sum("/etc/passwd"));
     for (const char* p : {"/lib/shadow", "/lib/hostname", "/usr/lib/host.so", "/usr/lib/final.so"}) {
         ref.host_path = p;
         f = file_facts(HostRoot("/"), ref);
@@ -164,12 +124,12 @@ TEST(ContainerFacts, RootDirResolvesInside) {
     }
 
     // Many at once, roots interleaved (each thread keeps one root open).
-    TempRoot other;
-    other.write("usr/lib/abc.so", "other");
+    TempDir other;
+    other.file("/usr/lib/abc.so", "other");
     std::vector<FileRef> refs;
     for (int i = 0; i < 40; ++i) {
         FileRef x = ref;
-        x.root_dir = i % 3 ? r.path() : other.path();
+        x.root_dir = i % 3 ? r.path : other.path;
         x.host_path = i % 2 ? "/usr/lib/abc.so" : "/lib/shadow";
         refs.push_back(x);
     }
@@ -184,25 +144,26 @@ TEST(ContainerFacts, RootDirResolvesInside) {
 
     // A root that is not a directory, or gone.
     ref.host_path = "/usr/lib/abc.so";
-    ref.root_dir = r.path() + "/etc/passwd";
+    ref.root_dir = r.path + "/etc/passwd";
     EXPECT_EQ(file_facts(HostRoot("/"), ref).md5, "");
-    ref.root_dir = r.path() + "/nonexistent";
+    ref.root_dir = r.path + "/nonexistent";
     EXPECT_EQ(file_facts(HostRoot("/"), ref).md5, "");
 }
 
 // A host root that is a mounted image: its absolute links mean the image's files.
 TEST(ContainerFacts, ImageRootResolvesInside) {
-    TempRoot r;
-    ASSERT_FALSE(r.path().empty());
+    TempDir r;
     lay_out_hostile_root(r);
-    const HostRoot image(r.path());
-    FileFacts f = file_facts(image, FileRef{"/lib/passwd", ""});
-    EXPECT_EQ(f.md5, run_word("md5sum " + r.path() + "/etc/passwd"));
-    EXPECT_EQ(file_facts(image, FileRef{"/lib/shadow", ""}).md5, "");
-    EXPECT_EQ(file_facts(image, FileRef{"/usr/lib/final.so", ""}).md5, kAbcMd5);
-    EXPECT_EQ(file_facts(image, FileRef{"/usr/lib/final.so", "", true}).md5, "");
-    EXPECT_EQ(file_facts(image, FileRef{"/usr/lib/host.so", ""}).md5, "");
-    EXPECT_EQ(file_facts(image, FileRef{"/usr/up/passwd", ""}).md5, f.md5);
+    const HostRoot image(r.path);
+    const std::string inside = sum(r.path + "/etc/passwd");
+    const std::pair<FileRef, std::string> rows[] = {{{"/lib/passwd", ""}, inside},
+                                                    {{"/usr/up/passwd", ""}, inside},
+                                                    {{"/lib/shadow", ""}, ""},
+                                                    {{"/usr/lib/final.so", ""}, kAbcMd5},
+                                                    {{"/usr/lib/final.so", "", true}, ""},
+                                                    {{"/usr/lib/host.so", ""}, ""}};
+    for (const auto& row : rows)
+        EXPECT_EQ(file_facts(image, row.first).md5, row.second) << row.first.host_path;
 }
 
 // The collector on a fixture /proc (a tree, not procfs): a process whose
@@ -211,63 +172,57 @@ TEST(ContainerFacts, ImageRootResolvesInside) {
 // the maps read and the hashing); and links of the tree's own /proc that
 // point at host files, which must be looked up inside the tree.
 TEST(ContainerFacts, CollectorFixtureForeignRoot) {
-    TempRoot host;
-    ASSERT_FALSE(host.path().empty());
-    const std::string cont = host.path() + "/var/lib/c1";
+    TempDir host;
+    const std::string cont = host.path + "/var/lib/c1";
     {
-        TempRoot scratch;
+        TempDir scratch;
         lay_out_hostile_root(scratch);
         fs::create_directories(cont);
-        fs::copy(scratch.path(), cont, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+        fs::copy(scratch.path, cont, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
     }
     const std::string libc = "/lib/x86_64-linux-gnu/libc.so.6";
-    host.write("var/lib/c1/real" + libc, "abc");
-    host.link("/real/lib/x86_64-linux-gnu", "var/lib/c1/usr/libc-dir");  // /real: not at the tree's top
-    host.write("etc/passwd", "the tree's passwd");
-    host.write("proc/stat", "btime 1700000000\n");
+    host.file("/var/lib/c1/real" + libc, "abc");
+    host.link("/var/lib/c1/usr/libc-dir", "/real/lib/x86_64-linux-gnu");  // /real: not at the tree's top
+    host.file("/etc/passwd", "the tree's passwd");
+    host.file("/proc/stat", "btime 1700000000\n");
     for (const char* pid : {"7", "8"}) {
         const std::string d = std::string("proc/") + pid;
-        host.write(d + "/stat", std::string(pid) + " (app) S 1 1 1 0 -1 0 0 0 0 0 1 1 0 0 20 0 1 0 5 0 0\n");
-        host.write(d + "/status", "Uid:\t0\t0\t0\t0\n");
+        host.file("/" + d + "/stat",
+                  std::string(pid) + " (app) S 1 1 1 0 -1 0 0 0 0 0 1 1 0 0 20 0 1 0 5 0 0\n");
+        host.file("/" + d + "/status", "Uid:\t0\t0\t0\t0\n");
     }
     // 7: a container, its root named by its full host path.
-    host.link(cont, "proc/7/root");
-    host.write("proc/7/maps",
-               "1000-2000 r-xp 00000000 fe:00 1 /usr/lib/abc.so\n"
-               "2000-3000 r-xp 00000000 fe:00 2 /lib/passwd\n"
-               "3000-4000 r-xp 00000000 fe:00 3 /lib/shadow\n"
-               "4000-5000 r-xp 00000000 fe:00 4 /usr/libc-dir/libc.so.6\n");
+    host.link("/proc/7/root", cont);
+    host.file("/proc/7/maps",
+              "1000-2000 r-xp 00000000 fe:00 1 /usr/lib/abc.so\n"
+              "2000-3000 r-xp 00000000 fe:00 2 /lib/passwd\n"
+              "3000-4000 r-xp 00000000 fe:00 3 /lib/shadow\n"
+              "4000-5000 r-xp 00000000 fe:00 4 /usr/libc-dir/libc.so.6\n");
     // 8: the tree's links aim at the host: its root at "/", a deleted
     // library at the host's /etc/passwd, its deleted exe at /etc/shadow.
-    host.link("/", "proc/8/root");
-    host.link("/etc/shadow (deleted)", "proc/8/exe");
-    host.link("/etc/passwd", "proc/8/map_files/1000-2000");
-    host.write("proc/8/maps",
-               "1000-2000 r-xp 00000000 fe:00 9 /usr/lib/gone.so (deleted)\n"
-               "2000-3000 r-xp 00000000 fe:00 5 /etc/passwd\n"
-               "3000-4000 r-xp 00000000 fe:00 6 /etc/shadow\n");
+    host.link("/proc/8/root", "/");
+    host.link("/proc/8/exe", "/etc/shadow (deleted)");
+    host.link("/proc/8/map_files/1000-2000", "/etc/passwd");
+    host.file("/proc/8/maps",
+              "1000-2000 r-xp 00000000 fe:00 9 /usr/lib/gone.so (deleted)\n"
+              "2000-3000 r-xp 00000000 fe:00 5 /etc/passwd\n"
+              "3000-4000 r-xp 00000000 fe:00 6 /etc/shadow\n");
     std::vector<AM::ProcessInfo> out;
-    ASSERT_EQ(collect_processes(HostRoot(host.path()).set_fixture_proc(true), out), 0);
+    ASSERT_EQ(collect_processes(HostRoot(host.path).set_fixture_proc(true), out), 0);
     ASSERT_EQ(out.size(), 2u);
-    const auto& mods = out[0].modules;
-    ASSERT_EQ(mods.size(), 4u);
-    // In a tree, absolute links resolve at the tree's top, never on the host.
-    const std::string tree_passwd = run_word("md5sum " + host.path() + "/etc/passwd");
-    EXPECT_EQ(mods[0].md5, kAbcMd5);
-    EXPECT_EQ(mods[1].md5, tree_passwd);
-    EXPECT_EQ(mods[2].md5, "");
-    EXPECT_EQ(mods[3].md5, "");
-    for (const auto& m : mods) {
-        EXPECT_EQ(m.company, "") << m.path;
-        EXPECT_FALSE(m.verified) << m.path;
+    // In a tree, absolute links resolve at the tree's top, never on the host;
+    // the tree has no /etc/shadow.
+    const std::string tree_passwd = sum(host.path + "/etc/passwd");
+    const std::vector<std::string> want[] = {{kAbcMd5, tree_passwd, "", ""}, {"", tree_passwd, tree_passwd, ""}};
+    for (size_t i = 0; i < 2; ++i) {
+        ASSERT_EQ(out[i].modules.size(), 4u);
+        for (size_t j = 0; j < 4; ++j) {
+            const auto& m = out[i].modules[j];
+            EXPECT_EQ(m.md5, want[i][j]) << out[i].pid << " " << m.path;
+            EXPECT_TRUE(m.company.empty() && !m.verified) << m.path;
+        }
     }
-    const auto& mods8 = out[1].modules;
-    ASSERT_EQ(mods8.size(), 4u);
-    EXPECT_EQ(mods8[0].path, "/etc/shadow (deleted)");
-    EXPECT_EQ(mods8[0].md5, "");  // the tree has no /etc/shadow
-    EXPECT_EQ(mods8[1].md5, tree_passwd);
-    EXPECT_EQ(mods8[2].md5, tree_passwd);
-    EXPECT_EQ(mods8[3].md5, "");
+    EXPECT_EQ(out[1].modules[0].path, "/etc/shadow (deleted)");
 }
 
 // A real process chrooted into a fake root with its own (altered) copy of
@@ -279,49 +234,30 @@ TEST(ContainerLive, ChrootedProcess) {
     if (!fs::exists(sleep_bin) || !fs::exists(ld) || !fs::exists(libc))
         GTEST_SKIP() << "not an x86-64 glibc host";
     const FileFacts host_libc = file_facts(HostRoot("/"), FileRef{libc, ""});
-    TempRoot r;
-    ASSERT_FALSE(r.path().empty());
-    fs::create_directories(r.path() + "/bin");
-    fs::create_directories(r.path() + "/lib64");
-    fs::create_directories(r.path() + "/lib/x86_64-linux-gnu");
-    fs::copy_file(sleep_bin, r.path() + "/bin/sleep");
-    fs::copy_file(ld, r.path() + ld);
-    fs::copy_file(libc, r.path() + libc);
-    chmod((r.path() + "/bin/sleep").c_str(), 0755);
-    chmod((r.path() + ld).c_str(), 0755);
-    std::ofstream(r.path() + libc, std::ios::app | std::ios::binary) << "container's own copy";
-    const std::string fake_md5 = run_word("md5sum " + r.path() + libc);
+    TempDir r;
+    for (const std::string& f : {sleep_bin, ld, libc}) amtest::write_file(r.path + f, slurp(f), 0755);
+    std::ofstream(r.path + libc, std::ios::app | std::ios::binary) << "container's own copy";
+    const std::string fake_md5 = sum(r.path + libc);
     ASSERT_NE(fake_md5, host_libc.md5);
 
     const pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-        if (chroot(r.path().c_str()) != 0 || chdir("/") != 0) _exit(127);
+        if (chroot(r.path.c_str()) != 0 || chdir("/") != 0) _exit(127);
         execl("/bin/sleep", "sleep", "3607", static_cast<char*>(nullptr));
         _exit(127);
     }
-    struct Reap {
-        pid_t pid;
-        ~Reap() {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-    } reap{pid};
+    const amproc::Reaper reap{{pid}};
     // Wait for the loader to have mapped the jail's libc (before the exec
     // the child maps the host's).
     const std::string maps = "/proc/" + std::to_string(pid) + "/maps";
-    for (int i = 0; i < 500 && slurp(maps).find(r.path() + libc) == std::string::npos; ++i)
+    for (int i = 0; i < 500 && slurp(maps).find(r.path + libc) == std::string::npos; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_NE(slurp(maps).find(r.path() + libc), std::string::npos) << "chrooted child never mapped libc";
+    ASSERT_NE(slurp(maps).find(r.path + libc), std::string::npos) << "chrooted child never mapped libc";
 
     std::vector<AM::ProcessInfo> out;
     ASSERT_EQ(collect_processes(HostRoot("/"), out), 0);
-    const AM::ProcessInfo* p = nullptr;
-    const AM::ProcessInfo* self = nullptr;
-    for (const auto& x : out) {
-        if (x.pid == pid) p = &x;
-        if (x.pid == getpid()) self = &x;
-    }
+    const AM::ProcessInfo *p = amproc::find_pid(out, pid), *self = amproc::find_pid(out, getpid());
     ASSERT_NE(p, nullptr);
     ASSERT_NE(self, nullptr);
     bool saw_libc = false;
@@ -334,7 +270,7 @@ TEST(ContainerLive, ChrootedProcess) {
     }
     EXPECT_TRUE(saw_libc);
     ASSERT_FALSE(p->modules.empty());
-    EXPECT_EQ(p->modules[0].md5, run_word("md5sum " + r.path() + "/bin/sleep"));
+    EXPECT_EQ(p->modules[0].md5, sum(r.path + "/bin/sleep"));
     // This test's own libc is the host's: owned and verified as before.
     for (const auto& m : self->modules) {
         if (m.path.find("/libc.so.6") == std::string::npos) continue;
@@ -349,18 +285,11 @@ TEST(ContainerLive, ChrootedProcess) {
 // hashed from its own view, not from whichever was seen first.
 TEST(ContainerLive, SamePathOtherMountNamespace) {
     if (geteuid() != 0 || access("/usr/bin/unshare", X_OK) != 0) GTEST_SKIP() << "needs root and unshare";
-    TempRoot r;
-    ASSERT_FALSE(r.path().empty());
-    const std::string host_bin = r.path() + "/bin/nsleep", ns_bin = r.path() + "/ns/nsleep";
-    fs::create_directories(r.path() + "/bin");
-    fs::create_directories(r.path() + "/ns");
-    fs::copy_file("/bin/sleep", host_bin);
-    fs::copy_file("/bin/sleep", ns_bin);
-    std::ofstream(host_bin, std::ios::app) << "host copy";
-    std::ofstream(ns_bin, std::ios::app) << "namespace copy";
-    chmod(host_bin.c_str(), 0755);
-    chmod(ns_bin.c_str(), 0755);
-    const std::string host_md5 = run_word("md5sum " + host_bin), ns_md5 = run_word("md5sum " + ns_bin);
+    TempDir r;
+    const std::string host_bin = r.path + "/bin/nsleep", ns_bin = r.path + "/ns/nsleep";
+    amproc::copy_sleep(host_bin, "host copy");
+    amproc::copy_sleep(ns_bin, "namespace copy");
+    const std::string host_md5 = sum(host_bin), ns_md5 = sum(ns_bin);
 
     auto start = [](const std::vector<std::string>& argv) {
         const pid_t pid = fork();
@@ -377,16 +306,7 @@ TEST(ContainerLive, SamePathOtherMountNamespace) {
     const pid_t ns_pid =
         start({"/usr/bin/unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
                "mount --bind " + ns_bin + " " + host_bin + " && exec " + host_bin + " 3609"});
-    struct Reap {
-        pid_t a, b;
-        ~Reap() {
-            for (pid_t p : {a, b}) {
-                if (p <= 0) continue;
-                kill(p, SIGKILL);
-                waitpid(p, nullptr, 0);
-            }
-        }
-    } reap{host_pid, ns_pid};
+    const amproc::Reaper reap{{host_pid, ns_pid}};
     ASSERT_GT(host_pid, 0);
     ASSERT_GT(ns_pid, 0);
     const std::string cmdline = "/proc/" + std::to_string(ns_pid) + "/cmdline";
