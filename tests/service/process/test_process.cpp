@@ -353,7 +353,9 @@ void spawn(Child& c, const std::string& exe, std::vector<std::string> argv, cons
 
 std::map<int, std::string> ps_lines() {
     std::map<int, std::string> rows;
-    for (std::string_view l : split_lines(amtest::run("ps -ww -eo pid=,ppid=,ruser:32=,args= 2>/dev/null")))
+    // The text must outlive the views split_lines hands out.
+    const std::string out = amtest::run("ps -ww -eo pid=,ppid=,ruser:32=,args= 2>/dev/null");
+    for (std::string_view l : split_lines(out))
         if (!trim(l).empty()) rows[atoi(std::string(trim(l)).c_str())] = std::string(trim(l));
     return rows;
 }
