@@ -20,7 +20,6 @@
 
 #include "collectors.h"
 #include "core/file_facts.h"
-#include "packages/package_index.h"
 #include "process/process_parse.h"
 
 namespace amsvc {
@@ -476,9 +475,6 @@ private:
 
 int32_t collect_processes(const HostRoot& root, std::vector<AM::ProcessInfo>& out) {
     return guarded(out, [&] {
-        // Owners are asked once the modules are known: the package index
-        // builds on its own thread meanwhile, so hashing does not wait for it.
-        package_index_prefetch(root);
         Collector c(root);
         return c.run(out);
     });
