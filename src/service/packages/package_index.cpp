@@ -638,26 +638,6 @@ OwnershipStats ownership_stats(const HostRoot& root) {
     return s;
 }
 
-void package_index_prefetch(const HostRoot& root) {
-    try {
-        RootSlot& slot = slot_of(root);
-        {
-            std::unique_lock<std::mutex> lock(slot.mu, std::try_to_lock);
-            // Busy: someone is building or asking already.
-            if (!lock.owns_lock() || slot.index) return;
-        }
-        // The slot lives as long as the process; the thread holds its own root.
-        std::thread([&slot, root]() {
-            try {
-                std::lock_guard<std::mutex> lock(slot.mu);
-                fresh_index(slot, root);
-            } catch (...) {
-            }
-        }).detach();
-    } catch (...) {
-        // No thread to be had: the first lookup builds it.
-    }
-}
 
 bool package_owner(const HostRoot& root, const std::string& host_path, FileOwner& out) {
     try {

@@ -22,11 +22,6 @@ struct FileOwner {
 // database changes. Never throws.
 bool package_owner(const HostRoot& root, const std::string& host_path, FileOwner& out);
 
-// Starts building the index of `root` on a thread of its own, if it is not
-// built yet, so that a collector can read its own sources meanwhile and its
-// hashing threads find the index ready. Never throws, never waits.
-void package_index_prefetch(const HostRoot& root);
-
 }  // namespace amsvc
 
 #endif

@@ -9,6 +9,8 @@
 #include <map>
 #include <new>
 #include <set>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include "collectors.h"
@@ -581,8 +583,22 @@ int32_t collect_autoruns(const HostRoot& root, std::vector<AM::AutoRunServInfo>&
     return guarded(out, [&]() -> int32_t {
         out.clear();
         // The programs' owners are asked after all sources are read: the
-        // package index builds meanwhile.
-        package_index_prefetch(root);
+        // package index builds meanwhile, on a thread joined before this
+        // call returns (none outlives it, so a fork never inherits its locks).
+        struct Joiner {
+            std::thread t;
+            ~Joiner() {
+                if (t.joinable()) t.join();
+            }
+        } warm;
+        try {
+            warm.t = std::thread([&root] {
+                FileOwner ignored;
+                package_owner(root, "/", ignored);
+            });
+        } catch (const std::system_error&) {
+            // No thread to spare: the index is built when first asked.
+        }
         std::vector<Pending> found;
         bool any = false;
         collect_units(root, found, any);
