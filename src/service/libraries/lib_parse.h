@@ -53,7 +53,7 @@ bool parse_python_metadata(std::string_view text, LibId& out);
 // Top-level "name" and "version" of a package.json. False without a name.
 bool parse_package_json(std::string_view text, LibId& out);
 
-// s.name / s.version of a gem specification ("x".freeze, %q{x}, 'x').
+// s.name / s.version of a gemspec ("x".freeze, %q{x}, 'x').
 bool parse_gemspec(std::string_view text, LibId& out);
 
 // vendor/composer/installed.json, both the Composer 1 array and the
