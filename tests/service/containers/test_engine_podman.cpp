@@ -28,7 +28,7 @@ constexpr int kPatientMs = 30000;
 class PodmanEngine {
 public:
     // `user` empty: root; else the engine runs as that user (rootless).
-    explicit PodmanEngine(const std::string& user) : rootless_(!user.empty()) {
+    explicit PodmanEngine(const std::string& user) : rootless_(!user.empty()), user_(user) {
         const std::string d = dir_.path;
         dir_.mkdir("/xdg");
         dir_.mkdir("/data");
@@ -62,6 +62,10 @@ public:
         // the storage is removed once nothing of it runs (bounded).
         sh("for i in $(seq 50); do pgrep -f '[/]" + dir_.path.substr(1) +
            "' >/dev/null || break; sleep 0.2; done");
+        // A rootless engine leaves its user namespace's pause process behind.
+        if (rootless_)
+            sh("for p in $(pgrep -u " + user_ + " podman); do grep -qz '^XDG_RUNTIME_DIR=" + dir_.path +
+               "/xdg$' /proc/$p/environ && kill -9 $p; done");
     }
 
     // Image, tags and three containers: running, created, exited.
@@ -114,6 +118,7 @@ private:
     }
     amtest::TempDir dir_{"amsvc_podman"};
     bool rootless_;
+    std::string user_;
     pid_t service_ = -1;
 };
 
