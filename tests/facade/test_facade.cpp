@@ -5,65 +5,28 @@
 
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "assetman.h"
 #include "fake_am.h"
-
-namespace {
 
 typedef IAssetManager AM;
 
 class Facade : public ::testing::Test {
 protected:
     void SetUp() override { fake_am::reset(); }
-    static void plan(const char* op, int32_t code, size_t records, bool hold = false) {
-        fake_am::Plan p;
-        p.code = code;
-        p.records = records;
-        p.hold = hold;
-        fake_am::set(op, p);
-    }
 };
-
-// The vtable slots of the shared header: slot 2 is init, 3 release, then the
-// collecting operations in the platform's order.
-TEST_F(Facade, InterfaceSlotOrder) {
-    IAssetManager* svc = get_am_instance();
-    void** vt = *reinterpret_cast<void***>(svc);
-    std::vector<AM::ProcessInfo> lp;
-    std::vector<AM::NetLinkInfo> ln;
-    std::vector<AM::ServiceInfo> ls;
-    std::vector<AM::UserInfo> lu;
-    std::vector<AM::SysInstallPackageInfo> lk;
-    std::vector<AM::AutoRunServInfo> la;
-    std::vector<AM::CronInfo> lc;
-    std::vector<AM::SysLoadModuleInfo> lm;
-    AM::SystemInfo sys = AM::SystemInfo();
-    std::vector<AM::ThirdPartDevLibInfo> lt;
-    AM::DockerInfo d;
-    void* args[] = {nullptr, nullptr, &lp, &ln, &ls, &lu, &lk, &la, &lc, &lm, &sys, &lt, &d};
-    // clang-format off
-    const char* ops[] = {"init", "release", "process", "netlink", "service", "user", "sys_install_package",
-                         "auto_run_serv", "cron", "sys_module", "system", "thirdpart_dev_lib", "docker"};
-    // clang-format on
-    for (int i = 0; i < 13; ++i) {
-        if (i < 2)
-            reinterpret_cast<int32_t (*)(IAssetManager*)>(vt[2 + i])(svc);
-        else
-            reinterpret_cast<int32_t (*)(IAssetManager*, void*)>(vt[2 + i])(svc, args[i]);
-        EXPECT_EQ(1, fake_am::calls(ops[i])) << "slot " << 2 + i;
-    }
-}
 
 // Each test uses kinds of its own: caches live for the whole process.
 TEST_F(Facade, CallersGetCopiesOfTheCacheNestedListsIncluded) {
-    plan("process", 3, 2);
+    fake_am::set("process", {3, 2});
     std::vector<AM::ProcessInfo> a, b;
     EXPECT_EQ(3, assetman::collect_process_asset_fast(a));
     ASSERT_EQ(2u, a.size());
     a[0].modules.clear();
     a[1].name = "changed";
-    plan("process", -1, 5);
+    fake_am::set("process", {-1, 5});
+    assetman::collect_release();  // the caches outlive the service's release
     EXPECT_EQ(0, assetman::collect_process_asset_fast(b));
     ASSERT_EQ(2u, b.size());
     EXPECT_EQ(2u, b[0].modules.size());
@@ -72,12 +35,12 @@ TEST_F(Facade, CallersGetCopiesOfTheCacheNestedListsIncluded) {
 }
 
 TEST_F(Facade, EmptyAnswerIsNeverCachedAndTheCallersListIsReplaced) {
-    plan("service", -2, 0);
+    fake_am::set("service", {-2, 0});
     std::vector<AM::ServiceInfo> l(4);
     EXPECT_EQ(-2, assetman::collect_service_asset_fast(l));
     EXPECT_TRUE(l.empty());
     EXPECT_EQ(-2, assetman::collect_service_asset_fast(l));
-    plan("service", 0, 1);
+    fake_am::set("service", {0, 1});
     EXPECT_EQ(0, assetman::collect_service_asset_fast(l));
     EXPECT_EQ(0u, fake_am::size_seen("service"));  // the cache itself was handed over
     l.resize(7);
@@ -87,18 +50,16 @@ TEST_F(Facade, EmptyAnswerIsNeverCachedAndTheCallersListIsReplaced) {
 }
 
 TEST_F(Facade, SystemAndDockerWithoutVersionOrStorageDriverAreNotKept) {
-    fake_am::Plan blank;
-    blank.blank = true;
-    fake_am::set("system", blank);
-    fake_am::set("docker", blank);
+    fake_am::set("system", {0, 1, false, true});  // blank
+    fake_am::set("docker", {0, 1, false, true});
     AM::SystemInfo s = AM::SystemInfo(), t = AM::SystemInfo();
     AM::DockerInfo d, e;
     EXPECT_EQ(0, assetman::collect_system_asset_fast(&s));
     EXPECT_EQ(0, assetman::collect_docker_asset_fast(d));
     EXPECT_EQ("host1", s.host);  // handed out all the same
     EXPECT_EQ("20.10", d.version);
-    plan("system", 4, 3);
-    plan("docker", 0, 1);
+    fake_am::set("system", {4, 3});
+    fake_am::set("docker", {0, 1});
     EXPECT_EQ(4, assetman::collect_system_asset_fast(&s));
     EXPECT_EQ(0, assetman::collect_docker_asset_fast(d));
     EXPECT_EQ(0, assetman::collect_system_asset_fast(&t));
@@ -109,33 +70,20 @@ TEST_F(Facade, SystemAndDockerWithoutVersionOrStorageDriverAreNotKept) {
     EXPECT_EQ(2, fake_am::calls("docker"));
 }
 
-TEST_F(Facade, CachesSurviveRelease) {
-    plan("sys_install_package", 0, 4);
-    std::vector<AM::SysInstallPackageInfo> l;
-    EXPECT_EQ(0, assetman::collect_sys_install_package_asset_fast(l));
-    assetman::collect_release();
-    l.clear();
-    EXPECT_EQ(0, assetman::collect_sys_install_package_asset_fast(l));
-    EXPECT_EQ(4u, l.size());
-    EXPECT_EQ(1, fake_am::calls("sys_install_package"));
-}
-
 TEST_F(Facade, ExceptionFromServicePropagatesAndFreesTheLock) {
-    fake_am::Plan failing;
-    failing.fail = true;
-    fake_am::set("auto_run_serv", failing);
+    fake_am::set("auto_run_serv", {0, 1, false, false, true});  // throws
     std::vector<AM::AutoRunServInfo> l;
     EXPECT_THROW(assetman::collect_auto_run_serv_asset_fast(l), std::runtime_error);
     ASSERT_TRUE(assetman::g_collect_auto_run_serv_asset_fast_mutex.try_lock());
     assetman::g_collect_auto_run_serv_asset_fast_mutex.unlock();
-    plan("auto_run_serv", 0, 1);
+    fake_am::set("auto_run_serv", {0, 1});
     EXPECT_EQ(0, assetman::collect_auto_run_serv_asset_fast(l));
     EXPECT_EQ(1u, l.size());
 }
 
 // The first caller is held inside the service while the second one comes in.
 TEST_F(Facade, ConcurrentFirstCallsAskTheServiceOnce) {
-    plan("cron", 6, 3, true);
+    fake_am::set("cron", {6, 3, true});  // held
     std::vector<AM::CronInfo> a, b;
     int32_t ra = -1, rb = -1;
     std::thread t1([&] { ra = assetman::collect_cron_asset_fast(a); });
@@ -152,8 +100,8 @@ TEST_F(Facade, ConcurrentFirstCallsAskTheServiceOnce) {
 
 // A kind whose lock is held answers another kind at once (or the test hangs).
 TEST_F(Facade, SlowKindDoesNotBlockAnotherKind) {
-    plan("sys_module", 0, 1, true);
-    plan("thirdpart_dev_lib", 0, 1);
+    fake_am::set("sys_module", {0, 1, true});  // held
+    fake_am::set("thirdpart_dev_lib", {0, 1});
     std::thread slow([] {
         std::vector<AM::SysLoadModuleInfo> l;
         assetman::collect_sys_module_asset_fast(l);
@@ -168,5 +116,3 @@ TEST_F(Facade, SlowKindDoesNotBlockAnotherKind) {
     fake_am::release_holds();
     slow.join();
 }
-
-}  // namespace

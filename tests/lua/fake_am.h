@@ -15,15 +15,16 @@ namespace fake_am {
 struct Plan {
     int32_t code = 0;
     size_t records = 1;
-    size_t text_len = 0;  // when set, records carry one text of this length
-    bool fail = false;    // throw instead of filling
-    bool blank = false;   // system and docker records without version / storage driver
     bool hold = false;    // wait inside the call until release_holds()
+    bool blank = false;   // system and docker records without version / storage driver
+    bool fail = false;    // throw instead of filling
+    size_t text_len = 0;  // when set, records carry one text of this length
 };
 
 void set(const std::string& op, const Plan& plan);
 int calls(const std::string& op);
-size_t size_seen(const std::string& op);  // the list's size when the call came in
+// The list's size when the last call came in; for system, 1 when a record came and 0 for none.
+size_t size_seen(const std::string& op);
 void release_holds();
 void reset();
 
