@@ -31,7 +31,6 @@ struct State {
     std::map<std::string, Plan> plans;
     std::map<std::string, int> calls;
     std::map<std::string, size_t> size_seen;
-    bool system_null = false;
 } g;
 
 Plan enter(const char* op, size_t size) {
@@ -86,42 +85,30 @@ class FakeAm : public IAssetManager {
 public:
     int32_t init() override { return enter("init", 0).code; }
     int32_t release() override { return enter("release", 0).code; }
-    int32_t collect_process(std::vector<ProcessInfo>& l) override { return fill("process", l); }
-    int32_t collect_netlink(std::vector<NetLinkInfo>& l) override { return fill("netlink", l); }
-    int32_t collect_service(std::vector<ServiceInfo>& l) override { return fill("service", l); }
-    int32_t collect_user(std::vector<UserInfo>& l) override { return fill("user", l); }
-    int32_t collect_sys_install_package(std::vector<SysInstallPackageInfo>& l) override {
-        return fill("sys_install_package", l);
-    }
-    int32_t collect_auto_run_serv(std::vector<AutoRunServInfo>& l) override {
-        return fill("auto_run_serv", l);
-    }
-    int32_t collect_cron(std::vector<CronInfo>& l) override { return fill("cron", l); }
-    int32_t collect_sys_module(std::vector<SysLoadModuleInfo>& l) override { return fill("sys_module", l); }
-    int32_t collect_thirdpart_dev_lib(std::vector<ThirdPartDevLibInfo>& l) override {
-        return fill("thirdpart_dev_lib", l);
-    }
+// Each list operation is named by its kind.
+#define FAKE_LIST(kind, R) \
+    int32_t collect_##kind(std::vector<R>& l) override { return fill(#kind, l); }
+    FAKE_LIST(process, ProcessInfo)
+    FAKE_LIST(netlink, NetLinkInfo)
+    FAKE_LIST(service, ServiceInfo)
+    FAKE_LIST(user, UserInfo)
+    FAKE_LIST(sys_install_package, SysInstallPackageInfo)
+    FAKE_LIST(auto_run_serv, AutoRunServInfo)
+    FAKE_LIST(cron, CronInfo)
+    FAKE_LIST(sys_module, SysLoadModuleInfo)
+    FAKE_LIST(thirdpart_dev_lib, ThirdPartDevLibInfo)
+#undef FAKE_LIST
     int32_t collect_system(SystemInfo* s) override {
-        const Plan p = enter("system", 0);
-        g.system_null = s == nullptr;
-        if (s) {
-            s->host = "host1";
-            s->version = p.blank ? "" : "os-1";
-            s->b64 = true;
-            s->envs.clear();
-            for (size_t i = 0; i < p.records; ++i) s->envs.push_back("K" + std::to_string(i) + "=V");
-            s->network_card.assign(p.records, NetworkCardInfo{});
-            s->disk.assign(p.records, DiskInfo{});
-            s->net_share.assign(p.records, NetShareInfo{});
-            for (auto& d : s->disk) {
-                d.name = "sda";
-                d.size = -5000000000LL;
-                d.free = 5000000000LL;
-                d.percent = 12.5;
-            }
-            for (auto& n : s->net_share) n.max_conn = -1;
-            for (auto& n : s->network_card) n.mtu = 1500;
-        }
+        const Plan p = enter("system", s != nullptr);
+        if (!s) return p.code;
+        s->host = "host1";
+        s->version = p.blank ? "" : "os-1";
+        s->b64 = true;
+        s->envs.clear();
+        for (size_t i = 0; i < p.records; ++i) s->envs.push_back("K" + std::to_string(i) + "=V");
+        s->network_card.assign(p.records, NetworkCardInfo{"", "", "", "", "", "", "", 1500});
+        s->disk.assign(p.records, DiskInfo{"sda", "", "", -5000000000LL, 5000000000LL, 12.5});
+        s->net_share.assign(p.records, NetShareInfo{"", "", -1, 0});
         return p.code;
     }
     int32_t collect_docker(DockerInfo& d) override {
@@ -175,10 +162,6 @@ int l_size_seen(lua_State* L) {
     lua_pushnumber(L, static_cast<lua_Number>(fake_am::size_seen(luaL_checkstring(L, 1))));
     return 1;
 }
-int l_system_null(lua_State* L) {
-    lua_pushboolean(L, g.system_null);
-    return 1;
-}
 int l_reset(lua_State*) {
     fake_am::reset();
     return 0;
@@ -229,7 +212,6 @@ void reset() {
     g.plans.clear();
     g.calls.clear();
     g.size_seen.clear();
-    g.system_null = false;
     g.released = false;
 }
 }  // namespace fake_am
@@ -243,7 +225,6 @@ extern "C" __attribute__((visibility("default"))) int luaopen_fake_am(lua_State*
     static const luaL_Reg fns[] = {{"set", l_set},
                                    {"calls", l_calls},
                                    {"size_seen", l_size_seen},
-                                   {"system_null", l_system_null},
                                    {"reset", l_reset},
                                    {"heap", l_heap},
                                    {"push_reg", l_push_reg},

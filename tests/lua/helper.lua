@@ -21,6 +21,11 @@ function M.raises(text, f, ...)
   return err
 end
 
+-- Asserts that f refuses each of the argument lists (tables) with an error containing text.
+function M.refuses(text, f, ...)
+  for _, args in ipairs({ ... }) do M.raises(text, f, unpack(args, 1, args.n or #args)) end
+end
+
 -- One record of every list type, as the fake service delivers it.
 M.list_kinds = {
   ProcessInfo = "process", NetLinkInfo = "netlink", ServiceInfo = "service", UserInfo = "user",

@@ -61,36 +61,27 @@ describe("list classes", function()
       local other = (r == "CronInfo") and vector_assetman__UserInfo_() or vector_assetman__CronInfo_()
       local err = h.raises("error in function 'push_back'.", l.push_back, l, nil)
       assert.truthy(err:find("argument #2", 1, true))
-      h.raises("error in function 'push_back'.", l.push_back, l, x, 1)
-      h.raises("error in function 'push_back'.", l.push_back, other, x)
-      h.raises("error in function 'push_back'.", l.push_back, l, other)
-      h.raises("error in function 'size'.", l.size, other)
-      h.raises("error in function 'size'.", l.size, l, 1)
-      h.raises("error in function 'clear'.", l.clear, other)
-      h.raises("error in function 'clear'.", l.clear, l, l)
-      h.raises("error in function 'delete'.", l.delete, other)
-      h.raises("error in function 'delete'.", l.delete, l, 1)
-      h.raises("error in function 'new'.", class.new)
-      h.raises("error in function 'new'.", class.new, vector_assetman__ProcessInfo_ == class and
-        vector_assetman__CronInfo_ or vector_assetman__ProcessInfo_)
+      h.refuses("error in function 'push_back'.", l.push_back, { l, x, 1 }, { other, x }, { l, other })
+      h.refuses("error in function 'size'.", l.size, { other }, { l, 1 })
+      h.refuses("error in function 'clear'.", l.clear, { other }, { l, l })
+      h.refuses("error in function 'delete'.", l.delete, { other }, { l, 1 })
+      local foreign = r == "ProcessInfo" and vector_assetman__CronInfo_ or vector_assetman__ProcessInfo_
+      h.refuses("error in function 'new'.", class.new, {}, { foreign })
       h.raises("error in function 'new'.", class.new_local, class, 1)
       local geti, seti = rawget(class, ".geti"), rawget(class, ".seti")
       l:push_back(x)
-      h.raises("error in function '.geti'.", geti, l, true)
-      h.raises("error in function '.geti'.", geti, l, 0, 1)
-      h.raises("error in function '.geti'.", geti, other, 0)
-      h.raises("error in function '.seti'.", seti, l, 0, nil)
-      h.raises("error in function '.seti'.", seti, l, 0, x, 1)
-      h.raises("error in function '.seti'.", seti, l, 0, other)
+      h.refuses("error in function '.geti'.", geti, { l, true }, { l, 0, 1 }, { other, 0 })
+      h.refuses("error in function '.seti'.", seti, { l, 0, nil, n = 3 }, { l, 0, x, 1 }, { l, 0, other })
       h.raises("error in function '.seti'.", function() l[0] = 5 end)
       assert.are.equal("x", l[0][t])
       -- a missing list
-      h.raises("invalid 'self' in function 'size'", l.size, nil)
-      h.raises("invalid 'self' in function 'clear'", l.clear, nil)
-      h.raises("invalid 'self' in function 'delete'", l.delete, nil)
-      h.raises("invalid 'self' in function 'push_back'", l.push_back, nil, x)
-      h.raises("invalid 'self' in function 'operator[]'", geti, nil, 0)
-      h.raises("invalid 'self' in function 'operator&[]'", seti, nil, 0, x)
+      local no_self = {
+        size = { l.size }, clear = { l.clear }, delete = { l.delete }, push_back = { l.push_back, x },
+        ["operator[]"] = { geti, 0 }, ["operator&[]"] = { seti, 0, x },
+      }
+      for name, c in pairs(no_self) do
+        h.raises("invalid 'self' in function '" .. name .. "'", c[1], nil, unpack(c, 2))
+      end
     end)
   end
 
