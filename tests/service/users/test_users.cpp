@@ -138,9 +138,8 @@ TEST(UserParse, SudoersRules) {
     EXPECT_EQ(g.users, (std::set<std::string>{"a1", "a2", "u1", "u2", "u3", "u7", "u8", "#1234"}));
     EXPECT_EQ(g.groups, (std::set<std::string>{"g1", "#27"}));
     EXPECT_FALSE(g.everyone);
-    ASSERT_EQ(includes.size(), 2u);
-    EXPECT_EQ(includes[0], std::make_pair(std::string("/etc/sudoers.d"), true));
-    EXPECT_EQ(includes[1], std::make_pair(std::string("/etc/sudo ers.local"), false));
+    EXPECT_EQ(includes, (std::vector<std::pair<std::string, bool>>{{"/etc/sudoers.d", true},
+                                                                   {"/etc/sudo ers.local", false}}));
 
     SudoersParser all;
     all.parse("ALL ALL=(ALL) ALL\n", [](const std::string&, bool) {});
