@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -68,9 +69,11 @@ std::string expected(const std::string& name) {
     return amtest::run("cat " + std::string(ASSETMAN_FIXTURES) + "/" + name + ".expected");
 }
 
-std::set<std::string> site_keys(const AM::ServiceInfo& s) {
+// "port host" of each site of the records.
+std::set<std::string> site_keys(std::initializer_list<const AM::ServiceInfo*> records) {
     std::set<std::string> k;
-    for (const auto& h : s.hosts) k.insert(std::to_string(h.port) + " " + h.host);
+    for (const AM::ServiceInfo* s : records)
+        for (const auto& h : s->hosts) k.insert(std::to_string(h.port) + " " + h.host);
     return k;
 }
 
@@ -222,7 +225,7 @@ TEST(Servers, UnprivilegedListenerWithHostileConfiguration) {
     EXPECT_EQ(s->type, 1u);
     EXPECT_EQ(s->exec_user, "nobody");
     EXPECT_EQ(s->configure_path, t.path + "/conf/nginx.conf");
-    const std::set<std::string> keys = site_keys(*s);
+    const std::set<std::string> keys = site_keys({s});
     EXPECT_TRUE(keys.count(std::to_string(port) + " attacker.test"));
     EXPECT_TRUE(keys.count(std::to_string(port) + " c0.test"));
     EXPECT_TRUE(keys.count(std::to_string(port) + " big.test"));
@@ -236,10 +239,7 @@ TEST(Servers, UnprivilegedListenerWithHostileConfiguration) {
 // Words of a line.
 std::vector<std::string> words(const std::string& line) {
     std::istringstream in(line);
-    std::vector<std::string> w;
-    std::string x;
-    while (in >> x) w.push_back(x);
-    return w;
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
 // (port, name) pairs of `nginx -T`: our test configuration puts one listen
@@ -334,10 +334,9 @@ TEST(Servers, LiveNginxApacheRedisMemcached) {
     EXPECT_TRUE(rd->hosts.empty());
 
     // nginx: sites as nginx -T prints the loaded configuration.
-    std::set<std::string> ours = site_keys(*ng);
-    for (const auto& k : site_keys(*proxy)) ours.insert(k);
-    EXPECT_EQ(ours, nginx_t_sites(amtest::run("/usr/sbin/nginx -T -c " + d + "/nginx/nginx.conf -p " + d +
-                                              "/nginx/ 2>/dev/null")));
+    EXPECT_EQ(site_keys({ng, proxy}),
+              nginx_t_sites(amtest::run("/usr/sbin/nginx -T -c " + d + "/nginx/nginx.conf -p " + d +
+                                        "/nginx/ 2>/dev/null")));
     for (const auto& h : ng->hosts) {  // sites 0 and 1 include the snippet with its own log
         const std::string site = h.host.substr(h.host.find("site"), 5);
         EXPECT_EQ(h.ip + " " + h.document + " " + h.logpath,
@@ -348,9 +347,8 @@ TEST(Servers, LiveNginxApacheRedisMemcached) {
     EXPECT_EQ(proxy->hosts[0].document, "");
 
     // Apache: sites as apache2ctl -S prints its virtual hosts.
-    ours = site_keys(*ap);
-    for (const auto& k : site_keys(*ap2)) ours.insert(k);
-    EXPECT_EQ(ours, apache_s_sites(amtest::run("APACHE_CONFDIR=" + d + "/apache apache2ctl -S 2>&1")));
+    EXPECT_EQ(site_keys({ap, ap2}),
+              apache_s_sites(amtest::run("APACHE_CONFDIR=" + d + "/apache apache2ctl -S 2>&1")));
     for (const auto& h : ap->hosts) {
         EXPECT_EQ(h.ip, "127.0.0.1");
         if (h.host.find_first_of("01") != std::string::npos) {
