@@ -159,7 +159,7 @@ public:
             while (wait(listen_fd_, POLLIN)) {
                 const int c = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
                 if (c < 0) continue;
-                ++connections_;
+                ++connections;
                 talks_.emplace_back([this, c] {
                     talk(c);
                     close(c);
@@ -175,7 +175,7 @@ public:
         close(listen_fd_);
         close(stop_fd_);
     }
-    std::atomic<int> requests{0}, connections_{0};
+    std::atomic<int> requests{0}, connections{0};
 
 private:
     // Waits for `fd` or the stop signal; false when stopping.
@@ -303,7 +303,7 @@ TEST_F(Engine, AnswersFillTheRecord) {
             ASSERT_EQ(0, engine::query_engines({sock("e.sock")}, d));
             EXPECT_EQ(expected(engine, gone ? -1 : 16247), record(d));
             EXPECT_EQ(5, e.requests);      // one inspection
-            EXPECT_GE(3, e.connections_);  // connections kept for the next request
+            EXPECT_GE(3, e.connections);  // connections kept for the next request
         }
     }
 }

@@ -159,17 +159,18 @@ TEST(Images, CorruptRpmDatabase) {
     EXPECT_GT(reads(), 0);
     close(in);
 
-    // The same for the other formats, and for a database whose records are all junk.
-    amtest::TempDir n{"amimg_junk_ndb"};
-    n.file("/usr/lib/sysimage/rpm/Packages.db", amimg::ndb_file({"not a header", "nor this"}));
-    EXPECT_EQ(-EIO, collect_packages(HostRoot(n.path), pkgs));
-    n.file("/usr/lib/sysimage/rpm/Packages.db", "RpmP");
-    EXPECT_EQ(-EIO, collect_packages(HostRoot(n.path), pkgs));
-    amtest::TempDir b{"amimg_junk_bdb"};
-    b.file("/var/lib/rpm/Packages", std::string(4096, 'B'));
-    const size_t bdb_before = fds();
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(-EIO, collect_packages(HostRoot(b.path), pkgs));
-    EXPECT_EQ(bdb_before, fds());
+    // The other formats, and an ndb database whose records are all junk.
+    const std::pair<const char*, std::string> junk[] = {
+        {"/usr/lib/sysimage/rpm/Packages.db", amimg::ndb_file({"not a header", "nor this"})},
+        {"/usr/lib/sysimage/rpm/Packages.db", "RpmP"},
+        {"/var/lib/rpm/Packages", std::string(4096, 'B')}};
+    for (const auto& [path, text] : junk) {
+        amtest::TempDir t{"amimg_junk_other"};
+        t.file(path, text);
+        const size_t before = fds();
+        for (int i = 0; i < 5; ++i) EXPECT_EQ(-EIO, collect_packages(HostRoot(t.path), pkgs)) << path;
+        EXPECT_EQ(before, fds()) << path;
+    }
 }
 
 // A write-ahead log with content (rpm killed mid-transaction) is part of the
