@@ -139,34 +139,14 @@ TEST(Servers, IdleServersOfAnImageWithHostileFiles) {
     EXPECT_EQ(got, expected("image"));
 }
 
-// A server in a container: its sockets and process under a /proc of the tree,
-// its configuration and program inside its own root.
-TEST(Servers, ContainerServerReadsItsOwnRoot) {
-    TempDir t("amsrv");
-    fake_tcp(t, {{8088, 777}});
-    fake_proc(t, 4242, "nginx", "/usr/sbin/nginx", {"nginx: master process /usr/sbin/nginx -g daemon off;"},
-              777);
-    t.file("/proc/4242/cgroup", "0::/system.slice/web.service\n");
-    t.link("/proc/4242/root", "/containers/c1");
-    t.file("/containers/c1/etc/nginx/nginx.conf",
-           "http { server { listen 8088; server_name inside.test; root /usr/share/nginx/html; } }\n");
-    t.file("/containers/c1/usr/sbin/nginx", elf(183, std::string(100, 'x') + BYTES("nginx/1.25.3\0")));
-
-    const auto out = collect(t.path);
-    // The container's program, not the host's package; no record of the tree's own /etc.
-    EXPECT_EQ(text(out),
-              "1 4242:8088 nginx aarch64 1.25.3 | /etc/nginx/nginx.conf |  | /var/log/nginx/error.log\n"
-              "  0.0.0.0:8088 inside.test /usr/share/nginx/html \n");
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].srv_name, "web.service");
-}
-
 // One listening process per product, each with its configuration in the
-// tree: Tomcat, MySQL with !includedir, PostgreSQL, MongoDB.
-TEST(Servers, ProductsFromConfigurationTrees) {
+// tree: Tomcat, MySQL with !includedir, PostgreSQL, MongoDB; and nginx in a
+// container, its configuration and program inside its own root (its version
+// from that program, not from the host's package).
+TEST(Servers, ProductsAndAContainerUnderAFakeProc) {
     TempDir t("amsrv");
     copy_fixture(t, "products");
-    fake_tcp(t, {{8080, 900}, {3306, 901}, {5432, 902}, {27017, 903}});
+    fake_tcp(t, {{8080, 900}, {3306, 901}, {5432, 902}, {27017, 903}, {8088, 777}});
     fake_proc(t, 100, "java", "/usr/lib/jvm/java-17/bin/java",
               {"/usr/bin/java", "-Dcatalina.base=/var/lib/tomcat10", "-Dcatalina.home=/usr/share/tomcat10",
                "-cp", "x.jar", "org.apache.catalina.startup.Bootstrap", "start"},
@@ -177,12 +157,20 @@ TEST(Servers, ProductsFromConfigurationTrees) {
                "config_file=/etc/postgresql/15/main/postgresql.conf"},
               902);
     fake_proc(t, 400, "mongod", "/usr/bin/mongod", {"/usr/bin/mongod", "--config", "/etc/mongod.conf"}, 903);
+    fake_proc(t, 4242, "nginx", "/usr/sbin/nginx", {"nginx: master process /usr/sbin/nginx -g daemon off;"},
+              777);
+    t.file("/proc/4242/cgroup", "0::/system.slice/web.service\n");
+    t.link("/proc/4242/root", "/containers/c1");
+    t.file("/containers/c1/usr/sbin/nginx", elf(183, std::string(100, 'x') + BYTES("nginx/1.25.3\0")));
 
     const auto out = collect(t.path);
     EXPECT_EQ(text(out), expected("products"));
     const AM::ServiceInfo* tc = find(out, 100, 8080);
     ASSERT_TRUE(tc);
     EXPECT_EQ(tc->install_path, "/usr/share/tomcat10");
+    const AM::ServiceInfo* ng = find(out, 4242, 8088);
+    ASSERT_TRUE(ng);
+    EXPECT_EQ(ng->srv_name, "web.service");
 }
 
 // An unprivileged user's listener that calls itself nginx and names a
