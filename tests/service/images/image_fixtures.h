@@ -24,28 +24,18 @@ using amtest::run;
 
 inline std::string q(const std::string& s) { return "'" + s + "'"; }
 
-// Two rpm packages built once per test program: amtest-one (epoch 2) and
-// amtest-two; the directory holding them, empty when rpmbuild is missing.
+// The rpm packages of fixtures/rpm, built once per test program:
+// amtest-one (epoch 2) and amtest-two; the directory holding them, empty
+// when rpmbuild is missing.
 inline const std::string& built_rpms() {
     static amtest::TempDir scratch{"amimg_rpms"};  // removed at exit
     static std::string dir = [] {
         if (!amtest::have_tools("rpmbuild rpm")) return std::string();
-        const std::string d = scratch.path;
-        for (const char* spec : {"Name: amtest-one\nEpoch: 2\nVersion: 1.0\nRelease: 4\nVendor: Test Vendor\n",
-                                 "Name: amtest-two\nVersion: 3.1\nRelease: 1.el9\n"}) {
-            std::string name = std::string(spec).substr(6, std::string(spec).find('\n') - 6);
-            amtest::write_file(d + "/" + name + ".spec",
-                               std::string(spec) + "Summary: summary of " + name +
-                                   "\nLicense: MIT\nBuildArch: noarch\n%description\nd\n%install\nmkdir -p "
-                                   "%{buildroot}/usr/share/" + name + "\necho " + name + " > %{buildroot}/usr/share/" +
-                                   name + "/file\n%files\n/usr/share/" + name + "/file\n");
-            int st = 0;
-            run("rpmbuild -bb --quiet --define " + q("_topdir " + d + "/top") + " " + q(d + "/" + name + ".spec") +
-                    " >/dev/null 2>&1",
-                &st);
-            if (st != 0) return std::string();
-        }
-        return d + "/top/RPMS/noarch";
+        int st = 0;
+        run("for s in " + q(ASSETMAN_FIXTURES) + "/rpm/*.spec; do rpmbuild -bb --quiet --define " +
+                q("_topdir " + scratch.path + "/top") + " \"$s\" >/dev/null 2>&1 || exit 1; done",
+            &st);
+        return st == 0 ? scratch.path + "/top/RPMS/noarch" : std::string();
     }();
     return dir;
 }
@@ -60,8 +50,8 @@ inline bool make_rpm_sqlite(const std::string& tree) {
     run(r + "--initdb >/dev/null 2>&1 && " + r + "-i --justdb --nodeps --noscripts --nosignature " + q(rpms) +
             "/*.rpm >/dev/null 2>&1",
         &st);
-    run("rm -f " + q(tree) + "/var/lib/rpm/rpmdb.sqlite-shm " + q(tree) + "/var/lib/rpm/rpmdb.sqlite-wal " + q(tree) +
-        "/var/lib/rpm/.rpm.lock");
+    run("rm -f " + q(tree) + "/var/lib/rpm/rpmdb.sqlite-shm " + q(tree) + "/var/lib/rpm/rpmdb.sqlite-wal " +
+        q(tree) + "/var/lib/rpm/.rpm.lock");
     return st == 0;
 }
 
@@ -69,8 +59,8 @@ inline bool make_rpm_sqlite(const std::string& tree) {
 inline std::vector<std::string> sqlite_blobs(const std::string& db_file) {
     std::vector<std::string> out;
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(("file:" + db_file + "?immutable=1").c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI,
-                        nullptr) == SQLITE_OK) {
+    if (sqlite3_open_v2(("file:" + db_file + "?immutable=1").c_str(), &db,
+                        SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr) == SQLITE_OK) {
         sqlite3_stmt* st = nullptr;
         if (sqlite3_prepare_v2(db, "SELECT blob FROM Packages ORDER BY hnum", -1, &st, nullptr) == SQLITE_OK)
             while (sqlite3_step(st) == SQLITE_ROW)
@@ -129,34 +119,28 @@ inline bool make_bdb(const std::string& file, const std::vector<std::string>& bl
     };
     auto key = [](uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); };
     std::string text = hex(key(0)) + "\n" + hex(key(static_cast<uint32_t>(blobs.size() + 1))) + "\n";
-    for (size_t i = 0; i < blobs.size(); ++i) text += hex(key(static_cast<uint32_t>(i + 1))) + "\n" + hex(blobs[i]) + "\n";
+    for (size_t i = 0; i < blobs.size(); ++i)
+        text += hex(key(static_cast<uint32_t>(i + 1))) + "\n" + hex(blobs[i]) + "\n";
     amtest::write_file(file + ".txt", text);
     int st = 0;
     run("db5.3_load -T -t hash " + q(file) + " < " + q(file + ".txt") + " && rm -f " + q(file + ".txt"), &st);
     return st == 0;
 }
 
-// Two .deb files made by dpkg-deb and installed by dpkg into <tree>'s own
-// admindir (no maintainer scripts).
+// The two packages of fixtures/deb made by dpkg-deb and installed by dpkg
+// into <tree>'s own admindir (no maintainer scripts).
 inline bool make_dpkg_tree(const std::string& tree) {
     if (!amtest::have_tools("dpkg dpkg-deb")) return false;
     amtest::write_file(tree + "/var/lib/dpkg/status", "");
     amtest::write_file(tree + "/var/lib/dpkg/available", "");
-    run("mkdir -p " + q(tree + "/var/lib/dpkg/info") + " " + q(tree + "/var/lib/dpkg/updates"));
-    const std::string b = tree + ".debs";
-    amtest::write_file(b + "/a/DEBIAN/control",
-                       "Package: amtest-a\nVersion: 1:2.0-1\nArchitecture: all\nMaintainer: T <t@example.org>\n"
-                       "Installed-Size: 12\nDescription: first test package\n long text\n");
-    amtest::write_file(b + "/a/usr/share/amtest-a/f", "a\n");
-    amtest::write_file(b + "/b/DEBIAN/control",
-                       "Package: amtest-b\nSource: amtest-src (0.9)\nVersion: 0.9\nArchitecture: amd64\n"
-                       "Multi-Arch: same\nMaintainer: T <t@example.org>\nDescription: second\n");
-    amtest::write_file(b + "/b/usr/share/amtest-b/f", "b\n");
+    const std::string b = q(tree + ".debs");
     int st = 0;
-    run("dpkg-deb -b " + q(b + "/a") + " " + q(b + "/a.deb") + " >/dev/null && dpkg-deb -b " + q(b + "/b") + " " +
-            q(b + "/b.deb") + " >/dev/null && dpkg --admindir=" + q(tree + "/var/lib/dpkg") + " --instdir=" + q(tree) +
-            " --force-not-root --force-depends --force-architecture --no-triggers -i " + q(b + "/a.deb") + " " +
-            q(b + "/b.deb") + " >/dev/null 2>&1; rm -rf " + q(b),
+    run("mkdir -p " + q(tree + "/var/lib/dpkg/info") + " " + q(tree + "/var/lib/dpkg/updates") +
+            " && cp -r " + q(ASSETMAN_FIXTURES "/deb") + " " + b + " && chmod -R go-w " + b +
+            " && dpkg-deb -b " + b + "/a " + b + "/a.deb >/dev/null && dpkg-deb -b " + b + "/b " + b +
+            "/b.deb >/dev/null && dpkg --admindir=" + q(tree + "/var/lib/dpkg") + " --instdir=" + q(tree) +
+            " --force-not-root --force-depends --force-architecture --no-triggers -i " + b + "/a.deb " + b +
+            "/b.deb >/dev/null 2>&1; rm -rf " + b,
         &st);
     return st == 0;
 }
@@ -165,7 +149,8 @@ inline bool make_dpkg_tree(const std::string& tree) {
 // modes, contents, link texts).
 inline std::string tree_sum(const std::string& tree) {
     return run("cd " + q(tree) +
-               " && find . -printf '%p %y %m %l\\n' | LC_ALL=C sort | sha256sum && find . -type f -print0 | LC_ALL=C "
+               " && find . -printf '%p %y %m %l\\n' | LC_ALL=C sort | sha256sum && find . -type f -print0 | "
+               "LC_ALL=C "
                "sort -z | xargs -0r sha256sum | sha256sum");
 }
 

@@ -27,23 +27,23 @@ inline void put(const std::string& path, const std::string& text) {
 
 inline int sh(const std::string& cmd) { return system(cmd.c_str()); }
 
-inline pid_t pid_from(const std::string& file) {
-    std::ifstream in(file);
-    long v = 0;
-    in >> v;
-    return static_cast<pid_t>(v);
-}
-
-// The pid that ss reports as owning the listener on 127.0.0.1:`port`, so a
-// server whose pid file did not appear is still stopped.
-inline pid_t listener_pid(int port) {
-    const std::string cmd = "ss -Htlnp 'sport = :" + std::to_string(port) + "' | grep -o 'pid=[0-9]*' | head -1";
+// The number a shell command prints, 0 when none.
+inline pid_t pid_of(const std::string& cmd) {
     FILE* p = popen(cmd.c_str(), "r");
     if (!p) return 0;
     char buf[64] = {};
     const bool got = fgets(buf, sizeof buf, p) != nullptr;
     pclose(p);
-    return got ? static_cast<pid_t>(atol(buf + 4)) : 0;
+    return got ? static_cast<pid_t>(atol(buf)) : 0;
+}
+
+inline pid_t pid_from(const std::string& file) { return pid_of("cat " + file + " 2>/dev/null"); }
+
+// The pid that ss reports as owning the listener on 127.0.0.1:`port`, so a
+// server whose pid file did not appear is still stopped.
+inline pid_t listener_pid(int port) {
+    return pid_of("ss -Htlnp 'sport = :" + std::to_string(port) +
+                  "' | grep -o 'pid=[0-9]*' | head -1 | cut -c5-");
 }
 
 // Waits (bounded) until `port` on 127.0.0.1 is listened on.
@@ -69,20 +69,11 @@ inline void stop_pid(pid_t pid) {
 
 // The parent of a worker when it runs the same program (nginx, Apache).
 inline pid_t main_pid(pid_t pid) {
-    if (pid <= 0) return pid;
-    std::ifstream st("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(st, line);
-    const size_t rp = line.rfind(')');
-    if (rp == std::string::npos) return pid;
-    std::istringstream rest(line.substr(rp + 2));
-    char state;
-    long ppid = 0;
-    rest >> state >> ppid;
-    char a[4096] = {}, b[4096] = {};
-    const ssize_t na = readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), a, sizeof a - 1);
-    const ssize_t nb = readlink(("/proc/" + std::to_string(ppid) + "/exe").c_str(), b, sizeof b - 1);
-    return ppid > 1 && na > 0 && nb > 0 && std::string(a) == std::string(b) ? static_cast<pid_t>(ppid) : pid;
+    const std::string p = std::to_string(pid);
+    const pid_t parent = pid_of("ps -o ppid= -p " + p);
+    const bool same = parent > 1 && pid_of("[ \"$(readlink /proc/" + std::to_string(parent) +
+                                           "/exe)\" = \"$(readlink /proc/" + p + "/exe)\" ] && echo 1") == 1;
+    return same ? parent : pid;
 }
 
 struct LiveServers {
@@ -142,19 +133,22 @@ struct LiveServers {
                                             ";\n  server_name proxy.test;\n  location / { proxy_pass "
                                             "http://127.0.0.1:9; }\n}\n");
         std::filesystem::create_directories(d + "/tmp");
-        return launch("nginx", "/usr/sbin/nginx -c " + d + "/nginx.conf -p " + d + "/ >" + d + "/start.log 2>&1",
+        return launch("nginx",
+                      "/usr/sbin/nginx -c " + d + "/nginx.conf -p " + d + "/ >" + d + "/start.log 2>&1",
                       nginx_port(), d + "/nginx.pid", true, nginx);
     }
 
     bool start_apache(int sites) {
         const std::string d = dir + "/apache";
-        put(d + "/envvars", "export APACHE_RUN_USER=www-data\nexport APACHE_RUN_GROUP=www-data\n"
-                            "export APACHE_PID_FILE=" + d + "/apache.pid\nexport APACHE_RUN_DIR=" + d +
-                                "/run\nexport APACHE_LOCK_DIR=" + d + "/lock\nexport APACHE_LOG_DIR=" + d +
-                                "/logs\nexport LANG=C\n");
+        put(d + "/envvars",
+            "export APACHE_RUN_USER=www-data\nexport APACHE_RUN_GROUP=www-data\n"
+            "export APACHE_PID_FILE=" +
+                d + "/apache.pid\nexport APACHE_RUN_DIR=" + d + "/run\nexport APACHE_LOCK_DIR=" + d +
+                "/lock\nexport APACHE_LOG_DIR=" + d + "/logs\nexport LANG=C\n");
         std::ostringstream conf;
         const std::string mods = "/usr/lib/apache2/modules/";
-        conf << "DefaultRuntimeDir ${APACHE_RUN_DIR}\nPidFile ${APACHE_PID_FILE}\nMutex file:${APACHE_LOCK_DIR}\n"
+        conf << "DefaultRuntimeDir ${APACHE_RUN_DIR}\nPidFile ${APACHE_PID_FILE}\nMutex "
+                "file:${APACHE_LOCK_DIR}\n"
              << "User ${APACHE_RUN_USER}\nGroup ${APACHE_RUN_GROUP}\n"
              << "LoadModule mpm_event_module " << mods << "mod_mpm_event.so\n"
              << "LoadModule authz_core_module " << mods << "mod_authz_core.so\n"
@@ -172,7 +166,8 @@ struct LiveServers {
             s << "<VirtualHost 127.0.0.1:" << apache_port() << ">\n  ServerName vhost" << i
               << ".test\n  ServerAlias alias" << i << ".test other" << i << ".test\n  DocumentRoot " << dir
               << "/www/vhost" << i << "\n"
-              << (i < 2 ? "  Include snippet.conf\n" : "  CustomLog ${SITE_LOGS}/v" + std::to_string(i) + ".log \"%h\"\n")
+              << (i < 2 ? "  Include snippet.conf\n"
+                        : "  CustomLog ${SITE_LOGS}/v" + std::to_string(i) + ".log \"%h\"\n")
               << "</VirtualHost>\n";
             put(d + "/sites-enabled/vhost" + std::to_string(i) + ".conf", s.str());
         }
@@ -188,10 +183,11 @@ struct LiveServers {
 
     bool start_redis() {
         const std::string d = dir + "/redis";
-        put(d + "/redis.conf", "port " + std::to_string(redis_port()) + "\nbind 127.0.0.1\ndaemonize yes\npidfile " + d +
-                                   "/redis.pid\ndir " + d + "\nlogfile " + d + "/redis.log\nsave \"\"\n");
-        return launch("redis-server", "/usr/bin/redis-server " + d + "/redis.conf >/dev/null 2>&1", redis_port(),
-                      d + "/redis.pid", false, redis);
+        put(d + "/redis.conf", "port " + std::to_string(redis_port()) +
+                                   "\nbind 127.0.0.1\ndaemonize yes\npidfile " + d + "/redis.pid\ndir " + d +
+                                   "\nlogfile " + d + "/redis.log\nsave \"\"\n");
+        return launch("redis-server", "/usr/bin/redis-server " + d + "/redis.conf >/dev/null 2>&1",
+                      redis_port(), d + "/redis.pid", false, redis);
     }
 
     bool start_memcached() {
@@ -205,11 +201,10 @@ struct LiveServers {
     }
 
     void stop() {
-        stop_pid(nginx);
-        stop_pid(apache);
-        stop_pid(redis);
-        stop_pid(memcached);
-        nginx = apache = redis = memcached = 0;
+        for (pid_t* pid : {&nginx, &apache, &redis, &memcached}) {
+            stop_pid(*pid);
+            *pid = 0;
+        }
         if (!dir.empty()) {
             std::error_code ec;
             std::filesystem::remove_all(dir, ec);
