@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
+#include <tuple>
 
 #include "core/digest_cache.h"
 #include "core/file_facts.h"
@@ -45,10 +45,8 @@ TEST(Digests, KnownVectorsAndCoreutilsAgree) {
     for (const Row& r : rows) {
         const std::string p = dir.file("/v" + std::string(r.text), r.text);
         const FileFacts f = facts_of(p);
-        EXPECT_EQ(f.md5, r.md5);
-        EXPECT_EQ(f.sha256, r.sha256);
-        EXPECT_TRUE(f.company.empty());
-        EXPECT_FALSE(f.verified);
+        EXPECT_EQ(std::tie(f.md5, f.sha256, f.company, f.verified),
+                  std::make_tuple(r.md5, r.sha256, "", false));
         // The extra digest comes from the same pass.
         FileDigests d;
         ASSERT_TRUE(digest_file(p, false, DigestAlgo::kSha1, d));
@@ -77,14 +75,12 @@ TEST(Digests, NeverReadsWhatIsNotARegularFile) {
     const std::string link = dir.path + "/link";
     ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
 
-    // No writer on the FIFO (a blocking open would hang), /dev/zero endless,
-    // a directory, a name that is gone.
-    const auto t0 = std::chrono::steady_clock::now();
+    // No writer on the FIFO (a blocking open would hang the test), /dev/zero
+    // endless, a directory, a name that is gone.
     for (const std::string& p : {fifo, std::string("/dev/zero"), dir.path, dir.path + "/vanished"}) {
         const FileFacts f = facts_of(p);
         EXPECT_TRUE(f.md5.empty() && f.sha256.empty()) << p;
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
 
     EXPECT_TRUE(facts_of(link, true).md5.empty());
     EXPECT_EQ(facts_of(link, false).md5, "900150983cd24fb0d6963f7d28e17f72");
