@@ -107,7 +107,6 @@ TEST(ProcessParse, Maps) {
     EXPECT_EQ(p, "/a");
     EXPECT_FALSE(strip_deleted(p));
 
-    EXPECT_EQ(format_cpu_time(0, 100), "00:00:00");
     EXPECT_EQ(format_cpu_time(100 * 3723 + 99, 100), "01:02:03");
     EXPECT_EQ(format_cpu_time(100ull * 3600 * 150, 100), "150:00:00");
 }
@@ -142,42 +141,23 @@ std::string stat_line(int pid, const std::string& comm, int ppid, unsigned flags
            std::to_string(flags) + " 0 0 0 0 360000 6000 0 0 20 0 1 0 " + std::to_string(start) + " 0 0\n";
 }
 
+// The text files of fixtures/proc_tree: alice's process 100 ("my app) (x"),
+// the kernel thread 2, and 300 with a truncated stat and an unknown uid. The
+// links, FIFOs, the device and the 10 MB command line are made here.
 TEST(ProcessFixture, HostileTree) {
     amtest::TempDir r;
-    r.file("/etc/passwd", "root:x:0:0::/root:/bin/sh\nalice:x:1000:1000::/home/alice:/bin/sh\n");
-    r.file("/proc/stat", "cpu 1 2 3\nbtime 1700000000\n");
-    r.file("/usr/bin/app", "binary");
-    r.mkdir("/usr/lib");
-    ASSERT_EQ(mkfifo((r.path + "/usr/lib/fifo.so").c_str(), 0644), 0);
+    fs::copy(std::string(ASSETMAN_FIXTURES) + "/proc_tree", r.path, fs::copy_options::recursive);
     r.link("/usr/lib/zero.so", "/dev/zero");
+    ASSERT_EQ(mkfifo((r.path + "/usr/lib/fifo.so").c_str(), 0644), 0);
     const bool have_node = mknod((r.path + "/usr/lib/node.so").c_str(), S_IFCHR | 0644, makedev(1, 5)) == 0;
 
-    // 100: a user process mapping a FIFO and a link to /dev/zero as libraries.
-    r.file("/proc/100/stat", stat_line(100, "my app) (x", 1, 0, 12345));
-    r.file("/proc/100/status", "Name:\tapp\nUid:\t1000\t0\t0\t0\n");
-    r.file("/proc/100/cmdline", std::string("/usr/bin/app\0--flag\0", 20));
-    r.file("/proc/100/environ", std::string("HOME=/home/alice\0LANG=C\0", 24));
+    // 100 maps the FIFO, the link to /dev/zero and the device as libraries.
     r.link("/proc/100/exe", "/usr/bin/app");
     r.link("/proc/100/cwd", "/home/alice");
     r.link("/proc/100/root", r.path);
-    r.file("/proc/100/maps",
-           "1000-2000 r-xp 00000000 fe:00 1 /usr/bin/app\n"
-           "2000-3000 r-xp 00000000 fe:00 2 /usr/lib/fifo.so\n"
-           "3000-4000 r-xp 00000000 fe:00 3 /usr/lib/zero.so\n"
-           "4000-5000 r-xp 00000000 00:00 0 [vdso]\n"
-           "5000-6000 r-xp 00000000 fe:00 2 /usr/lib/fifo.so\n"
-           "5800-5900 r-xp 00000000 fe:00 4 /usr/lib/node.so\n"
-           "00006000-00007000 r-xp 00000000 fe:00 9 /usr/lib/gone.so (deleted)\n");
     // A deleted library is read through map_files, named without zero padding.
-    r.file("/gone-inode", "gone");
     r.link("/proc/100/map_files/6000-7000", r.path + "/gone-inode");
-    // 2: a kernel thread.
-    r.file("/proc/2/stat", stat_line(2, "kthreadd", 0, 0x208040, 1));
-    r.file("/proc/2/status", "Uid:\t0\t0\t0\t0\n");
-    r.file("/proc/2/cmdline", "");
-    // 300: unknown uid, 10 MB command line, stat truncated, files unreadable.
-    r.file("/proc/300/stat", "300 (big) S 1 1");
-    r.file("/proc/300/status", "Uid:\t4242\t4242\t4242\t4242\n");
+    // 300: 10 MB command line, files unreadable.
     r.file("/proc/300/cmdline", std::string(10u << 20, 'a'));
     mkfifo((r.path + "/proc/300/environ").c_str(), 0644);
     r.link("/proc/300/maps", "/dev/zero");
