@@ -119,35 +119,22 @@ TEST(ContainerFacts, LinksResolveInsideTheTree) {
 // the maps read and the hashing); and links of the tree's own /proc that
 // point at host files, which must be looked up inside the tree.
 TEST(ContainerFacts, CollectorFixtureForeignRoot) {
+    // fixtures/foreign_proc: the tree's /etc/passwd, and the stat, status and
+    // maps of its processes 7 and 8.
     TempDir host;
+    fs::copy(std::string(ASSETMAN_FIXTURES) + "/foreign_proc", host.path, fs::copy_options::recursive);
     lay_out_hostile_root(host, "/var/lib/c1");
     const std::string libc = "/lib/x86_64-linux-gnu/libc.so.6";
     host.file("/var/lib/c1/real" + libc, "abc");
     host.link("/var/lib/c1/usr/libc-dir", "/real/lib/x86_64-linux-gnu");  // /real: not at the tree's top
-    host.file("/etc/passwd", "the tree's passwd");
-    host.file("/proc/stat", "btime 1700000000\n");
-    for (const char* pid : {"7", "8"}) {
-        const std::string d = std::string("proc/") + pid;
-        host.file("/" + d + "/stat",
-                  std::string(pid) + " (app) S 1 1 1 0 -1 0 0 0 0 0 1 1 0 0 20 0 1 0 5 0 0\n");
-        host.file("/" + d + "/status", "Uid:\t0\t0\t0\t0\n");
-    }
-    // 7: a container, its root named by its full host path.
+    // 7: a container, its root named by its full host path; it maps
+    // /usr/lib/abc.so, /lib/passwd, /lib/shadow and /usr/libc-dir/libc.so.6.
     host.link("/proc/7/root", host.path + "/var/lib/c1");
-    host.file("/proc/7/maps",
-              "1000-2000 r-xp 00000000 fe:00 1 /usr/lib/abc.so\n"
-              "2000-3000 r-xp 00000000 fe:00 2 /lib/passwd\n"
-              "3000-4000 r-xp 00000000 fe:00 3 /lib/shadow\n"
-              "4000-5000 r-xp 00000000 fe:00 4 /usr/libc-dir/libc.so.6\n");
     // 8: the tree's links aim at the host: its root at "/", a deleted
     // library at the host's /etc/passwd, its deleted exe at /etc/shadow.
     host.link("/proc/8/root", "/");
     host.link("/proc/8/exe", "/etc/shadow (deleted)");
     host.link("/proc/8/map_files/1000-2000", "/etc/passwd");
-    host.file("/proc/8/maps",
-              "1000-2000 r-xp 00000000 fe:00 9 /usr/lib/gone.so (deleted)\n"
-              "2000-3000 r-xp 00000000 fe:00 5 /etc/passwd\n"
-              "3000-4000 r-xp 00000000 fe:00 6 /etc/shadow\n");
     std::vector<AM::ProcessInfo> out;
     ASSERT_EQ(collect_processes(HostRoot(host.path).set_fixture_proc(true), out), 0);
     ASSERT_EQ(out.size(), 2u);
