@@ -72,23 +72,12 @@ TEST(ProcessParse, JoinNul) {
     EXPECT_EQ(join_nul(S("A=1\0B=x y\0", 10), '\n'), "A=1\nB=x y");
 }
 
+// fixtures/maps: a program with a blank in its name mapped twice, a mapping
+// that is not executable, one file in two ranges, a deleted file, anonymous
+// and [vdso]/[vsyscall] ranges, a memfd, a relative path, junk lines, and a
+// last line without its newline.
 TEST(ProcessParse, Maps) {
-    const std::string maps =
-        "00400000-00452000 r-xp 00000000 08:02 173521      /usr/bin/my prog\n"
-        "00651000-00652000 rw-p 00051000 08:02 173521      /usr/bin/my prog\n"
-        "7f10-7f20 r--p 00000000 fe:00 10 /usr/lib/data.so\n"  // not executable
-        "7f20-7f30 r-xp 00000000 fe:00 11 /usr/lib/libc.so.6\n"
-        "7f30-7f40 r-xp 00010000 fe:00 11 /usr/lib/libc.so.6\n"  // same file again
-        "7f40-7f50 r-xp 00000000 00:05 99 /tmp/old.so (deleted)\n"
-        "7f50-7f60 r-xp 00000000 00:00 0 \n"
-        "7f60-7f70 r-xp 00000000 00:00 0                  [vdso]\n"
-        "7f70-7f80 r-xp 00000000 00:00 0                  [vsyscall]\n"
-        "7f80-7f90 r-xp 00000000 00:01 5 /memfd:jit (deleted)\n"
-        "7f90-7fa0 r-xp 00000000 fe:00 12 relative/path.so\n"
-        "garbage line\n"
-        "zz-7fb0 r-xp 00000000 fe:00 13 /bad/range.so\n"
-        "7fb0-7fc0 r-x 00000000 fe:00 14 /short/perms.so\n"
-        "7fc0-7fd0 r-xp 0 fe:00 15 /no/newline.so";
+    const std::string maps = slurp(std::string(ASSETMAN_FIXTURES) + "/maps");
     const std::vector<Mapping> m = parse_maps(maps);
     std::vector<std::string> paths;
     for (const Mapping& x : m) paths.push_back(x.path);
