@@ -336,6 +336,12 @@ TEST(ProcessLive, ChildrenAndPs) {
             // ps drops blanks at the ends of the argument list; the collector keeps them.
             EXPECT_EQ(trim(a.cmd_line), trim(std::string_view(row->second).substr(at))) << row->second;
         }
+        // Kernel threads (they never change directory): the root, as readlink says.
+        std::error_code ec;
+        const fs::path cwd = fs::read_symlink("/proc/" + std::to_string(a.pid) + "/cwd", ec);
+        if ((a.pid == 2 || a.ppid == 2) && !ec) {
+            EXPECT_EQ(a.current_dir, cwd.string()) << row->second;
+        }
         ++compared;
     }
     EXPECT_GE(compared, 5u);
