@@ -329,7 +329,6 @@ TEST(ProcessEnv, SecretNames) {
 TEST(ProcessEnv, RedactedAndEscaped) {
     const std::pair<std::string, std::string> rows[] = {
         {std::string("A=1\0B=2\0\0", 9), "A=1\nB=2"},
-        {std::string("A=x\nLD_PRELOAD=/tmp/evil.so\0", 28), "A=x\\nLD_PRELOAD=/tmp/evil.so"},
         {std::string("W=c:\\dir\\n\0", 11), "W=c:\\\\dir\\\\n"},
         {"DATABASE_URL=postgres://app:hunter2@db:5432/x", "DATABASE_URL=postgres://app:<redacted>@db:5432/x"},
         {"U=https://host/a@b:c", "U=https://host/a@b:c"},
