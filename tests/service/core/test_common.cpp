@@ -2,8 +2,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
-
 #include "core/common.h"
 #include "test_util.h"
 
@@ -36,18 +34,14 @@ TEST(ReadFile, ReadsRegularFilesBoundedAndRefusesEverythingElse) {
     EXPECT_TRUE(out.empty());
     EXPECT_EQ(-EINVAL, read_file(t.path, out));  // a directory
 
-    // A FIFO with no writer must neither block nor be read.
+    // A FIFO with no writer must neither block (the test would hang) nor be read.
     const std::string fifo = t.path + "/fifo";
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(-EINVAL, read_file(fifo, out));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-    EXPECT_EQ(-EINVAL, read_file("/dev/zero", out));
+    for (const std::string& p : {fifo, std::string("/dev/zero")}) EXPECT_EQ(-EINVAL, read_file(p, out)) << p;
 
-    const std::string link = t.path + "/link";
     t.link("/link", f);
-    EXPECT_EQ(0, read_file(link, out));
-    EXPECT_EQ(-ELOOP, read_file(link, out, kDefaultMaxFile, kNoFollow));
+    EXPECT_EQ(0, read_file(t.path + "/link", out));
+    EXPECT_EQ(-ELOOP, read_file(t.path + "/link", out, kDefaultMaxFile, kNoFollow));
 
     // /proc files report a size of 0 but have content.
     EXPECT_EQ(0, read_file("/proc/self/status", out));
@@ -92,10 +86,8 @@ TEST(Text, JoinsContinuedLines) {
 TEST(Text, ParsesNumbersStrictly) {
     int64_t i = 0;
     uint64_t u = 0;
-    EXPECT_TRUE(parse_i64("-42", i));
-    EXPECT_EQ(-42, i);
-    EXPECT_TRUE(parse_u64("18446744073709551615", u));
-    EXPECT_EQ(UINT64_MAX, u);
+    EXPECT_TRUE(parse_i64("-42", i) && i == -42);
+    EXPECT_TRUE(parse_u64("18446744073709551615", u) && u == UINT64_MAX);
     for (const char* bad : {"42x", "", "9223372036854775808"}) EXPECT_FALSE(parse_i64(bad, i)) << bad;
     for (const char* bad : {"18446744073709551616", "-1", " 1"}) EXPECT_FALSE(parse_u64(bad, u)) << bad;
 }

@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
+#include <tuple>
 
 #include "core/digest_cache.h"
 #include "core/file_facts.h"
@@ -45,10 +45,8 @@ TEST(Digests, KnownVectorsAndCoreutilsAgree) {
     for (const Row& r : rows) {
         const std::string p = dir.file("/v" + std::string(r.text), r.text);
         const FileFacts f = facts_of(p);
-        EXPECT_EQ(f.md5, r.md5);
-        EXPECT_EQ(f.sha256, r.sha256);
-        EXPECT_TRUE(f.company.empty());
-        EXPECT_FALSE(f.verified);
+        EXPECT_EQ(std::tie(f.md5, f.sha256, f.company, f.verified),
+                  std::make_tuple(r.md5, r.sha256, "", false));
         // The extra digest comes from the same pass.
         FileDigests d;
         ASSERT_TRUE(digest_file(p, false, DigestAlgo::kSha1, d));
@@ -77,14 +75,12 @@ TEST(Digests, NeverReadsWhatIsNotARegularFile) {
     const std::string link = dir.path + "/link";
     ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
 
-    // No writer on the FIFO (a blocking open would hang), /dev/zero endless,
-    // a directory, a name that is gone.
-    const auto t0 = std::chrono::steady_clock::now();
+    // No writer on the FIFO (a blocking open would hang the test), /dev/zero
+    // endless, a directory, a name that is gone.
     for (const std::string& p : {fifo, std::string("/dev/zero"), dir.path, dir.path + "/vanished"}) {
         const FileFacts f = facts_of(p);
         EXPECT_TRUE(f.md5.empty() && f.sha256.empty()) << p;
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
 
     EXPECT_TRUE(facts_of(link, true).md5.empty());
     EXPECT_EQ(facts_of(link, false).md5, "900150983cd24fb0d6963f7d28e17f72");
@@ -129,7 +125,12 @@ TEST(Digests, ManyFilesInOrderEachReadOnce) {
         const std::string p =
             dir.file("/f" + std::to_string(i), std::string(1000 + i, static_cast<char>('a' + i % 26)));
         refs.push_back(FileRef{p, p, false});
-        refs.push_back(FileRef{p, p, false});  // shared by two "processes"
+        // The same file for another process, seen through its root: roots
+        // interleave (each thread keeps one open), the file is read once.
+        FileRef in_root{"/f" + std::to_string(i), "", false};
+        in_root.root_dir = dir.path;
+        in_root.foreign = true;
+        refs.push_back(in_root);
     }
     refs.push_back(FileRef{"/dev/null", "/dev/null", false});
     const uint64_t hashed = digest_stats().files_hashed;
@@ -137,7 +138,7 @@ TEST(Digests, ManyFilesInOrderEachReadOnce) {
     ASSERT_EQ(out.size(), refs.size());
     EXPECT_EQ(digest_stats().files_hashed, hashed + 200);
     for (size_t i = 0; i + 1 < refs.size(); ++i) {
-        EXPECT_EQ(out[i].md5, facts_of(refs[i].open_path).md5) << refs[i].open_path;
+        EXPECT_EQ(out[i].md5, facts_of(refs[i - i % 2].open_path).md5) << i;
     }
     EXPECT_TRUE(out.back().md5.empty());
 }

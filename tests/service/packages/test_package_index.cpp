@@ -8,9 +8,9 @@
 
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <set>
 #include <string>
+#include <tuple>
 
 #include "collectors.h"
 #include "core/digest_cache.h"
@@ -63,22 +63,17 @@ TEST(Ownership, DpkgFixture) {
     };
     for (const auto& c : kCases) {
         const FileFacts f = facts(root, c.path);
-        EXPECT_EQ(f.company, c.company) << c.path;
-        EXPECT_EQ(f.verified, c.verified) << c.path;
+        EXPECT_EQ(std::tie(f.company, f.verified), std::tie(c.company, c.verified)) << c.path;
     }
     for (const char* p : {"/usr/bin/nativetool", "/var/lib/dpkg/status"})
         EXPECT_FALSE(facts(root, p).md5.empty()) << p;
     // Unless links are refused.
     const FileFacts f = file_facts(root, FileRef{"/usr/bin/foo-link", "", true});
-    EXPECT_EQ(f.company, "");
-    EXPECT_TRUE(f.md5.empty());
-    EXPECT_FALSE(f.verified);
+    EXPECT_EQ(std::tie(f.company, f.md5, f.verified), std::make_tuple("", "", false));
     // Directories are not entries; bad hex in md5sums recorded nothing.
     FileOwner o;
-    EXPECT_FALSE(package_owner(root, "/usr/lib/x86_64-linux-gnu", o));
-    EXPECT_FALSE(package_owner(root, "/usr/lib/bad-hex", o));
-    EXPECT_FALSE(package_owner(root, "", o));
-    EXPECT_FALSE(package_owner(root, "relative/path", o));
+    for (const char* p : {"/usr/lib/x86_64-linux-gnu", "/usr/lib/bad-hex", "", "relative/path"})
+        EXPECT_FALSE(package_owner(root, p, o)) << p;
 }
 
 TEST(Ownership, ApkFixtureSha1) {
@@ -86,8 +81,9 @@ TEST(Ownership, ApkFixtureSha1) {
     for (const auto& [path, verified] :
          {std::pair{"/bin/busybox", true}, {"/etc/motd", false}}) {  // motd changed
         const FileFacts f = facts(root, path);
-        EXPECT_EQ(f.company, "Soren Tempel <soeren+alpine@example.org>") << path;
-        EXPECT_EQ(f.verified, verified) << path;
+        EXPECT_EQ(std::tie(f.company, f.verified),
+                  std::make_tuple("Soren Tempel <soeren+alpine@example.org>", verified))
+            << path;
     }
 }
 
@@ -137,14 +133,7 @@ TEST(Ownership, ScratchCopyOfRealPackageAgreesWithDebsums) {
     }
     ASSERT_GE(paths.size(), 3u);
     const std::string changed = paths[1];
-    {
-        std::fstream f(r + changed, std::ios::in | std::ios::out | std::ios::binary);
-        char c;
-        f.seekg(10);
-        f.get(c);
-        f.seekp(10);
-        f.put(static_cast<char>(c ^ 1));
-    }
+    std::ofstream(r + changed, std::ios::app) << "changed";
     const std::string maintainer = run("dpkg-query -W -f '${Maintainer}' " + pkg);
     const HostRoot root(r);
     std::set<std::string> ours_failed, debsums_failed;
@@ -155,23 +144,12 @@ TEST(Ownership, ScratchCopyOfRealPackageAgreesWithDebsums) {
         if (!f.verified) ours_failed.insert(p);
     }
     EXPECT_EQ(ours_failed, std::set<std::string>{changed});
-    // The same file under its other name through bin -> usr/bin.
-    if (changed.rfind("/bin/", 0) == 0) {
-        EXPECT_FALSE(facts(root, "/usr" + changed).verified);
-    }
-    if (paths[0].rfind("/bin/", 0) == 0) {
-        EXPECT_TRUE(facts(root, "/usr" + paths[0]).verified);
-    }
-
     if (!amtest::have_tools("debsums")) GTEST_SKIP() << "debsums not installed: no second opinion";
     const std::string report = run("debsums -r '" + r + "' " + pkg + " 2>&1");
     for (std::string_view line : split_lines(report)) {
         const std::vector<std::string_view> w = split_ws(line);
         if (w.size() == 2 && w[1] == "FAILED" && starts_with(w[0], r))
             debsums_failed.insert(std::string(w[0].substr(r.size())));
-        if (w.size() == 2) {
-            EXPECT_TRUE(w[1] == "OK" || w[1] == "FAILED") << line;
-        }
     }
     EXPECT_EQ(ours_failed, debsums_failed) << report;
 }
@@ -206,35 +184,16 @@ TEST(Rpm, DatabaseMadeByRpm) {
     const std::string top = dir.path + "/build", root_dir = dir.path + "/root";
     fs::create_directories(top + "/SPECS");
     fs::create_directories(root_dir + "/var/lib/rpm");
-    std::ofstream(top + "/SPECS/amtiny.spec") << R"(Name: amtiny
-Version: 1.2
-Release: 3
-Epoch: 2
-Summary: tiny test package
-License: MIT
-Vendor: Example Vendor Inc.
-Prefix: /opt/amtiny
-BuildArch: noarch
-%description
-tiny
-%install
-mkdir -p %{buildroot}/opt/amtiny/bin %{buildroot}/opt/amtiny/share
-printf 'hello tiny\n' > %{buildroot}/opt/amtiny/bin/tool
-printf 'data\n' > %{buildroot}/opt/amtiny/share/data.txt
-ln -s tool %{buildroot}/opt/amtiny/bin/tool-link
-%files
-/opt/amtiny
-)";
+    fs::copy_file(kFixtures + "/amtiny.spec", top + "/SPECS/amtiny.spec");
     const std::string q = " --define '_topdir " + top + "' --define '_build_id_links none' ";
     const std::string rpm = "rpm --root " + root_dir + " --dbpath /var/lib/rpm ";
-    ASSERT_EQ(
-        system(("rpmbuild" + q + "-bb " + top + "/SPECS/amtiny.spec >" + dir.path + "/log 2>&1").c_str()), 0)
-        << run("cat " + dir.path + "/log");
-    ASSERT_EQ(system(("rpm --initdb --dbpath " + root_dir + "/var/lib/rpm").c_str()), 0);
-    ASSERT_EQ(
-        system((rpm + "-i --nodeps --noscripts --notriggers " + top + "/RPMS/noarch/amtiny-1.2-3.noarch.rpm")
-                   .c_str()),
-        0);
+    int st = 0;
+    const std::string log =
+        run("rpmbuild" + q + "-bb " + top + "/SPECS/amtiny.spec 2>&1 && rpm --initdb --dbpath " + root_dir +
+                "/var/lib/rpm 2>&1 && " + rpm + "-i --nodeps --noscripts --notriggers " + top +
+                "/RPMS/noarch/amtiny-1.2-3.noarch.rpm 2>&1",
+            &st);
+    ASSERT_EQ(st, 0) << log;
     const time_t before = time(nullptr);
     const HostRoot root(root_dir);
     std::vector<AM::SysInstallPackageInfo> out;
@@ -249,13 +208,12 @@ ln -s tool %{buildroot}/opt/amtiny/bin/tool-link
     EXPECT_LE(p.installtime, format_time(before + 5));
     EXPECT_GE(p.installtime, format_time(before - 600));
 
-    FileFacts f = facts(root, "/opt/amtiny/bin/tool");
-    EXPECT_EQ(f.company, "Example Vendor Inc.");
-    EXPECT_TRUE(f.verified);
     std::ofstream(root_dir + "/opt/amtiny/share/data.txt") << "DATA\n";
-    f = facts(root, "/opt/amtiny/share/data.txt");
-    EXPECT_EQ(f.company, "Example Vendor Inc.");
-    EXPECT_FALSE(f.verified);
+    for (const auto& [path, verified] :
+         {std::pair{"/opt/amtiny/bin/tool", true}, {"/opt/amtiny/share/data.txt", false}}) {
+        const FileFacts f = facts(root, path);
+        EXPECT_EQ(std::tie(f.company, f.verified), std::make_tuple("Example Vendor Inc.", verified)) << path;
+    }
     EXPECT_NE(run(rpm + "-V amtiny 2>/dev/null").find("data.txt"), std::string::npos);
     EXPECT_EQ(facts(root, "/opt/other").company, "");
 }
@@ -297,21 +255,12 @@ TEST(Ownership, HostileDpkgDatabase) {
     std::ofstream(r + "/usr/bin/good") << "good\n";
 
     const HostRoot root(r);
-    const struct {
-        const char* path;
-        const char* package;  // "" for none
-    } cases[] = {
-        {"/usr/bin/stolen", ""},
-        {"/usr/bin/linked", ""},
-        {"/usr/bin/good", "good"},
-        {"/usr/bin", ""},
-    };
-    for (const auto& c : cases) {
+    for (const char* path : {"/usr/bin/stolen", "/usr/bin/linked", "/usr/bin"}) {
         FileOwner o;
-        const bool owned = package_owner(root, c.path, o);
-        EXPECT_EQ(owned ? o.package : "", c.package) << c.path;
-        if (owned) {
-            EXPECT_EQ(o.algo, DigestAlgo::kNone) << c.path;
-        }
+        EXPECT_FALSE(package_owner(root, path, o)) << path;
     }
+    // Only the honest list is believed, and its FIFO md5sums gave no digest.
+    FileOwner o;
+    ASSERT_TRUE(package_owner(root, "/usr/bin/good", o));
+    EXPECT_EQ(std::tie(o.package, o.algo), std::make_tuple("good", DigestAlgo::kNone));
 }

@@ -2,31 +2,12 @@
 // inside it, never on the host, and the host's packages never own them.
 // Fake roots in a temporary directory, a fixture /proc, and a real process
 // chrooted into a fake root.
-#include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <stdio.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <thread>
-
-#include "collectors.h"
-#include "core/common.h"
 #include "core/file_facts.h"
 #include "core/root_open.h"
 #include "proc_helpers.h"
 
-namespace fs = std::filesystem;
 using namespace amsvc;
-using amproc::slurp;
-using amproc::sum;
+using namespace amproc;
 using amtest::TempDir;
 
 namespace {
@@ -45,22 +26,21 @@ std::string read_in(Opener open, int root_fd, const std::string& path, bool no_f
 }
 
 const std::string kAbcMd5 = "900150983cd24fb0d6963f7d28e17f72";
-const std::string kAbcSha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 
 // A container's tree that points at the host every way a link can: an
 // absolute directory link, a relative one climbing past the top, a final
 // component link, a loop, a link through /proc. The host has every target.
-void lay_out_hostile_root(TempDir& r) {
-    r.file("/etc/passwd", "inside passwd");
-    r.file("/usr/lib/abc.so", "abc");
-    r.link("/lib", "/etc");                          // /lib/passwd: the root's /etc/passwd
-    r.link("/usr/up", "../../../../../../etc");      // climbs to the root, not past it
-    r.link("/usr/lib/final.so", "/usr/lib/abc.so");  // absolute final link
-    r.link("/usr/lib/host.so", "/etc/hostname");     // the root has no /etc/hostname
-    r.link("/loop1", "loop2");
-    r.link("/loop2", "loop1");
-    r.link("/selfroot", "/proc/self/root/etc");
-    r.mkdir("/deep/a/b");
+void lay_out_hostile_root(TempDir& t, const std::string& at = "") {
+    t.file(at + "/etc/passwd", "inside passwd");
+    t.file(at + "/usr/lib/abc.so", "abc");
+    t.link(at + "/lib", "/etc");                          // /lib/passwd: the root's /etc/passwd
+    t.link(at + "/usr/up", "../../../../../../etc");      // climbs to the root, not past it
+    t.link(at + "/usr/lib/final.so", "/usr/lib/abc.so");  // absolute final link
+    t.link(at + "/usr/lib/host.so", "/etc/hostname");     // the root has no /etc/hostname
+    t.link(at + "/loop1", "loop2");
+    t.link(at + "/loop2", "loop1");
+    t.link(at + "/selfroot", "/proc/self/root/etc");
+    t.mkdir(at + "/deep/a/b");
 }
 
 class RootOpen : public ::testing::TestWithParam<Opener> {};
@@ -95,75 +75,42 @@ TEST_P(RootOpen, LinksStayInsideTheRoot) {
 
 INSTANTIATE_TEST_SUITE_P(OpenAt2AndWalk, RootOpen, ::testing::Values(&open_in_root, &open_in_root_walk));
 
-TEST(ContainerFacts, RootDirResolvesInside) {
+// A container's tree named by a record, and a mounted image as the host
+// root: the links resolve inside the tree, never on the host.
+TEST(ContainerFacts, LinksResolveInsideTheTree) {
     TempDir r;
     lay_out_hostile_root(r);
-    r.file("/lib2/x/shadow", "abc");
+    const std::string inside = sum(r.path + "/etc/passwd");
+    ASSERT_NE(inside, sum("/etc/passwd"));
+    const struct {
+        const char* path;
+        bool no_follow;
+        std::string md5;
+    } rows[] = {
+        {"/usr/lib/abc.so", true, kAbcMd5},    {"/lib/passwd", true, inside},
+        {"/usr/up/passwd", false, inside},     {"/lib/shadow", false, ""},
+        {"/lib/hostname", true, ""},           {"/usr/lib/host.so", false, ""},
+        {"/usr/lib/final.so", false, kAbcMd5}, {"/usr/lib/final.so", true, ""},
+    };
     FileRef ref;
     ref.root_dir = r.path;
-    ref.no_follow = true;
     ref.foreign = true;
-
-    ref.host_path = "/usr/lib/abc.so";
-    FileFacts f = file_facts(HostRoot("/"), ref);
-    EXPECT_EQ(f.md5, kAbcMd5);
-    EXPECT_EQ(f.sha256, kAbcSha256);
-    EXPECT_EQ(f.company, "");
-    EXPECT_FALSE(f.verified);
-
-    // Through lib -> /etc: the root's passwd, never the host's.
-    ref.host_path = "/lib/passwd";
-    f = file_facts(HostRoot("/"), ref);
-    EXPECT_EQ(f.md5, sum(r.path + "/etc/passwd"));
-    EXPECT_NE(f.md5, sum("/etc/passwd"));
-    for (const char* p : {"/lib/shadow", "/lib/hostname", "/usr/lib/host.so", "/usr/lib/final.so"}) {
-        ref.host_path = p;
-        f = file_facts(HostRoot("/"), ref);
-        EXPECT_EQ(f.md5, "") << p;
-        EXPECT_EQ(f.company, "") << p;
-    }
-
-    // Many at once, roots interleaved (each thread keeps one root open).
-    TempDir other;
-    other.file("/usr/lib/abc.so", "other");
-    std::vector<FileRef> refs;
-    for (int i = 0; i < 40; ++i) {
-        FileRef x = ref;
-        x.root_dir = i % 3 ? r.path : other.path;
-        x.host_path = i % 2 ? "/usr/lib/abc.so" : "/lib/shadow";
-        refs.push_back(x);
-    }
-    const std::vector<FileFacts> many = file_facts_many(HostRoot("/"), refs);
-    ASSERT_EQ(many.size(), refs.size());
-    for (size_t i = 0; i < refs.size(); ++i) {
-        if (i % 2 == 0)
-            EXPECT_EQ(many[i].md5, "") << i;
-        else
-            EXPECT_EQ(many[i].md5, i % 3 ? kAbcMd5 : "795f3202b17cb6bc3d4b771d8c6c9eaf") << i;
+    for (const auto& row : rows) {
+        ref.host_path = row.path;
+        ref.no_follow = row.no_follow;
+        const FileFacts f = file_facts(HostRoot("/"), ref);
+        EXPECT_EQ(f.md5, row.md5) << row.path;
+        EXPECT_TRUE(f.company.empty() && !f.verified) << row.path;
+        EXPECT_EQ(file_facts(HostRoot(r.path), FileRef{row.path, "", row.no_follow}).md5, row.md5)
+            << row.path;
     }
 
     // A root that is not a directory, or gone.
     ref.host_path = "/usr/lib/abc.so";
-    ref.root_dir = r.path + "/etc/passwd";
-    EXPECT_EQ(file_facts(HostRoot("/"), ref).md5, "");
-    ref.root_dir = r.path + "/nonexistent";
-    EXPECT_EQ(file_facts(HostRoot("/"), ref).md5, "");
-}
-
-// A host root that is a mounted image: its absolute links mean the image's files.
-TEST(ContainerFacts, ImageRootResolvesInside) {
-    TempDir r;
-    lay_out_hostile_root(r);
-    const HostRoot image(r.path);
-    const std::string inside = sum(r.path + "/etc/passwd");
-    const std::pair<FileRef, std::string> rows[] = {{{"/lib/passwd", ""}, inside},
-                                                    {{"/usr/up/passwd", ""}, inside},
-                                                    {{"/lib/shadow", ""}, ""},
-                                                    {{"/usr/lib/final.so", ""}, kAbcMd5},
-                                                    {{"/usr/lib/final.so", "", true}, ""},
-                                                    {{"/usr/lib/host.so", ""}, ""}};
-    for (const auto& row : rows)
-        EXPECT_EQ(file_facts(image, row.first).md5, row.second) << row.first.host_path;
+    for (const char* bad : {"/etc/passwd", "/nonexistent"}) {
+        ref.root_dir = r.path + bad;
+        EXPECT_EQ(file_facts(HostRoot("/"), ref).md5, "") << bad;
+    }
 }
 
 // The collector on a fixture /proc (a tree, not procfs): a process whose
@@ -172,48 +119,30 @@ TEST(ContainerFacts, ImageRootResolvesInside) {
 // the maps read and the hashing); and links of the tree's own /proc that
 // point at host files, which must be looked up inside the tree.
 TEST(ContainerFacts, CollectorFixtureForeignRoot) {
+    // fixtures/foreign_proc: the tree's /etc/passwd, and the stat, status and
+    // maps of its processes 7 and 8.
     TempDir host;
-    const std::string cont = host.path + "/var/lib/c1";
-    {
-        TempDir scratch;
-        lay_out_hostile_root(scratch);
-        fs::create_directories(cont);
-        fs::copy(scratch.path, cont, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-    }
+    fs::copy(std::string(ASSETMAN_FIXTURES) + "/foreign_proc", host.path, fs::copy_options::recursive);
+    lay_out_hostile_root(host, "/var/lib/c1");
     const std::string libc = "/lib/x86_64-linux-gnu/libc.so.6";
     host.file("/var/lib/c1/real" + libc, "abc");
     host.link("/var/lib/c1/usr/libc-dir", "/real/lib/x86_64-linux-gnu");  // /real: not at the tree's top
-    host.file("/etc/passwd", "the tree's passwd");
-    host.file("/proc/stat", "btime 1700000000\n");
-    for (const char* pid : {"7", "8"}) {
-        const std::string d = std::string("proc/") + pid;
-        host.file("/" + d + "/stat",
-                  std::string(pid) + " (app) S 1 1 1 0 -1 0 0 0 0 0 1 1 0 0 20 0 1 0 5 0 0\n");
-        host.file("/" + d + "/status", "Uid:\t0\t0\t0\t0\n");
-    }
-    // 7: a container, its root named by its full host path.
-    host.link("/proc/7/root", cont);
-    host.file("/proc/7/maps",
-              "1000-2000 r-xp 00000000 fe:00 1 /usr/lib/abc.so\n"
-              "2000-3000 r-xp 00000000 fe:00 2 /lib/passwd\n"
-              "3000-4000 r-xp 00000000 fe:00 3 /lib/shadow\n"
-              "4000-5000 r-xp 00000000 fe:00 4 /usr/libc-dir/libc.so.6\n");
+    // 7: a container, its root named by its full host path; it maps
+    // /usr/lib/abc.so, /lib/passwd, /lib/shadow and /usr/libc-dir/libc.so.6.
+    host.link("/proc/7/root", host.path + "/var/lib/c1");
     // 8: the tree's links aim at the host: its root at "/", a deleted
     // library at the host's /etc/passwd, its deleted exe at /etc/shadow.
     host.link("/proc/8/root", "/");
     host.link("/proc/8/exe", "/etc/shadow (deleted)");
     host.link("/proc/8/map_files/1000-2000", "/etc/passwd");
-    host.file("/proc/8/maps",
-              "1000-2000 r-xp 00000000 fe:00 9 /usr/lib/gone.so (deleted)\n"
-              "2000-3000 r-xp 00000000 fe:00 5 /etc/passwd\n"
-              "3000-4000 r-xp 00000000 fe:00 6 /etc/shadow\n");
     std::vector<AM::ProcessInfo> out;
     ASSERT_EQ(collect_processes(HostRoot(host.path).set_fixture_proc(true), out), 0);
     ASSERT_EQ(out.size(), 2u);
     // In a tree, absolute links resolve at the tree's top, never on the host;
     // the tree has no /etc/shadow.
     const std::string tree_passwd = sum(host.path + "/etc/passwd");
-    const std::vector<std::string> want[] = {{kAbcMd5, tree_passwd, "", ""}, {"", tree_passwd, tree_passwd, ""}};
+    const std::vector<std::string> want[] = {{kAbcMd5, tree_passwd, "", ""},
+                                             {"", tree_passwd, tree_passwd, ""}};
     for (size_t i = 0; i < 2; ++i) {
         ASSERT_EQ(out[i].modules.size(), 4u);
         for (size_t j = 0; j < 4; ++j) {
@@ -240,33 +169,25 @@ TEST(ContainerLive, ChrootedProcess) {
     const std::string fake_md5 = sum(r.path + libc);
     ASSERT_NE(fake_md5, host_libc.md5);
 
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        if (chroot(r.path.c_str()) != 0 || chdir("/") != 0) _exit(127);
-        execl("/bin/sleep", "sleep", "3607", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    const amproc::Reaper reap{{pid}};
+    Reaper reap;
+    const pid_t pid = spawn(reap, "/bin/sleep", {"sleep", "3607"}, {},
+                            [&] { return chroot(r.path.c_str()) == 0 && chdir("/") == 0; });
     // Wait for the loader to have mapped the jail's libc (before the exec
     // the child maps the host's).
     const std::string maps = "/proc/" + std::to_string(pid) + "/maps";
-    for (int i = 0; i < 500 && slurp(maps).find(r.path + libc) == std::string::npos; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_NE(slurp(maps).find(r.path + libc), std::string::npos) << "chrooted child never mapped libc";
+    ASSERT_TRUE(wait_until([&] { return slurp(maps).find(r.path + libc) != std::string::npos; }))
+        << "chrooted child never mapped libc";
 
     std::vector<AM::ProcessInfo> out;
     ASSERT_EQ(collect_processes(HostRoot("/"), out), 0);
-    const AM::ProcessInfo *p = amproc::find_pid(out, pid), *self = amproc::find_pid(out, getpid());
-    ASSERT_NE(p, nullptr);
-    ASSERT_NE(self, nullptr);
+    const AM::ProcessInfo *p = find_pid(out, pid), *self = find_pid(out, getpid());
+    ASSERT_TRUE(p && self);
     bool saw_libc = false;
     for (const auto& m : p->modules) {
         if (m.path.find("libc.so.6") == std::string::npos) continue;
         saw_libc = true;
-        EXPECT_EQ(m.md5, fake_md5) << m.path;
-        EXPECT_EQ(m.company, "") << "the host's package does not own a container's file";
-        EXPECT_FALSE(m.verified);
+        // The host's package does not own a container's file.
+        EXPECT_EQ(std::tie(m.md5, m.company, m.verified), std::make_tuple(fake_md5, "", false)) << m.path;
     }
     EXPECT_TRUE(saw_libc);
     ASSERT_FALSE(p->modules.empty());
@@ -274,9 +195,8 @@ TEST(ContainerLive, ChrootedProcess) {
     // This test's own libc is the host's: owned and verified as before.
     for (const auto& m : self->modules) {
         if (m.path.find("/libc.so.6") == std::string::npos) continue;
-        EXPECT_EQ(m.md5, host_libc.md5);
-        EXPECT_EQ(m.company, host_libc.company);
-        EXPECT_EQ(m.verified, host_libc.verified);
+        EXPECT_EQ(std::tie(m.md5, m.company, m.verified),
+                  std::tie(host_libc.md5, host_libc.company, host_libc.verified));
     }
 }
 
@@ -287,33 +207,18 @@ TEST(ContainerLive, SamePathOtherMountNamespace) {
     if (geteuid() != 0 || access("/usr/bin/unshare", X_OK) != 0) GTEST_SKIP() << "needs root and unshare";
     TempDir r;
     const std::string host_bin = r.path + "/bin/nsleep", ns_bin = r.path + "/ns/nsleep";
-    amproc::copy_sleep(host_bin, "host copy");
-    amproc::copy_sleep(ns_bin, "namespace copy");
+    copy_sleep(host_bin, "host copy");
+    copy_sleep(ns_bin, "namespace copy");
     const std::string host_md5 = sum(host_bin), ns_md5 = sum(ns_bin);
 
-    auto start = [](const std::vector<std::string>& argv) {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            std::vector<char*> args;
-            for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-            args.push_back(nullptr);
-            execv(args[0], args.data());
-            _exit(127);
-        }
-        return pid;
-    };
-    const pid_t host_pid = start({host_bin, "3608"});
-    const pid_t ns_pid =
-        start({"/usr/bin/unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
-               "mount --bind " + ns_bin + " " + host_bin + " && exec " + host_bin + " 3609"});
-    const amproc::Reaper reap{{host_pid, ns_pid}};
-    ASSERT_GT(host_pid, 0);
-    ASSERT_GT(ns_pid, 0);
-    const std::string cmdline = "/proc/" + std::to_string(ns_pid) + "/cmdline";
+    Reaper reap;
+    const pid_t host_pid = spawn(reap, host_bin, {host_bin, "3608"});
+    const pid_t ns_pid = spawn(reap, "/usr/bin/unshare",
+                               {"unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
+                                "mount --bind " + ns_bin + " " + host_bin + " && exec " + host_bin + " 3609"},
+                               {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"});
     const std::string want = host_bin + std::string("\0003609\0", 6);
-    for (int i = 0; i < 500 && slurp(cmdline) != want; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    if (slurp(cmdline) != want) GTEST_SKIP() << "no mount namespace here";
+    if (!wait_until([&] { return cmdline(ns_pid) == want; })) GTEST_SKIP() << "no mount namespace here";
 
     std::vector<AM::ProcessInfo> out;
     ASSERT_EQ(collect_processes(HostRoot("/"), out), 0);
