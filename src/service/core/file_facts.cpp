@@ -6,9 +6,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
 #include <mutex>
 #include <thread>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "core/digest_cache.h"
@@ -134,7 +137,15 @@ DigestStatus digest_ref(const HostRoot& root, const FileRef& file, DigestAlgo al
     return digest_opened(fd.get(), expect, algo, budget, d);
 }
 
-FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds, DigestBudget* budget) {
+// Digests taken before the owner was known (FileFactsBatch).
+struct Prehashed {
+    bool done = false;
+    DigestStatus status = DigestStatus::kRefused;
+    FileDigests digests;
+};
+
+FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds, DigestBudget* budget,
+                   const Prehashed* pre = nullptr) {
     FileFacts facts;
     try {
         FileOwner owner;
@@ -153,8 +164,17 @@ FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds, Dige
         }
         if (owned) facts.company = owner.company;
         FileDigests d;
-        const DigestStatus st =
-            digest_ref(root, file, owned ? owner.algo : DigestAlgo::kNone, fds, budget, d);
+        const DigestAlgo algo = owned ? owner.algo : DigestAlgo::kNone;
+        DigestStatus st;
+        if (pre && pre->done &&
+            (pre->status != DigestStatus::kOk || algo == DigestAlgo::kNone || algo == DigestAlgo::kMd5 ||
+             algo == DigestAlgo::kSha256 || pre->digests.extra_algo == algo)) {
+            st = pre->status;
+            d = pre->digests;
+        } else {
+            // The package records a digest kind not taken yet: the file is read again for it.
+            st = digest_ref(root, file, algo, fds, budget, d);
+        }
         if (budget && (st == DigestStatus::kDeferred || !deferred().empty()))
             deferred().set(defer_key(file), st == DigestStatus::kDeferred);
         if (st != DigestStatus::kOk) return facts;
@@ -230,6 +250,126 @@ std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<F
     }
     work();
     for (std::thread& t : pool) t.join();
+    return out;
+}
+
+struct FileFactsBatch::Impl {
+    explicit Impl(const HostRoot& r) : root(r) {}
+
+    HostRoot root;
+    DigestBudget budget;
+    // Deques: elements stay where they are while more are added. Workers
+    // take element addresses under the lock, then work on them without it.
+    std::deque<FileRef> files;
+    std::deque<Prehashed> hashed;
+    std::unordered_map<std::string, size_t> by_key;
+    std::mutex mu;
+    std::condition_variable cv;
+    std::deque<size_t> pending;
+    bool closed = false;
+    std::vector<std::thread> workers;
+    size_t max_workers = 1;
+
+    void work() {
+        RootFds fds;
+        for (;;) {
+            const FileRef* f;
+            Prehashed* h;
+            {
+                std::unique_lock<std::mutex> lock(mu);
+                cv.wait(lock, [this] { return closed || !pending.empty(); });
+                if (pending.empty()) return;
+                const size_t i = pending.front();
+                pending.pop_front();
+                f = &files[i];
+                h = &hashed[i];
+            }
+            // md5 and sha256 only: what most packages record (dpkg, most rpm);
+            // another kind is read again in finish().
+            FileDigests d;
+            const DigestStatus st = digest_ref(root, *f, DigestAlgo::kNone, fds, &budget, d);
+            std::lock_guard<std::mutex> lock(mu);
+            h->digests = d;
+            h->status = st;
+            h->done = true;
+        }
+    }
+
+    void close_and_join() {
+        {
+            std::lock_guard<std::mutex> lock(mu);
+            closed = true;
+        }
+        cv.notify_all();
+        for (std::thread& t : workers) t.join();
+        workers.clear();
+    }
+};
+
+FileFactsBatch::FileFactsBatch(const HostRoot& root) : impl_(new Impl(root)) {
+    // Hashing is read-bound on a cold cache and CPU-bound on a warm page
+    // cache; a few threads cover both without flooding a shared host.
+    impl_->max_workers = std::min(4u, std::max(1u, std::thread::hardware_concurrency()));
+}
+
+FileFactsBatch::~FileFactsBatch() {
+    impl_->close_and_join();
+    delete impl_;
+}
+
+size_t FileFactsBatch::add(const FileRef& file) {
+    Impl& m = *impl_;
+    // Identical requests share one entry; a request tied to a mapping's
+    // identity or kernel links is kept apart.
+    std::string key;
+    if (!file.expect_id && file.links.empty()) {
+        key = file.root_dir;
+        key += '\0';
+        key += file.open_path;
+        key += '\0';
+        key += file.host_path;
+        key += file.no_follow ? "\0n" : "\0f";
+        key += file.foreign ? 'x' : 'h';
+    }
+    std::unique_lock<std::mutex> lock(m.mu);
+    if (!key.empty()) {
+        auto it = m.by_key.find(key);
+        if (it != m.by_key.end()) return it->second;
+    }
+    const size_t i = m.files.size();
+    m.files.push_back(file);
+    m.hashed.emplace_back();
+    if (!key.empty()) m.by_key.emplace(std::move(key), i);
+    if (m.closed) return i;  // hashed in finish()
+    // Files the last collection left unread go first.
+    if (!deferred().empty() && deferred().has(defer_key(file)))
+        m.pending.push_front(i);
+    else
+        m.pending.push_back(i);
+    const bool start = m.workers.size() < m.max_workers;
+    lock.unlock();
+    m.cv.notify_one();
+    if (start) {
+        try {
+            m.workers.emplace_back([&m] { m.work(); });
+        } catch (...) {
+            // No thread to be had: what is left is hashed in finish().
+        }
+    }
+    return i;
+}
+
+std::vector<FileFacts> FileFactsBatch::finish() {
+    Impl& m = *impl_;
+    m.close_and_join();
+    std::vector<FileFacts> out;
+    try {
+        out.resize(m.files.size());
+    } catch (...) {
+        return out;
+    }
+    RootFds fds;
+    for (size_t i = 0; i < m.files.size(); ++i) out[i] = facts_of(m.root, m.files[i], fds, &m.budget, &m.hashed[i]);
     return out;
 }
 

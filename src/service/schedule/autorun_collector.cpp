@@ -454,9 +454,20 @@ std::string program_path(UnitDirs& dirs, const std::string& prog) {
 struct Pending {
     AM::AutoRunServInfo rec;
     std::string facts_path;  // host path whose facts the record carries
+    size_t facts = SIZE_MAX;  // its index in the batch
 };
 
-void collect_units(UnitDirs& unit_dirs, std::vector<Pending>& out, bool& any_source) {
+// Keeps a record; its file starts being hashed now, while the rest is read.
+void push(std::vector<Pending>& out, FileFactsBatch& batch, Pending&& p) {
+    if (!p.facts_path.empty()) {
+        FileRef r;
+        r.host_path = p.facts_path;
+        p.facts = batch.add(r);
+    }
+    out.push_back(std::move(p));
+}
+
+void collect_units(UnitDirs& unit_dirs, FileFactsBatch& batch, std::vector<Pending>& out, bool& any_source) {
     const std::vector<UnitDir> dirs = scan_unit_dirs(unit_dirs);
     if (!dirs.empty()) any_source = true;
     std::set<std::string> done;
@@ -477,14 +488,14 @@ void collect_units(UnitDirs& unit_dirs, std::vector<Pending>& out, bool& any_sou
                                    ? u.path
                                    : program_path(unit_dirs, exec_program(u.effective.exec_start));
             }
-            out.push_back(std::move(p));
+            push(out, batch, std::move(p));
         }
     }
 }
 
 // ---- SysV, rc.local, XDG -------------------------------------------------
 
-void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
+void collect_sysv(const HostRoot& root, FileFactsBatch& batch, std::vector<Pending>& out, bool& any_source) {
     const std::string initd = resolve_host_path(root, "/etc/init.d");
     if (initd.empty()) return;
     std::vector<std::string> scripts = list_host_dir(root, initd);
@@ -544,11 +555,11 @@ void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_sou
         p.rec.status = p.rec.level.empty() ? "disabled" : "enabled";
         p.rec.verified = false;
         p.facts_path = real;
-        out.push_back(std::move(p));
+        push(out, batch, std::move(p));
     }
 }
 
-void collect_rc_local(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
+void collect_rc_local(const HostRoot& root, FileFactsBatch& batch, std::vector<Pending>& out, bool& any_source) {
     const std::string real = resolve_host_path(root, "/etc/rc.local");
     struct stat st;
     if (real.empty() || stat_host(root, real, st) != 0 || !S_ISREG(st.st_mode)) return;
@@ -560,10 +571,10 @@ void collect_rc_local(const HostRoot& root, std::vector<Pending>& out, bool& any
     p.rec.status = "enabled";
     p.rec.verified = false;
     p.facts_path = real;
-    out.push_back(std::move(p));
+    push(out, batch, std::move(p));
 }
 
-void collect_xdg(UnitDirs& resolver, std::vector<Pending>& out, bool& any_source) {
+void collect_xdg(UnitDirs& resolver, FileFactsBatch& batch, std::vector<Pending>& out, bool& any_source) {
     const HostRoot& root = resolver.root();
     const std::string dir = resolve_host_path(root, "/etc/xdg/autostart");
     if (dir.empty()) return;
@@ -593,7 +604,7 @@ void collect_xdg(UnitDirs& resolver, std::vector<Pending>& out, bool& any_source
         }
         std::string prog = i < w.size() ? first_word(e.exec.substr(e.exec.find(w[i]))) : std::string();
         p.facts_path = program_path(resolver, prog);
-        out.push_back(std::move(p));
+        push(out, batch, std::move(p));
     }
 }
 
@@ -621,27 +632,20 @@ int32_t collect_autoruns(const HostRoot& root, std::vector<AM::AutoRunServInfo>&
         }
         std::vector<Pending> found;
         bool any = false;
+        FileFactsBatch batch(root);
         UnitDirs unit_dirs(root);
-        collect_units(unit_dirs, found, any);
-        collect_sysv(root, found, any);
-        collect_rc_local(root, found, any);
-        collect_xdg(unit_dirs, found, any);
-        std::vector<FileRef> refs;
-        std::vector<size_t> idx;
-        for (size_t i = 0; i < found.size(); ++i) {
-            if (found[i].facts_path.empty()) continue;
-            FileRef r;
-            r.host_path = found[i].facts_path;
-            refs.push_back(std::move(r));
-            idx.push_back(i);
-        }
-        const std::vector<FileFacts> facts = file_facts_many(root, refs);
-        for (size_t k = 0; k < idx.size() && k < facts.size(); ++k) {
-            AM::AutoRunServInfo& r = found[idx[k]].rec;
-            r.md5 = facts[k].md5;
-            r.sha256 = facts[k].sha256;
-            r.company = facts[k].company;
-            r.verified = facts[k].verified;
+        collect_units(unit_dirs, batch, found, any);
+        collect_sysv(root, batch, found, any);
+        collect_rc_local(root, batch, found, any);
+        collect_xdg(unit_dirs, batch, found, any);
+        const std::vector<FileFacts> facts = batch.finish();
+        for (Pending& p : found) {
+            if (p.facts >= facts.size()) continue;
+            AM::AutoRunServInfo& r = p.rec;
+            r.md5 = facts[p.facts].md5;
+            r.sha256 = facts[p.facts].sha256;
+            r.company = facts[p.facts].company;
+            r.verified = facts[p.facts].verified;
         }
         out.reserve(found.size());
         for (Pending& p : found) out.push_back(std::move(p.rec));
