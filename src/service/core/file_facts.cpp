@@ -369,7 +369,8 @@ std::vector<FileFacts> FileFactsBatch::finish() {
         return out;
     }
     RootFds fds;
-    for (size_t i = 0; i < m.files.size(); ++i) out[i] = facts_of(m.root, m.files[i], fds, &m.budget, &m.hashed[i]);
+    for (size_t i = 0; i < m.files.size(); ++i)
+        out[i] = facts_of(m.root, m.files[i], fds, &m.budget, &m.hashed[i]);
     return out;
 }
 

@@ -327,7 +327,10 @@ Discovered discover(UnitDirs& unit_dirs, const std::vector<UnitDir>& dirs, const
         std::string text;
         const int rc = read_host_file(root, path, text, kConfigMax, kNoFollow);
         struct stat st;
-        if (rc == 0 ? text.empty() : stat_host(root, path, st, kNoFollow) == 0 && S_ISREG(st.st_mode) && st.st_size == 0) {
+        const bool empty =
+            rc == 0 ? text.empty()
+                    : stat_host(root, path, st, kNoFollow) == 0 && S_ISREG(st.st_mode) && st.st_size == 0;
+        if (empty) {
             d.kind = Discovered::kMasked;  // an empty file masks the unit
             return d;
         }
@@ -453,7 +456,7 @@ std::string program_path(UnitDirs& dirs, const std::string& prog) {
 
 struct Pending {
     AM::AutoRunServInfo rec;
-    std::string facts_path;  // host path whose facts the record carries
+    std::string facts_path;   // host path whose facts the record carries
     size_t facts = SIZE_MAX;  // its index in the batch
 };
 
@@ -559,7 +562,8 @@ void collect_sysv(const HostRoot& root, FileFactsBatch& batch, std::vector<Pendi
     }
 }
 
-void collect_rc_local(const HostRoot& root, FileFactsBatch& batch, std::vector<Pending>& out, bool& any_source) {
+void collect_rc_local(const HostRoot& root, FileFactsBatch& batch, std::vector<Pending>& out,
+                      bool& any_source) {
     const std::string real = resolve_host_path(root, "/etc/rc.local");
     struct stat st;
     if (real.empty() || stat_host(root, real, st) != 0 || !S_ISREG(st.st_mode)) return;

@@ -396,7 +396,8 @@ bool load_unit(UnitDirs& dirs, const std::string& unit, UnitKeys& keys, std::str
                 auto e = listed->entries.find(name);
                 if (e == listed->entries.end()) continue;
                 link = e->second.type == DT_LNK;
-                if (link && (e->second.link.empty() || e->second.link == "/dev/null")) return false;  // masked
+                if (link && (e->second.link.empty() || e->second.link == "/dev/null"))
+                    return false;  // masked
             } else {
                 struct stat st;
                 if (stat_host(root, host, st, kNoFollow) != 0) continue;

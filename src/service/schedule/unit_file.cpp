@@ -69,7 +69,8 @@ int list_dir_entries(const HostRoot& root, std::string_view host_path, DirEntrie
             if (entry.type == DT_LNK) {
                 char buf[4096];
                 const ssize_t len = ::readlinkat(dfd, n, buf, sizeof buf);
-                if (len > 0 && static_cast<size_t>(len) < sizeof buf) entry.link.assign(buf, static_cast<size_t>(len));
+                if (len > 0 && static_cast<size_t>(len) < sizeof buf)
+                    entry.link.assign(buf, static_cast<size_t>(len));
             }
             out.emplace(n, std::move(entry));
         }
