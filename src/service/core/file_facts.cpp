@@ -265,7 +265,14 @@ struct FileFactsBatch::Impl {
     std::unordered_map<std::string, size_t> by_key;
     std::mutex mu;
     std::condition_variable cv;
-    std::deque<size_t> pending;
+    // Files not started yet: those the last collection left unread first,
+    // then the largest, so the longest hash starts as early as it can.
+    struct Queued {
+        size_t index;
+        bool deferred;
+        uint64_t size;
+    };
+    std::vector<Queued> pending;
     bool closed = false;
     std::vector<std::thread> workers;
     size_t max_workers = 1;
@@ -279,8 +286,14 @@ struct FileFactsBatch::Impl {
                 std::unique_lock<std::mutex> lock(mu);
                 cv.wait(lock, [this] { return closed || !pending.empty(); });
                 if (pending.empty()) return;
-                const size_t i = pending.front();
-                pending.pop_front();
+                size_t best = 0;
+                for (size_t k = 1; k < pending.size(); ++k) {
+                    const Queued &a = pending[k], &b = pending[best];
+                    if (a.deferred != b.deferred ? a.deferred : a.size > b.size) best = k;
+                }
+                const size_t i = pending[best].index;
+                pending[best] = pending.back();
+                pending.pop_back();
                 f = &files[i];
                 h = &hashed[i];
             }
@@ -318,6 +331,7 @@ FileFactsBatch::~FileFactsBatch() {
 }
 
 size_t FileFactsBatch::add(const FileRef& file) {
+    // Called from one thread (the collection's); workers only take from `pending`.
     Impl& m = *impl_;
     // Identical requests share one entry; a request tied to a mapping's
     // identity or kernel links is kept apart.
@@ -328,7 +342,8 @@ size_t FileFactsBatch::add(const FileRef& file) {
         key += file.open_path;
         key += '\0';
         key += file.host_path;
-        key += file.no_follow ? "\0n" : "\0f";
+        key += '\0';
+        key += file.no_follow ? 'n' : 'f';
         key += file.foreign ? 'x' : 'h';
     }
     std::unique_lock<std::mutex> lock(m.mu);
@@ -336,16 +351,21 @@ size_t FileFactsBatch::add(const FileRef& file) {
         auto it = m.by_key.find(key);
         if (it != m.by_key.end()) return it->second;
     }
+    // Only this thread adds: the size is looked up without holding the workers up.
+    lock.unlock();
+    Impl::Queued q{0, !deferred().empty() && deferred().has(defer_key(file)), 0};
+    if (file.links.empty() && file.open_path.empty() && file.root_dir.empty()) {
+        struct stat st;
+        if (stat_host(m.root, file.host_path, st) == 0) q.size = static_cast<uint64_t>(st.st_size);
+    }
+    lock.lock();
     const size_t i = m.files.size();
     m.files.push_back(file);
     m.hashed.emplace_back();
     if (!key.empty()) m.by_key.emplace(std::move(key), i);
     if (m.closed) return i;  // hashed in finish()
-    // Files the last collection left unread go first.
-    if (!deferred().empty() && deferred().has(defer_key(file)))
-        m.pending.push_front(i);
-    else
-        m.pending.push_back(i);
+    q.index = i;
+    m.pending.push_back(q);
     const bool start = m.workers.size() < m.max_workers;
     lock.unlock();
     m.cv.notify_one();
