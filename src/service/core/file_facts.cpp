@@ -276,6 +276,7 @@ struct FileFactsBatch::Impl {
     bool closed = false;
     std::vector<std::thread> workers;
     size_t max_workers = 1;
+    DigestAlgo extra = DigestAlgo::kNone;
 
     void work() {
         RootFds fds;
@@ -297,10 +298,11 @@ struct FileFactsBatch::Impl {
                 f = &files[i];
                 h = &hashed[i];
             }
-            // md5 and sha256 only: what most packages record (dpkg, most rpm);
-            // another kind is read again in finish().
+            // The owner's digest kind is not known yet: md5 and sha256 (dpkg,
+            // most rpm), sha1 too where apk records it; another kind is read
+            // again in finish().
             FileDigests d;
-            const DigestStatus st = digest_ref(root, *f, DigestAlgo::kNone, fds, &budget, d);
+            const DigestStatus st = digest_ref(root, *f, extra, fds, &budget, d);
             std::lock_guard<std::mutex> lock(mu);
             h->digests = d;
             h->status = st;
@@ -323,6 +325,9 @@ FileFactsBatch::FileFactsBatch(const HostRoot& root) : impl_(new Impl(root)) {
     // Hashing is read-bound on a cold cache and CPU-bound on a warm page
     // cache; a few threads cover both without flooding a shared host.
     impl_->max_workers = std::min(4u, std::max(1u, std::thread::hardware_concurrency()));
+    impl_->workers.reserve(impl_->max_workers);
+    struct stat st;
+    if (stat_host(root, "/lib/apk/db/installed", st) == 0) impl_->extra = DigestAlgo::kSha1;
 }
 
 FileFactsBatch::~FileFactsBatch() {
