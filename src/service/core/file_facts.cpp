@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
@@ -321,13 +322,15 @@ struct FileFactsBatch::Impl {
     }
 };
 
-FileFactsBatch::FileFactsBatch(const HostRoot& root) : impl_(new Impl(root)) {
+FileFactsBatch::FileFactsBatch(const HostRoot& root) {
+    std::unique_ptr<Impl> m(new Impl(root));
     // Hashing is read-bound on a cold cache and CPU-bound on a warm page
     // cache; a few threads cover both without flooding a shared host.
-    impl_->max_workers = std::min(4u, std::max(1u, std::thread::hardware_concurrency()));
-    impl_->workers.reserve(impl_->max_workers);
+    m->max_workers = std::min(4u, std::max(1u, std::thread::hardware_concurrency()));
+    m->workers.reserve(m->max_workers);
     struct stat st;
-    if (stat_host(root, "/lib/apk/db/installed", st) == 0) impl_->extra = DigestAlgo::kSha1;
+    if (stat_host(root, "/lib/apk/db/installed", st) == 0) m->extra = DigestAlgo::kSha1;
+    impl_ = m.release();
 }
 
 FileFactsBatch::~FileFactsBatch() {
