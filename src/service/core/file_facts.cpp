@@ -6,9 +6,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
+#include <memory>
 #include <mutex>
 #include <thread>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "core/digest_cache.h"
@@ -134,7 +138,15 @@ DigestStatus digest_ref(const HostRoot& root, const FileRef& file, DigestAlgo al
     return digest_opened(fd.get(), expect, algo, budget, d);
 }
 
-FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds, DigestBudget* budget) {
+// Digests taken before the owner was known (FileFactsBatch).
+struct Prehashed {
+    bool done = false;
+    DigestStatus status = DigestStatus::kRefused;
+    FileDigests digests;
+};
+
+FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds, DigestBudget* budget,
+                   const Prehashed* pre = nullptr) {
     FileFacts facts;
     try {
         FileOwner owner;
@@ -153,8 +165,17 @@ FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds, Dige
         }
         if (owned) facts.company = owner.company;
         FileDigests d;
-        const DigestStatus st =
-            digest_ref(root, file, owned ? owner.algo : DigestAlgo::kNone, fds, budget, d);
+        const DigestAlgo algo = owned ? owner.algo : DigestAlgo::kNone;
+        DigestStatus st;
+        if (pre && pre->done &&
+            (pre->status != DigestStatus::kOk || algo == DigestAlgo::kNone || algo == DigestAlgo::kMd5 ||
+             algo == DigestAlgo::kSha256 || pre->digests.extra_algo == algo)) {
+            st = pre->status;
+            d = pre->digests;
+        } else {
+            // The package records a digest kind not taken yet: the file is read again for it.
+            st = digest_ref(root, file, algo, fds, budget, d);
+        }
         if (budget && (st == DigestStatus::kDeferred || !deferred().empty()))
             deferred().set(defer_key(file), st == DigestStatus::kDeferred);
         if (st != DigestStatus::kOk) return facts;
@@ -230,6 +251,154 @@ std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<F
     }
     work();
     for (std::thread& t : pool) t.join();
+    return out;
+}
+
+struct FileFactsBatch::Impl {
+    explicit Impl(const HostRoot& r) : root(r) {}
+
+    HostRoot root;
+    DigestBudget budget;
+    // Deques: elements stay where they are while more are added. Workers
+    // take element addresses under the lock, then work on them without it.
+    std::deque<FileRef> files;
+    std::deque<Prehashed> hashed;
+    std::unordered_map<std::string, size_t> by_key;
+    std::mutex mu;
+    std::condition_variable cv;
+    // Files not started yet: those the last collection left unread first,
+    // then the largest, so the longest hash starts as early as it can.
+    struct Queued {
+        size_t index;
+        bool deferred;
+        uint64_t size;
+    };
+    std::vector<Queued> pending;
+    bool closed = false;
+    std::vector<std::thread> workers;
+    size_t max_workers = 1;
+    DigestAlgo extra = DigestAlgo::kNone;
+
+    void work() {
+        RootFds fds;
+        for (;;) {
+            const FileRef* f;
+            Prehashed* h;
+            {
+                std::unique_lock<std::mutex> lock(mu);
+                cv.wait(lock, [this] { return closed || !pending.empty(); });
+                if (pending.empty()) return;
+                size_t best = 0;
+                for (size_t k = 1; k < pending.size(); ++k) {
+                    const Queued &a = pending[k], &b = pending[best];
+                    if (a.deferred != b.deferred ? a.deferred : a.size > b.size) best = k;
+                }
+                const size_t i = pending[best].index;
+                pending[best] = pending.back();
+                pending.pop_back();
+                f = &files[i];
+                h = &hashed[i];
+            }
+            // The owner's digest kind is not known yet: md5 and sha256 (dpkg,
+            // most rpm), sha1 too where apk records it; another kind is read
+            // again in finish().
+            FileDigests d;
+            const DigestStatus st = digest_ref(root, *f, extra, fds, &budget, d);
+            std::lock_guard<std::mutex> lock(mu);
+            h->digests = d;
+            h->status = st;
+            h->done = true;
+        }
+    }
+
+    void close_and_join() {
+        {
+            std::lock_guard<std::mutex> lock(mu);
+            closed = true;
+        }
+        cv.notify_all();
+        for (std::thread& t : workers) t.join();
+        workers.clear();
+    }
+};
+
+FileFactsBatch::FileFactsBatch(const HostRoot& root) {
+    std::unique_ptr<Impl> m(new Impl(root));
+    // Hashing is read-bound on a cold cache and CPU-bound on a warm page
+    // cache; a few threads cover both without flooding a shared host.
+    m->max_workers = std::min(4u, std::max(1u, std::thread::hardware_concurrency()));
+    m->workers.reserve(m->max_workers);
+    struct stat st;
+    if (stat_host(root, "/lib/apk/db/installed", st) == 0) m->extra = DigestAlgo::kSha1;
+    impl_ = m.release();
+}
+
+FileFactsBatch::~FileFactsBatch() {
+    impl_->close_and_join();
+    delete impl_;
+}
+
+size_t FileFactsBatch::add(const FileRef& file) {
+    // Called from one thread (the collection's); workers only take from `pending`.
+    Impl& m = *impl_;
+    // Identical requests share one entry; a request tied to a mapping's
+    // identity or kernel links is kept apart.
+    std::string key;
+    if (!file.expect_id && file.links.empty()) {
+        key = file.root_dir;
+        key += '\0';
+        key += file.open_path;
+        key += '\0';
+        key += file.host_path;
+        key += '\0';
+        key += file.no_follow ? 'n' : 'f';
+        key += file.foreign ? 'x' : 'h';
+    }
+    std::unique_lock<std::mutex> lock(m.mu);
+    if (!key.empty()) {
+        auto it = m.by_key.find(key);
+        if (it != m.by_key.end()) return it->second;
+    }
+    // Only this thread adds: the size is looked up without holding the workers up.
+    lock.unlock();
+    Impl::Queued q{0, !deferred().empty() && deferred().has(defer_key(file)), 0};
+    if (file.links.empty() && file.open_path.empty() && file.root_dir.empty()) {
+        struct stat st;
+        if (stat_host(m.root, file.host_path, st) == 0) q.size = static_cast<uint64_t>(st.st_size);
+    }
+    lock.lock();
+    const size_t i = m.files.size();
+    m.files.push_back(file);
+    m.hashed.emplace_back();
+    if (!key.empty()) m.by_key.emplace(std::move(key), i);
+    if (m.closed) return i;  // hashed in finish()
+    q.index = i;
+    m.pending.push_back(q);
+    const bool start = m.workers.size() < m.max_workers;
+    lock.unlock();
+    m.cv.notify_one();
+    if (start) {
+        try {
+            m.workers.emplace_back([&m] { m.work(); });
+        } catch (...) {
+            // No thread to be had: what is left is hashed in finish().
+        }
+    }
+    return i;
+}
+
+std::vector<FileFacts> FileFactsBatch::finish() {
+    Impl& m = *impl_;
+    m.close_and_join();
+    std::vector<FileFacts> out;
+    try {
+        out.resize(m.files.size());
+    } catch (...) {
+        return out;
+    }
+    RootFds fds;
+    for (size_t i = 0; i < m.files.size(); ++i)
+        out[i] = facts_of(m.root, m.files[i], fds, &m.budget, &m.hashed[i]);
     return out;
 }
 

@@ -59,6 +59,30 @@ FileFacts file_facts(const HostRoot& root, const FileRef& file);
 // digests and come first in the next call. out[i] belongs to files[i].
 std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<FileRef>& files);
 
+// Facts of files handed in one by one while the caller is still finding
+// them: each file is hashed on a worker thread as soon as it is added, and
+// owners are asked only in finish(), so hashing never waits for the package
+// index. One digest budget covers the batch. The threads are joined by
+// finish() or the destructor: none outlives the batch.
+class FileFactsBatch {
+public:
+    explicit FileFactsBatch(const HostRoot& root);
+    ~FileFactsBatch();
+    FileFactsBatch(const FileFactsBatch&) = delete;
+    FileFactsBatch& operator=(const FileFactsBatch&) = delete;
+
+    // The index of the file's facts in finish()'s result; a file added again
+    // (same paths and options) gets the index it got first and is read once.
+    size_t add(const FileRef& file);
+    // Waits for the hashing, then judges ownership: out[i] belongs to the
+    // index add() gave. Call once.
+    std::vector<FileFacts> finish();
+
+private:
+    struct Impl;
+    Impl* impl_;
+};
+
 }  // namespace amsvc
 
 #endif

@@ -194,51 +194,49 @@ std::string template_of(std::string_view instance) {
     return std::string(instance.substr(0, at + 1)) + std::string(instance.substr(dot));
 }
 
-std::vector<UnitDir> scan_unit_dirs(const HostRoot& root) {
-    struct Spec {
-        const char* path;
+// The unit directories' links and unit names, from the one listing of each.
+std::vector<UnitDir> scan_unit_dirs(const UnitDirs& unit_dirs) {
+    static const struct {
         bool persistent, runtime, transient;
+    } kKinds[] = {
+        {false, false, false},  // /etc/systemd/system.control
+        {false, true, false},   // /run/systemd/system.control
+        {false, true, true},    // /run/systemd/transient
+        {true, false, false},   // /etc/systemd/system
+        {false, true, false},   // /run/systemd/system
+        {false, false, false},  // /usr/local/lib/systemd/system
+        {false, false, false},  // /lib/systemd/system
+        {false, false, false},  // /usr/lib/systemd/system
     };
-    static const Spec kDirs[] = {
-        {"/etc/systemd/system.control", false, false, false},
-        {"/run/systemd/system.control", false, true, false},
-        {"/run/systemd/transient", false, true, true},
-        {"/etc/systemd/system", true, false, false},
-        {"/run/systemd/system", false, true, false},
-        {"/usr/local/lib/systemd/system", false, false, false},
-        {"/lib/systemd/system", false, false, false},
-        {"/usr/lib/systemd/system", false, false, false},
-    };
+    static_assert(sizeof kKinds / sizeof kKinds[0] == sizeof kSystemUnitDirs / sizeof kSystemUnitDirs[0],
+                  "one kind per unit directory");
     std::vector<UnitDir> dirs;
-    std::set<std::string> seen;
-    for (const Spec& s : kDirs) {
-        const std::string canon = resolve_host_path(root, s.path);
-        if (canon.empty() || !seen.insert(canon).second) continue;  // /lib -> /usr/lib on merged hosts
-        struct stat st;
-        if (stat_host(root, canon, st) != 0 || !S_ISDIR(st.st_mode)) continue;
+    DirEntries sub;
+    for (size_t i = 0; i < unit_dirs.dirs().size(); ++i) {
+        const UnitDirs::Dir& s = unit_dirs.dirs()[i];
+        // /lib -> /usr/lib on merged hosts: once. One that cannot be read still counts as a source.
+        if (!s.first || s.rc == -ENOENT || s.rc == -ENOTDIR) continue;
         UnitDir d;
-        d.path = canon;
-        d.persistent_config = s.persistent;
-        d.runtime = s.runtime;
-        d.transient = s.transient;
-        const std::string top = canon == "/" ? std::string() : canon;
-        for (const std::string& n : list_host_dir(root, canon)) {
-            struct stat es;
-            if (stat_host(root, top + "/" + n, es, kNoFollow) != 0) continue;
-            if (S_ISDIR(es.st_mode)) {
+        d.path = s.path;
+        d.persistent_config = kKinds[i].persistent;
+        d.runtime = kKinds[i].runtime;
+        d.transient = kKinds[i].transient;
+        const std::string top = s.path == "/" ? std::string() : s.path;
+        for (const auto& e : s.entries) {
+            const std::string& n = e.first;
+            if (e.second.type == DT_DIR) {
                 if (!(ends_with(n, ".wants") || ends_with(n, ".requires") || ends_with(n, ".upholds")))
                     continue;
-                for (const std::string& ln : list_host_dir(root, top + "/" + n)) {
-                    const std::string t = read_host_link(root, top + "/" + n + "/" + ln);
-                    if (!t.empty()) d.links.push_back(Link{ln, std::string(base_name(t)), n});
-                }
-            } else if (S_ISLNK(es.st_mode) || S_ISREG(es.st_mode)) {
+                bool complete;
+                if (list_dir_entries(unit_dirs.root(), top + "/" + n, sub, complete) != 0) continue;
+                for (const auto& l : sub)
+                    if (!l.second.link.empty())
+                        d.links.push_back(Link{l.first, std::string(base_name(l.second.link)), n});
+            } else if (e.second.type == DT_LNK || e.second.type == DT_REG) {
                 if (!valid_unit_name(n)) continue;
                 d.names.insert(n);
-                if (S_ISLNK(es.st_mode)) {
-                    const std::string t = read_host_link(root, top + "/" + n);
-                    if (!t.empty()) d.links.push_back(Link{n, std::string(base_name(t)), ""});
-                }
+                if (!e.second.link.empty())
+                    d.links.push_back(Link{n, std::string(base_name(e.second.link)), ""});
             }
         }
         dirs.push_back(std::move(d));
@@ -256,7 +254,8 @@ struct Discovered {
 
 // Where a unit name leads: following links to a file of the same name
 // ("linked") or to another unit name (an alias, looked up afresh).
-Discovered discover(const HostRoot& root, const std::vector<UnitDir>& dirs, const std::string& start) {
+Discovered discover(UnitDirs& unit_dirs, const std::vector<UnitDir>& dirs, const std::string& start) {
+    const HostRoot& root = unit_dirs.root();
     Discovered d;
     std::string name = start;
     std::string path;
@@ -277,13 +276,30 @@ Discovered discover(const HostRoot& root, const std::vector<UnitDir>& dirs, cons
             }
             if (path.empty()) return d;
         }
-        struct stat st;
-        if (is_special_tree(path) || stat_host(root, path, st, kNoFollow) != 0) return d;
-        if (S_ISLNK(st.st_mode)) {
-            const std::string t = read_host_link(root, path);
-            if (t.empty()) return d;
-            const std::string target = normalize_path(t[0] == '/' ? t : dir_name(path) + "/" + t);
-            if (target == "/dev/null" || resolve_host_path(root, target, true) == "/dev/null") {
+        if (is_special_tree(path)) return d;
+        // What the listing of a unit directory says, else a look at the file.
+        unsigned char type;
+        std::string link;
+        const std::string dir = dir_name(path);
+        const UnitDirs::Dir* listed = unit_dirs.listed(dir);
+        const auto entry = listed ? listed->entries.find(path.substr(dir.size() == 1 ? 1 : dir.size() + 1))
+                                  : DirEntries::const_iterator();
+        if (listed && entry != listed->entries.end()) {
+            type = entry->second.type;
+            link = entry->second.link;
+            if (type == DT_LNK && link.empty()) return d;
+        } else {
+            struct stat st;
+            if (stat_host(root, path, st, kNoFollow) != 0) return d;
+            type = S_ISLNK(st.st_mode) ? DT_LNK : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
+            if (type == DT_LNK) {
+                link = read_host_link(root, path);
+                if (link.empty()) return d;
+            }
+        }
+        if (type == DT_LNK) {
+            const std::string target = normalize_path(link[0] == '/' ? link : dir_name(path) + "/" + link);
+            if (target == "/dev/null" || unit_dirs.resolve(target, true) == "/dev/null") {
                 d.kind = Discovered::kMasked;
                 d.name = name;
                 d.path = path;
@@ -292,9 +308,9 @@ Discovered discover(const HostRoot& root, const std::vector<UnitDir>& dirs, cons
             const std::string tb(base_name(target));
             if (tb == name || (is_instance(name) && tb == template_of(name))) {
                 // linked unit file; its directories may be links themselves
-                const std::string dir = resolve_host_path(root, dir_name(target));
-                if (dir.empty()) return d;
-                path = (dir == "/" ? "" : dir) + "/" + tb;
+                const std::string real_dir = unit_dirs.resolve(dir_name(target));
+                if (real_dir.empty()) return d;
+                path = (real_dir == "/" ? "" : real_dir) + "/" + tb;
             } else {
                 if (!valid_unit_name(tb)) return d;
                 // alias: foo@x.service -> bar@.service names bar@x.service
@@ -305,23 +321,28 @@ Discovered discover(const HostRoot& root, const std::vector<UnitDir>& dirs, cons
             }
             continue;
         }
-        if (!S_ISREG(st.st_mode)) return d;
+        if (type != DT_REG) return d;
         d.name = name;
         d.path = path;
-        if (st.st_size == 0) {
-            d.kind = Discovered::kMasked;
+        std::string text;
+        const int rc = read_host_file(root, path, text, kConfigMax, kNoFollow);
+        struct stat st;
+        const bool empty =
+            rc == 0 ? text.empty()
+                    : stat_host(root, path, st, kNoFollow) == 0 && S_ISREG(st.st_mode) && st.st_size == 0;
+        if (empty) {
+            d.kind = Discovered::kMasked;  // an empty file masks the unit
             return d;
         }
-        std::string text;
-        if (read_host_file(root, path, text, kConfigMax, kNoFollow) != 0) return d;
+        if (rc != 0) return d;
         UnitKeys base;
         parse_unit(text, base);
         UnitKeys keys = base;
         std::vector<std::string> names{name};
         if (start != name) names.push_back(start);
-        apply_dropins(root, names, base, DropinScope::kInstall);
+        apply_dropins(unit_dirs, names, base, DropinScope::kInstall);
         d.unit = unit_file_from(base);
-        apply_dropins(root, names, keys, DropinScope::kManager);
+        apply_dropins(unit_dirs, names, keys, DropinScope::kManager);
         d.effective = unit_file_from(keys);
         d.kind = Discovered::kRegular;
         return d;
@@ -420,12 +441,13 @@ std::string unit_levels(const std::vector<UnitDir>& dirs, const std::string& nam
 
 // Host path of a program named by a command line: absolute as given, or
 // searched the way systemd and session managers search PATH.
-std::string program_path(const HostRoot& root, const std::string& prog) {
+std::string program_path(UnitDirs& dirs, const std::string& prog) {
+    const HostRoot& root = dirs.root();
     if (prog.empty()) return std::string();
-    if (prog[0] == '/') return resolve_host_path(root, prog);
+    if (prog[0] == '/') return dirs.resolve(prog);
     if (prog.find('/') != std::string::npos) return std::string();
     for (const char* dir : {"/usr/local/sbin", "/usr/local/bin", "/usr/sbin", "/usr/bin", "/sbin", "/bin"}) {
-        const std::string p = resolve_host_path(root, std::string(dir) + "/" + prog);
+        const std::string p = dirs.resolve(std::string(dir) + "/" + prog);
         struct stat st;
         if (!p.empty() && stat_host(root, p, st) == 0 && S_ISREG(st.st_mode)) return p;
     }
@@ -434,17 +456,28 @@ std::string program_path(const HostRoot& root, const std::string& prog) {
 
 struct Pending {
     AM::AutoRunServInfo rec;
-    std::string facts_path;  // host path whose facts the record carries
+    std::string facts_path;   // host path whose facts the record carries
+    size_t facts = SIZE_MAX;  // its index in the batch
 };
 
-void collect_units(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
-    const std::vector<UnitDir> dirs = scan_unit_dirs(root);
+// Keeps a record; its file starts being hashed now, while the rest is read.
+void push(std::vector<Pending>& out, FileFactsBatch& batch, Pending&& p) {
+    if (!p.facts_path.empty()) {
+        FileRef r;
+        r.host_path = p.facts_path;
+        p.facts = batch.add(r);
+    }
+    out.push_back(std::move(p));
+}
+
+void collect_units(UnitDirs& unit_dirs, FileFactsBatch& batch, std::vector<Pending>& out, bool& any_source) {
+    const std::vector<UnitDir> dirs = scan_unit_dirs(unit_dirs);
     if (!dirs.empty()) any_source = true;
     std::set<std::string> done;
     for (const UnitDir& d : dirs) {
         for (const std::string& name : d.names) {
             if (!done.insert(name).second) continue;  // a higher directory already named it
-            const Discovered u = discover(root, dirs, name);
+            const Discovered u = discover(unit_dirs, dirs, name);
             Pending p;
             p.rec.name = name;
             p.rec.script_path = u.path.empty() ? d.path + "/" + name : u.path;
@@ -456,16 +489,16 @@ void collect_units(const HostRoot& root, std::vector<Pending>& out, bool& any_so
                 // A unit that runs nothing itself (target, timer, socket) carries its own file's facts.
                 p.facts_path = u.effective.exec_start.empty()
                                    ? u.path
-                                   : program_path(root, exec_program(u.effective.exec_start));
+                                   : program_path(unit_dirs, exec_program(u.effective.exec_start));
             }
-            out.push_back(std::move(p));
+            push(out, batch, std::move(p));
         }
     }
 }
 
 // ---- SysV, rc.local, XDG -------------------------------------------------
 
-void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
+void collect_sysv(const HostRoot& root, FileFactsBatch& batch, std::vector<Pending>& out, bool& any_source) {
     const std::string initd = resolve_host_path(root, "/etc/init.d");
     if (initd.empty()) return;
     std::vector<std::string> scripts = list_host_dir(root, initd);
@@ -525,11 +558,12 @@ void collect_sysv(const HostRoot& root, std::vector<Pending>& out, bool& any_sou
         p.rec.status = p.rec.level.empty() ? "disabled" : "enabled";
         p.rec.verified = false;
         p.facts_path = real;
-        out.push_back(std::move(p));
+        push(out, batch, std::move(p));
     }
 }
 
-void collect_rc_local(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
+void collect_rc_local(const HostRoot& root, FileFactsBatch& batch, std::vector<Pending>& out,
+                      bool& any_source) {
     const std::string real = resolve_host_path(root, "/etc/rc.local");
     struct stat st;
     if (real.empty() || stat_host(root, real, st) != 0 || !S_ISREG(st.st_mode)) return;
@@ -541,10 +575,11 @@ void collect_rc_local(const HostRoot& root, std::vector<Pending>& out, bool& any
     p.rec.status = "enabled";
     p.rec.verified = false;
     p.facts_path = real;
-    out.push_back(std::move(p));
+    push(out, batch, std::move(p));
 }
 
-void collect_xdg(const HostRoot& root, std::vector<Pending>& out, bool& any_source) {
+void collect_xdg(UnitDirs& resolver, FileFactsBatch& batch, std::vector<Pending>& out, bool& any_source) {
+    const HostRoot& root = resolver.root();
     const std::string dir = resolve_host_path(root, "/etc/xdg/autostart");
     if (dir.empty()) return;
     std::vector<std::string> names = list_host_dir(root, dir);
@@ -572,8 +607,8 @@ void collect_xdg(const HostRoot& root, std::vector<Pending>& out, bool& any_sour
             while (i < w.size() && w[i].find('=') != std::string::npos) ++i;
         }
         std::string prog = i < w.size() ? first_word(e.exec.substr(e.exec.find(w[i]))) : std::string();
-        p.facts_path = program_path(root, prog);
-        out.push_back(std::move(p));
+        p.facts_path = program_path(resolver, prog);
+        push(out, batch, std::move(p));
     }
 }
 
@@ -601,26 +636,20 @@ int32_t collect_autoruns(const HostRoot& root, std::vector<AM::AutoRunServInfo>&
         }
         std::vector<Pending> found;
         bool any = false;
-        collect_units(root, found, any);
-        collect_sysv(root, found, any);
-        collect_rc_local(root, found, any);
-        collect_xdg(root, found, any);
-        std::vector<FileRef> refs;
-        std::vector<size_t> idx;
-        for (size_t i = 0; i < found.size(); ++i) {
-            if (found[i].facts_path.empty()) continue;
-            FileRef r;
-            r.host_path = found[i].facts_path;
-            refs.push_back(std::move(r));
-            idx.push_back(i);
-        }
-        const std::vector<FileFacts> facts = file_facts_many(root, refs);
-        for (size_t k = 0; k < idx.size() && k < facts.size(); ++k) {
-            AM::AutoRunServInfo& r = found[idx[k]].rec;
-            r.md5 = facts[k].md5;
-            r.sha256 = facts[k].sha256;
-            r.company = facts[k].company;
-            r.verified = facts[k].verified;
+        FileFactsBatch batch(root);
+        UnitDirs unit_dirs(root);
+        collect_units(unit_dirs, batch, found, any);
+        collect_sysv(root, batch, found, any);
+        collect_rc_local(root, batch, found, any);
+        collect_xdg(unit_dirs, batch, found, any);
+        const std::vector<FileFacts> facts = batch.finish();
+        for (Pending& p : found) {
+            if (p.facts >= facts.size()) continue;
+            AM::AutoRunServInfo& r = p.rec;
+            r.md5 = facts[p.facts].md5;
+            r.sha256 = facts[p.facts].sha256;
+            r.company = facts[p.facts].company;
+            r.verified = facts[p.facts].verified;
         }
         out.reserve(found.size());
         for (Pending& p : found) out.push_back(std::move(p.rec));

@@ -378,23 +378,38 @@ std::string instance_of(const std::string& unit) {
 
 // Loads a unit with its drop-ins. `file` gets the host path it was found at
 // (the template's for an instance); false when it is absent or masked.
-bool load_unit(const HostRoot& root, const std::string& unit, UnitKeys& keys, std::string& file) {
+bool load_unit(UnitDirs& dirs, const std::string& unit, UnitKeys& keys, std::string& file) {
+    const HostRoot& root = dirs.root();
     std::vector<std::string> candidates{unit};
     const std::string tmpl = template_of(unit);
     if (!tmpl.empty()) candidates.push_back(tmpl);
     std::string found_host, real;
     for (const std::string& name : candidates) {
-        for (const char* dir : kSystemUnitDirs) {
-            const std::string host = std::string(dir) + "/" + name;
-            struct stat st;
-            if (stat_host(root, host, st, kNoFollow) != 0) continue;
-            if (S_ISLNK(st.st_mode)) {
-                const std::string target = read_host_link(root, host);
-                if (target.empty() || target == "/dev/null") return false;  // masked
+        if (name.find('/') != std::string::npos) continue;  // names no file of a unit directory
+        for (const UnitDirs::Dir& d : dirs.dirs()) {
+            if (d.path.empty()) continue;
+            const std::string host = std::string(d.configured) + "/" + name;
+            // The listing says what is there; a directory not listed whole is looked at.
+            const UnitDirs::Dir* listed = dirs.listed(d.path);
+            bool link = false;
+            if (listed) {
+                auto e = listed->entries.find(name);
+                if (e == listed->entries.end()) continue;
+                link = e->second.type == DT_LNK;
+                if (link && (e->second.link.empty() || e->second.link == "/dev/null"))
+                    return false;  // masked
+            } else {
+                struct stat st;
+                if (stat_host(root, host, st, kNoFollow) != 0) continue;
+                if (S_ISLNK(st.st_mode)) {
+                    link = true;
+                    const std::string target = read_host_link(root, host);
+                    if (target.empty() || target == "/dev/null") return false;  // masked
+                }
             }
             // The file's real path, as the auto-start kind names it: with /lib
             // a link to usr/lib, "/usr/lib/systemd/system/x.timer".
-            real = canonical_host_path(root, host);
+            real = link || !listed ? canonical_host_path(root, host) : d.path + "/" + name;
             if (real.empty() || real == "/dev/null") return false;
             found_host = host;
             break;
@@ -406,7 +421,7 @@ bool load_unit(const HostRoot& root, const std::string& unit, UnitKeys& keys, st
     if (read_host_file(root, real, text, kMaxUnitFile) != 0) return false;
     parse_unit(text, keys);
     file = real;
-    apply_dropins(root, {unit}, keys);
+    apply_dropins(dirs, {unit}, keys);
     return true;
 }
 
@@ -420,13 +435,15 @@ void replace_all(std::string& s, const std::string& from, const std::string& to)
 void collect_timers(const HostRoot& root, Sources& src, std::vector<CronInfo>& out) {
     // Enabled timers are those some target wants or requires.
     std::set<std::string> enabled;
-    std::vector<std::string> names, wanted;
-    for (const char* dir : kSystemUnitDirs) {
-        const int rc = list_names(root, dir, names);
-        src.note(rc);
-        for (const std::string& n : names) {
+    std::vector<std::string> wanted;
+    UnitDirs dirs(root);
+    for (const UnitDirs::Dir& d : dirs.dirs()) {
+        src.note(d.rc);
+        if (!d.first) continue;  // the same directory by another name: its names are in already
+        for (const auto& e : d.entries) {
+            const std::string& n = e.first;
             if (!ends_with(n, ".wants") && !ends_with(n, ".requires")) continue;
-            if (list_names(root, std::string(dir) + "/" + n, wanted) != 0) continue;
+            if (list_names(root, d.path + "/" + n, wanted) != 0) continue;
             for (const std::string& w : wanted)
                 if (ends_with(w, ".timer") && w.size() > 6) enabled.insert(w);
         }
@@ -434,7 +451,7 @@ void collect_timers(const HostRoot& root, Sources& src, std::vector<CronInfo>& o
     for (const std::string& t : enabled) {
         UnitKeys timer;
         std::string file;
-        if (!load_unit(root, t, timer, file)) continue;
+        if (!load_unit(dirs, t, timer, file)) continue;
         CronInfo job;
         job.name = t;
         job.timer = timer_schedule(timer);
@@ -450,7 +467,7 @@ void collect_timers(const HostRoot& root, Sources& src, std::vector<CronInfo>& o
         UnitKeys svc;
         std::string svc_file;
         job.user = "root";
-        if (load_unit(root, service, svc, svc_file)) {
+        if (load_unit(dirs, service, svc, svc_file)) {
             job.cmd_line = service_command(svc);
             const std::string inst = instance_of(service);
             if (!inst.empty()) {
