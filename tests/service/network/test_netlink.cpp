@@ -14,9 +14,13 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -134,7 +138,7 @@ nl::DiagStatus diag(const std::vector<unsigned char>& buf, std::vector<Sock>& ou
     return nl::parse_diag_buffer(at.data() + skew, buf.size(), 7, Proto::kTcp, out, err, max);
 }
 
-TEST(NetlinkDiag, ParsesDumpMessagesAndEndings) {
+TEST(NetlinkDiag, DumpMessagesEndingsAndHostileBuffers) {
     std::vector<unsigned char> buf;
     const inet_diag_msg a = diag_msg(AF_INET, 10, "127.0.0.1", 8080, "0.0.0.0", 0, 11);
     const inet_diag_msg b = diag_msg(AF_INET6, 1, "::1", 443, "::ffff:10.1.2.3", 51000, 12);
@@ -178,21 +182,19 @@ TEST(NetlinkDiag, ParsesDumpMessagesAndEndings) {
         EXPECT_EQ(diag(end, out, err), std::get<3>(e));
         EXPECT_EQ(err, std::get<4>(e));
     }
-}
 
-TEST(NetlinkDiag, HostileBuffersNeverReadPastTheEnd) {
-    const inet_diag_msg a = diag_msg(AF_INET, 10, "127.0.0.1", 80, "0.0.0.0", 0, 1);
+    // Hostile buffers are never read past their end.
     std::vector<Sock> out;
     int err = 0;
     // A length that claims more than was received, and one shorter than the header.
     for (uint32_t claimed : {4096u, 3u}) {
-        std::vector<unsigned char> buf;
-        put_msg(buf, 7, SOCK_DIAG_BY_FAMILY, &a, sizeof a, claimed);
-        EXPECT_EQ(diag(buf, out, err), nl::DiagStatus::kError);
+        std::vector<unsigned char> bad;
+        put_msg(bad, 7, SOCK_DIAG_BY_FAMILY, &a, sizeof a, claimed);
+        EXPECT_EQ(diag(bad, out, err), nl::DiagStatus::kError);
         EXPECT_EQ(err, -EBADMSG);
     }
     // Every truncation of a good buffer: never more than the whole messages.
-    std::vector<unsigned char> buf;
+    buf.clear();
     put_msg(buf, 7, SOCK_DIAG_BY_FAMILY, &a, sizeof a);
     put_msg(buf, 7, SOCK_DIAG_BY_FAMILY, &a, sizeof a);
     for (size_t len = 0; len <= buf.size(); ++len) {
@@ -281,42 +283,33 @@ TEST(NetlinkSnapshot, HugeTableIsStreamed) {
 
 // ---------------------------------------------------------------- live host
 
-// Runs `fn` in a child that reports over a socket pair, then waits until the
-// parent closes its end.
+// Runs `fn` in a child that reports over a pipe, then stays until the test ends.
 class Child {
 public:
     template <class F>
     explicit Child(F fn) {
-        int sv[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) return;
-        pid_ = fork();
-        if (pid_ == 0) {
-            close(sv[0]);
+        int p[2];
+        if (pipe2(p, O_CLOEXEC) != 0) return;
+        if ((pid_ = fork()) == 0) {
             const std::string msg = fn();
-            if (write(sv[1], msg.data(), msg.size()) < 0 || shutdown(sv[1], SHUT_WR) != 0) _exit(1);
-            char c;
-            while (read(sv[1], &c, 1) > 0) {
-            }
+            if (write(p[1], msg.data(), msg.size()) < 0) _exit(1);
+            close(p[1]);
+            pause();
             _exit(0);
         }
-        close(sv[1]);
-        fd_ = sv[0];
+        close(p[1]);
+        char buf[256];
+        for (ssize_t n; (n = read(p[0], buf, sizeof buf)) > 0;) report.append(buf, static_cast<size_t>(n));
+        close(p[0]);
     }
     ~Child() {
-        if (fd_ >= 0) close(fd_);
-        if (pid_ > 0) waitpid(pid_, nullptr, 0);
+        if (pid_ > 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
     }
     pid_t pid() const { return pid_; }
-    std::string report() {
-        std::string s;
-        char buf[256];
-        for (ssize_t n; (n = read(fd_, buf, sizeof buf)) > 0;) s.append(buf, static_cast<size_t>(n));
-        return s;
-    }
+    std::string report;
 
 private:
     pid_t pid_ = -1;
-    int fd_ = -1;
 };
 
 int port_of(int fd) {
@@ -354,63 +347,52 @@ Conn conn_of(const AM::NetLinkInfo& r) {
     return Conn(r.proto, r.local_addr, r.local_port, r.remote_addr, r.remote_port, r.state);
 }
 
-// "127.0.0.1:80", "[::1]:80", "*:*", "0.0.0.0:*", "[fe80::1]%lo:80" -> address, port, v6?
-bool split_ss_endpoint(const std::string& s, std::string& addr, int& port, bool& v6) {
+// An ss endpoint: "127.0.0.1:80", "[::1]:80", "0.0.0.0:*", "*:*", "[fe80::1]%lo:80"
+// -> ("127.0.0.1", 80), ("[::1]", 80), ("0.0.0.0", 0), ("[::]", 0), ("[fe80::1]", 80).
+std::pair<std::string, int> ss_endpoint(std::string_view s) {
     const size_t colon = s.rfind(':');
-    if (colon == std::string::npos) return false;
-    port = std::atoi(s.c_str() + colon + 1);  // "*": 0
-    addr = s.substr(0, std::min(colon, s.find('%')));
-    v6 = addr == "*" || (!addr.empty() && addr.front() == '[');
-    addr = addr == "*" ? "::" : v6 ? addr.substr(1, addr.size() - 2) : addr;
-    return true;
+    const std::string addr(s.substr(0, std::min(colon, s.find('%'))));
+    return {addr == "*" ? "[::]" : addr, std::atoi(std::string(s.substr(colon + 1)).c_str())};
 }
 
-// The sockets `ss` reports for the given pids, with the pids it names.
+// The sockets `ss` reports for the given pids, in this collector's words, with the pids it names.
 std::map<Conn, std::set<int>> ss_sockets(const std::set<int>& pids) {
     std::map<Conn, std::set<int>> out;
     const std::string listed = amtest::run("ss -tuwanpH 2>/dev/null");
     for (std::string_view l : amsvc::split_lines(listed)) {
-        const std::string line(l);
         const auto f = amsvc::split_ws(l);
-        if (f.size() < 6 || (f[0] != "tcp" && f[0] != "udp" && f[0] != "raw")) continue;
-        std::set<int> owners;
-        bool ours = false;
-        for (size_t q = line.find("pid="); q != std::string::npos; q = line.find("pid=", q + 4)) {
-            owners.insert(std::atoi(line.c_str() + q + 4));
-            ours |= pids.count(*owners.rbegin()) > 0;
-        }
-        std::string la, ra;
-        int lp, rp;
-        bool lv6, rv6;
-        if (!ours || !split_ss_endpoint(std::string(f[4]), la, lp, lv6) ||
-            !split_ss_endpoint(std::string(f[5]), ra, rp, rv6))
-            continue;
-        const bool v6 = lv6 || la.find(':') != std::string::npos;
-        if (ra == "::" && !v6) ra = "0.0.0.0";
+        std::set<int> owners, ours;
+        for (size_t q = l.find("pid="); q != l.npos; q = l.find("pid=", q + 4))
+            owners.insert(std::atoi(l.data() + q + 4));
+        std::set_intersection(owners.begin(), owners.end(), pids.begin(), pids.end(),
+                              std::inserter(ours, ours.end()));
+        if (f.size() < 6 || (f[0] != "tcp" && f[0] != "udp" && f[0] != "raw") || ours.empty()) continue;
+        auto [la, lp] = ss_endpoint(f[4]);
+        auto [ra, rp] = ss_endpoint(f[5]);
+        const bool v6 = la.find(':') != std::string::npos;
+        auto bare = [](const std::string& a) { return a[0] == '[' ? a.substr(1, a.size() - 2) : a; };
+        ra = ra == "[::]" && !v6 ? "0.0.0.0" : bare(ra);
         // ss says ESTAB for TCP's ESTABLISHED too.
         const std::string st = f[0] == "tcp" && f[1] == "ESTAB" ? "ESTABLISHED" : std::string(f[1]);
-        out[Conn(std::string(f[0]) + (v6 ? "6" : ""), la, lp, ra, rp, st)] = owners;
+        out[Conn(std::string(f[0]) + (v6 ? "6" : ""), bare(la), lp, ra, rp, st)] = owners;
     }
     return out;
 }
 
-class NetlinkLiveHost : public ::testing::Test {
-protected:
-    void TearDown() override {
-        for (int fd : fds_) close(fd);
+// Descriptors closed when the test ends.
+struct Fds : std::vector<int> {
+    ~Fds() {
+        for (int fd : *this) close(fd);
     }
-    int keep(int fd) {
-        fds_.push_back(fd);
-        return fd;
-    }
-    std::vector<int> fds_;
+    int keep(int fd) { return push_back(fd), fd; }
 };
 
-TEST_F(NetlinkLiveHost, OwnAndChildSocketsMatchSs) {
+TEST(NetlinkLiveHost, OwnAndChildSocketsMatchSs) {
+    Fds fds;
     // The child connects to a listener of ours (closing the copy it inherits)
     // and holds its own listener through as many descriptors as this host lets
     // one process have, up to 100k: each socket is still listed once.
-    const int lc = keep(bound(AF_INET, SOCK_STREAM));
+    const int lc = fds.keep(bound(AF_INET, SOCK_STREAM));
     ASSERT_EQ(listen(lc, 8), 0);
     const int pc = port_of(lc);
     rlimit lim;
@@ -435,19 +417,19 @@ TEST_F(NetlinkLiveHost, OwnAndChildSocketsMatchSs) {
     // connected UDP socket, and a raw socket where this user may have one.
     size_t raws = 0;
     for (int fam : {AF_INET, AF_INET6}) {
-        const int l = keep(bound(fam, SOCK_STREAM));
+        const int l = fds.keep(bound(fam, SOCK_STREAM));
         ASSERT_EQ(listen(l, 8), 0);
-        ASSERT_EQ(connect_to(keep(socket(fam, SOCK_STREAM | SOCK_CLOEXEC, 0)), fam, port_of(l)), 0);
-        ASSERT_GE(keep(accept4(l, nullptr, nullptr, SOCK_CLOEXEC)), 0);
-        const int u = keep(bound(fam, SOCK_DGRAM));
-        ASSERT_EQ(connect_to(keep(bound(fam, SOCK_DGRAM)), fam, port_of(u)), 0);
+        ASSERT_EQ(connect_to(fds.keep(socket(fam, SOCK_STREAM | SOCK_CLOEXEC, 0)), fam, port_of(l)), 0);
+        ASSERT_GE(fds.keep(accept4(l, nullptr, nullptr, SOCK_CLOEXEC)), 0);
+        const int u = fds.keep(bound(fam, SOCK_DGRAM));
+        ASSERT_EQ(connect_to(fds.keep(bound(fam, SOCK_DGRAM)), fam, port_of(u)), 0);
         const int icmp = fam == AF_INET ? int{IPPROTO_ICMP} : int{IPPROTO_ICMPV6};
-        raws += keep(socket(fam, SOCK_RAW | SOCK_CLOEXEC, icmp)) >= 0;
+        raws += fds.keep(socket(fam, SOCK_RAW | SOCK_CLOEXEC, icmp)) >= 0;
     }
     int cc = 0, copies = 0;
-    ASSERT_EQ(sscanf(child.report().c_str(), "%d %d", &cc, &copies), 2);
+    ASSERT_EQ(sscanf(child.report.c_str(), "%d %d", &cc, &copies), 2);
     EXPECT_GT(copies, 1000);
-    ASSERT_GE(keep(accept4(lc, nullptr, nullptr, SOCK_CLOEXEC)), 0);
+    ASSERT_GE(fds.keep(accept4(lc, nullptr, nullptr, SOCK_CLOEXEC)), 0);
 
     std::vector<AM::NetLinkInfo> out;
     ASSERT_EQ(amsvc::collect_netlinks(HostRoot("/"), out), 0);
@@ -502,7 +484,7 @@ TEST(NetlinkLiveNamespace, SocketInAnotherNamespaceAppearsOnce) {
         return std::to_string(port_of(l));
     });
     ASSERT_GT(child.pid(), 0);
-    const std::string rep = child.report();
+    const std::string& rep = child.report;
     if (rep.empty() || !isdigit(static_cast<unsigned char>(rep[0])))
         GTEST_SKIP() << "no second network namespace here: " << rep;
     const int port = std::atoi(rep.c_str());
