@@ -1,6 +1,4 @@
 // The metadata parsers on literal text.
-#include <string.h>
-
 #include <tuple>
 
 #include <gtest/gtest.h>
@@ -116,15 +114,10 @@ TEST(LibParse, GoModinfo) {
 
 namespace {
 
-const char kStart[] =
-    "0w\xaf\x0c\x92t\x08\x02"
-    "A\xe1\xc1\x07\xe6\xd6\x18\xe6";
-const char kEnd[] =
-    "\xf9"
-    "2C1\x86\x18 r\x00\x82"
-    "B\x10"
-    "A\x16\xd8\xf2";
-const std::string kMod = std::string(kStart, 16) + "path\tx\nmod\tx\t(devel)\t\n" + std::string(kEnd, 16);
+// The sentinels Go puts around the module text (octal escapes).
+const std::string kMod = std::string("0w\257\014\222t\010\002A\341\301\007\346\326\030\346", 16) +
+                         "path\tx\nmod\tx\t(devel)\t\n" +
+                         std::string("\3712C1\206\030 r\000\202B\020A\026\330\362", 16);
 
 std::string header(unsigned char ptr, unsigned char flags) {
     std::string h("\xff Go buildinf:", 14);
@@ -143,15 +136,10 @@ void put64(std::string& s, size_t at, uint64_t v) {
 
 TEST(LibParse, GoBuildInfoBlob) {
     // Go 1.18 and later: the strings follow the header, varint-prefixed.
-    std::string blob = header(8, 2);
-    blob += static_cast<char>(8);
-    blob += "go1.19.8";
-    blob += static_cast<char>(kMod.size());
-    blob += kMod;
+    const std::string blob = header(8, 2) + '\x08' + "go1.19.8" + static_cast<char>(kMod.size()) + kMod;
     std::string vers, mod;
     ASSERT_TRUE(decode_go_buildinfo(blob, nullptr, vers, mod));
-    EXPECT_EQ(vers, "go1.19.8");
-    EXPECT_EQ(mod, "path\tx\nmod\tx\t(devel)\t\n");
+    EXPECT_EQ(vers + "|" + mod, "go1.19.8|path\tx\nmod\tx\t(devel)\t\n");
     EXPECT_FALSE(decode_go_buildinfo(blob.substr(0, 34), nullptr, vers, mod));
     EXPECT_FALSE(decode_go_buildinfo("\xff Go buildinf:", nullptr, vers, mod));
 
@@ -159,10 +147,7 @@ TEST(LibParse, GoBuildInfoBlob) {
     // segments. A minimal little-endian ELF64 with one writable PT_LOAD
     // mapping file offset 0x100 at address 0x400100.
     std::string elf(0x400, '\0');
-    memcpy(&elf[0],
-           "\x7f"
-           "ELF\x02\x01\x01",
-           7);
+    elf.replace(0, 7, "\177ELF\2\1\1");
     put64(elf, 32, 64);             // e_phoff
     elf[54] = 56;                   // e_phentsize
     elf[56] = 1;                    // e_phnum
