@@ -46,59 +46,35 @@ int sh(const std::string& cmd) {
 
 }  // namespace
 
-class JavaTree : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        if (!amtest::have_tools("zip jar")) return;
-        t_ = new amtest::TempDir("amlibs");
-        amtest::TempDir& t = *t_;
-        t.file("/src/log4j/META-INF/maven/org.apache.logging.log4j/log4j-core/pom.properties",
-               "groupId=org.apache.logging.log4j\nartifactId=log4j-core\nversion=2.14.1\n");
-        ASSERT_EQ(sh("cd '" + t.path +
-                     "/src/log4j' && mkdir -p ../BOOT-INF/lib && zip -qr "
-                     "../BOOT-INF/lib/log4j-core-2.14.1.jar META-INF"),
-                  0);
-        // A manifest-only jar, made by the jar tool, compressed inside the fat jar.
-        t.file("/src/guava/Manifest.txt",
-               "Bundle-SymbolicName: com.google.guava;singleton:=true\nBundle-Version: 31.1.0.jre\n");
-        t.file("/src/guava/com/x.class", "cafe");
-        ASSERT_EQ(sh("cd '" + t.path +
-                     "/src/guava' && jar cfm ../BOOT-INF/lib/guava-31.1-jre.jar Manifest.txt com"),
-                  0);
-        t.file("/src/META-INF/maven/com.acme/app/pom.properties",
-               "groupId=com.acme\nartifactId=app\nversion=1.0\n");
-        t.file("/src/META-INF/maven/com.google.code.gson/gson/pom.properties",
-               "groupId=com.google.code.gson\nartifactId=gson\nversion=2.8.9\n");
-        ASSERT_EQ(sh("cd '" + t.path +
-                     "/src' && mkdir -p ../opt/app && zip -q0r ../opt/app/app.jar META-INF/maven "
-                     "BOOT-INF/lib/log4j-core-2.14.1.jar && zip -q9 ../opt/app/app.jar "
-                     "BOOT-INF/lib/guava-31.1-jre.jar"),
-                  0);
-        // An ear holding a war holding a jar; and a jar with neither pom nor manifest.
-        t.file("/src/jd/META-INF/maven/com.fasterxml.jackson.core/jackson-databind/pom.properties",
-               "groupId=com.fasterxml.jackson.core\nartifactId=jackson-databind\nversion=2.13.4\n");
-        t.file("/src/plain/a.txt", "x");
-        ASSERT_EQ(
-            sh("cd '" + t.path +
-               "/src' && mkdir -p war/WEB-INF/lib ear/lib && (cd jd && zip -qr "
-               "../war/WEB-INF/lib/jackson-databind-2.13.4.jar META-INF) && (cd plain && zip -q "
-               "../ear/lib/commons-lang3-3.12.0.jar a.txt) && (cd war && zip -qr ../ear/web.war WEB-INF) && "
-               "mkdir -p ../srv && cd ear && zip -qr ../../srv/shop.ear lib web.war"),
+// A Spring Boot style fat jar holding a jar with a pom (stored) and a
+// manifest-only jar made by the jar tool (compressed); an ear holding a war
+// holding a jar, and a jar with neither pom nor manifest. Built once, by the
+// first test that asks; "" when zip and jar are missing.
+const std::string& java_tree() {
+    static amtest::TempDir t("amlibs");
+    static const std::string root = [] {
+        if (!amtest::have_tools("zip jar")) return std::string();
+        EXPECT_EQ(
+            sh("cp -r '" + std::string(ASSETMAN_FIXTURES) + "/java' '" + t.path + "/src' && cd '" + t.path +
+               "/src' && mkdir -p app/BOOT-INF/lib war/WEB-INF/lib ear/lib ../opt/app ../srv && "
+               "(cd log4j && zip -qr ../app/BOOT-INF/lib/log4j-core-2.14.1.jar META-INF) && "
+               "(cd guava && jar cfm ../app/BOOT-INF/lib/guava-31.1-jre.jar Manifest.txt com) && "
+               "(cd app && zip -q0r ../../opt/app/app.jar META-INF BOOT-INF/lib/log4j-core-2.14.1.jar && "
+               "zip -q9 ../../opt/app/app.jar BOOT-INF/lib/guava-31.1-jre.jar) && "
+               "(cd jd && zip -qr ../war/WEB-INF/lib/jackson-databind-2.13.4.jar META-INF) && "
+               "(cd plain && zip -q ../ear/lib/commons-lang3-3.12.0.jar a.txt) && "
+               "(cd war && zip -qr ../ear/web.war WEB-INF) && cd ear && zip -qr ../../srv/shop.ear lib "
+               "web.war"),
             0);
-    }
-    static void TearDownTestSuite() {
-        delete t_;
-        t_ = nullptr;
-    }
-    void SetUp() override {
-        if (!t_) GTEST_SKIP() << "zip and jar needed";
-    }
-    static amtest::TempDir* t_;
-};
-amtest::TempDir* JavaTree::t_ = nullptr;
+        return t.path;
+    }();
+    return root;
+}
 
-TEST_F(JavaTree, NestedArchivesAndFallbacks) {
-    const Lines got = collect(HostRoot(t_->path), no_procs());
+TEST(JavaTree, NestedArchivesAndFallbacks) {
+    const std::string& root = java_tree();
+    if (root.empty()) GTEST_SKIP() << "zip and jar needed";
+    const Lines got = collect(HostRoot(root), no_procs());
     const Lines want = {
         "com.acme:app|1.0|/opt/app/app.jar",
         "com.google.code.gson:gson|2.8.9|/opt/app/app.jar",
@@ -113,49 +89,47 @@ TEST_F(JavaTree, NestedArchivesAndFallbacks) {
     EXPECT_EQ(got, want);
 }
 
-TEST_F(JavaTree, NestingDepthAndCache) {
+TEST(JavaTree, NestingDepthAndCache) {
+    const std::string& root = java_tree();
+    if (root.empty()) GTEST_SKIP() << "zip and jar needed";
     clear_library_cache();
     LibraryLimits lim = no_procs();
     lim.archive.max_depth = 2;  // the ear and the war, not the war's jars
-    const Lines got = collect(HostRoot(t_->path), lim);
+    const Lines got = collect(HostRoot(root), lim);
     EXPECT_TRUE(
         got.count("jackson-databind|2.13.4|/srv/shop.ear!/web.war!/WEB-INF/lib/jackson-databind-2.13.4.jar"));
 
     clear_library_cache();
     LibraryStats first, second, third;
-    collect(HostRoot(t_->path), no_procs(), &first);
-    collect(HostRoot(t_->path), no_procs(), &second);
-    EXPECT_EQ(first.parsed, 2u);
-    EXPECT_EQ(second.parsed, 0u);
-    EXPECT_EQ(second.cached, 2u);
+    collect(HostRoot(root), no_procs(), &first);
+    collect(HostRoot(root), no_procs(), &second);
     // A file rewritten in place is read again, and only that one.
-    ASSERT_EQ(sh("cd '" + t_->path + "/src' && zip -q ../srv/shop.ear ear/lib/commons-lang3-3.12.0.jar"), 0);
-    collect(HostRoot(t_->path), no_procs(), &third);
-    EXPECT_EQ(third.parsed, 1u);
+    ASSERT_EQ(sh("cd '" + root + "/src' && zip -q ../srv/shop.ear ear/lib/commons-lang3-3.12.0.jar"), 0);
+    collect(HostRoot(root), no_procs(), &third);
+    EXPECT_EQ(std::to_string(first.parsed) + " " + std::to_string(second.parsed) + "+" +
+                  std::to_string(second.cached) + " " + std::to_string(third.parsed),
+              "2 0+2 1");  // archives parsed (+ found in the cache) per walk
 }
 
-TEST_F(JavaTree, BoundsEndTheListWithAMarker) {
-    LibraryLimits lim = no_procs();
-    lim.max_entries = 3;
-    LibraryStats st;
+TEST(JavaTree, BoundsEndTheListWithAMarker) {
+    const std::string& root = java_tree();
+    if (root.empty()) GTEST_SKIP() << "zip and jar needed";
     std::vector<AM::ThirdPartDevLibInfo> out;
-    EXPECT_EQ(collect_libraries(HostRoot(t_->path), out, lim, &st), 0);
-    EXPECT_EQ(st.bound, "entries");
-    ASSERT_FALSE(out.empty());
-    EXPECT_EQ(out.back().name, "");
-    EXPECT_EQ(out.back().version, "incomplete: entries");
-
-    lim = no_procs();
-    lim.max_depth = 0;
-    out.clear();
-    EXPECT_EQ(collect_libraries(HostRoot(t_->path), out, lim, &st), 0);
-    EXPECT_EQ(st.bound, "depth");
-    EXPECT_EQ(out.back().version, "incomplete: depth");
-
-    EXPECT_EQ(collect_libraries(HostRoot(t_->path + "/nonexistent"), out, no_procs()), -ENOENT);
-    lim = no_procs();
+    for (const std::string bound : {"entries", "depth"}) {
+        LibraryLimits lim = no_procs();
+        lim.max_entries = bound == "entries" ? 3 : lim.max_entries;
+        lim.max_depth = bound == "depth" ? 0 : lim.max_depth;
+        LibraryStats st;
+        out.clear();
+        EXPECT_EQ(collect_libraries(HostRoot(root), out, lim, &st), 0);
+        ASSERT_FALSE(out.empty());
+        EXPECT_EQ(st.bound + "|" + out.back().name + "|" + out.back().version,
+                  bound + "||incomplete: " + bound);
+    }
+    EXPECT_EQ(collect_libraries(HostRoot(root + "/nonexistent"), out, no_procs()), -ENOENT);
+    LibraryLimits lim = no_procs();
     lim.roots = {"/nothing-here"};
-    EXPECT_EQ(collect_libraries(HostRoot(t_->path), out, lim), -ENOENT);
+    EXPECT_EQ(collect_libraries(HostRoot(root), out, lim), -ENOENT);
 }
 
 // What an attacker lays out: a FIFO named like a jar, a truncated archive, a
@@ -207,9 +181,9 @@ open(d + '/cut-3.0.jar', 'wb').write(data[:len(data) // 2])
     // The bomb's pom is read from its head; its nested archive inflates past
     // the bound, so it is named by its file name; the traversal and
     // control-character names are not nested into.
-    EXPECT_TRUE(got.count("g:bomb|1.0|" + h + "bomb-1.0.jar"));
-    EXPECT_TRUE(got.count("zeros|1.0|" + h + "bomb-1.0.jar!/BOOT-INF/lib/zeros-1.0.jar"));
-    EXPECT_TRUE(got.count("cut|3.0|" + h + "cut-3.0.jar"));
+    for (const std::string l : {"g:bomb|1.0|bomb-1.0.jar",
+                                "zeros|1.0|bomb-1.0.jar!/BOOT-INF/lib/zeros-1.0.jar", "cut|3.0|cut-3.0.jar"})
+        EXPECT_TRUE(got.count(l.substr(0, l.rfind('|') + 1) + h + l.substr(l.rfind('|') + 1))) << l;
     size_t many = 0;
     for (const std::string& l : got) {
         for (const char* bad : {"secret", "evil", "\x1b", "|/home/mallory/x.jar", "passwd"})
@@ -227,9 +201,11 @@ TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
     if (!amtest::have_tools("go") || access("/usr/bin/python3", X_OK) != 0)
         GTEST_SKIP() << "go and python3 needed";
     amtest::TempDir t("amlibe");
+    ASSERT_EQ(sh("cp -r '" + std::string(ASSETMAN_FIXTURES) + "/eco/.' '" + t.path + "'"), 0);
     const std::string venv = t.path + "/opt/venv";
     ASSERT_EQ(sh("/usr/bin/python3 -m venv '" + venv + "'"), 0);
-    // What the interpreter itself says is installed in the venv.
+    // What the interpreter itself says is installed in the venv (with the
+    // fixture's old egg-info).
     Lines want;
     const std::string dists =
         run("'" + venv +
@@ -238,37 +214,17 @@ TEST(LibraryEcosystems, EachEcosystemAsItsToolSeesIt) {
             "str(d._path))'");
     for (std::string_view l : split_lines(dists))
         want.insert(std::string(l).replace(l.rfind('|') + 1, t.path.size(), ""));
-    ASSERT_FALSE(want.empty());
-    t.file("/opt/venv/lib/python3.11/site-packages/old-0.1.egg-info/PKG-INFO", "Name: old\nVersion: 0.1\n");
-    want.insert("old|0.1|/opt/venv/lib/python3.11/site-packages/old-0.1.egg-info");
-
-    t.file("/srv/web/node_modules/express/package.json", R"({"name":"express","version":"4.18.2"})");
-    t.file("/srv/web/node_modules/express/lib/package.json", R"({"name":"not-a-package","version":"0"})");
-    t.file("/srv/web/node_modules/@babel/core/package.json", R"({"name":"@babel/core","version":"7.22.0"})");
-    t.file("/srv/web/node_modules/express/node_modules/debug/package.json",
-           R"({"name":"debug","version":"2.6.9"})");
-    want.insert("express|4.18.2|/srv/web/node_modules/express");
-    want.insert("@babel/core|7.22.0|/srv/web/node_modules/@babel/core");
-    want.insert("debug|2.6.9|/srv/web/node_modules/express/node_modules/debug");
-
-    t.file("/srv/gems/specifications/rack-2.2.4.gemspec",
-           "Gem::Specification.new do |s|\n  s.name = \"rack\".freeze\n  s.version = \"2.2.4\"\nend\n");
-    want.insert("rack|2.2.4|/srv/gems/specifications/rack-2.2.4.gemspec");
-    t.file("/srv/php/vendor/composer/installed.json",
-           R"({"packages":[{"name":"monolog/monolog","version":"2.3.5","install-path":"../monolog/monolog"},)"
-           R"({"name":"evil/x","version":"1","install-path":"../../../../etc"}]})");
-    want.insert("monolog/monolog|2.3.5|/srv/php/vendor/monolog/monolog");
-    want.insert("evil/x|1|/srv/php/vendor/evil/x");
+    ASSERT_TRUE(want.count("old|0.1|/opt/venv/lib/python3.11/site-packages/old-0.1.egg-info"));
+    for (const char* l :
+         {"express|4.18.2|/srv/web/node_modules/express",
+          "@babel/core|7.22.0|/srv/web/node_modules/@babel/core",
+          "debug|2.6.9|/srv/web/node_modules/express/node_modules/debug",
+          "rack|2.2.4|/srv/gems/specifications/rack-2.2.4.gemspec",
+          "monolog/monolog|2.3.5|/srv/php/vendor/monolog/monolog", "evil/x|1|/srv/php/vendor/evil/x"})
+        want.insert(l);
 
     // A Go program with a dependency replaced by a local module; what
     // `go version -m` prints is what is expected.
-    t.file("/gosrc/dep/go.mod", "module example.com/dep\n\ngo 1.19\n");
-    t.file("/gosrc/dep/dep.go", "package dep\n\nfunc Hello() string { return \"hi\" }\n");
-    t.file("/gosrc/app/go.mod",
-           "module example.com/app\n\ngo 1.19\n\nrequire example.com/dep v1.2.3\n\n"
-           "replace example.com/dep => ../dep\n");
-    t.file("/gosrc/app/main.go",
-           "package main\n\nimport \"example.com/dep\"\n\nfunc main() { println(dep.Hello()) }\n");
     ASSERT_EQ(sh("cd '" + t.path +
                  "/gosrc/app' && mkdir -p ../../opt/goapp && GOFLAGS=-mod=mod GOPROXY=off "
                  "CGO_ENABLED=0 go build -o ../../opt/goapp/server ."),
