@@ -5,10 +5,13 @@
 
 #include <stdint.h>
 
+#include <cstring>
+
 #include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "core/common.h"
@@ -48,6 +51,7 @@ public:
         std::string name, company;
         Kind kind = Kind::kDpkg;
         std::string stem;        // dpkg: info file name without extension ("libc6:amd64")
+        bool list_regular = false;  // dpkg: the directory listing said the .list is a regular file
         uint32_t rpm_hnum = 0;   // rpm: header instance
         uint64_t apk_off = 0;    // apk: the package's stanza in the installed database
         uint64_t apk_len = 0;
@@ -85,15 +89,70 @@ private:
 
 uint32_t base_name_hash(std::string_view base);
 
-// Builds the name table of every package database under `root` (uncached).
+// The base names one batch of lookups asks about, with a test cheap enough
+// for every line of every file list: most lines are passed over on their last
+// four bytes alone, without finding their base name.
+class NameFilter {
+public:
+    void add(std::string_view base);   // a name to find
+    void pass(std::string_view base);  // a name let through the line test, not wanted (a diversion's source)
+    bool wants(std::string_view base) const { return wanted_.count(std::string(base)) != 0; }
+    bool empty() const { return wanted_.empty(); }
+    size_t size() const { return wanted_.size(); }
+    // Calls fn(path) for the lines of a dpkg file list that for_each_listed_file
+    // would give and that may end in a name added or passed.
+    template <class F>
+    void for_each_candidate(std::string_view text, F&& fn) const {
+        size_t pos = 0;
+        while (pos < text.size()) {
+            const char* nl = static_cast<const char*>(std::memchr(text.data() + pos, '\n', text.size() - pos));
+            const size_t end = nl ? static_cast<size_t>(nl - text.data()) : text.size();
+            std::string_view line = text.substr(pos, end - pos);
+            pos = end + 1;
+            if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+            if (!maybe(line) || line == "/." || line == "/") continue;
+            // dpkg lists a directory right before its first entry.
+            if (pos < text.size()) {
+                const std::string_view rest = text.substr(pos);
+                if (rest.size() > line.size() && rest[line.size()] == '/' && rest.compare(0, line.size(), line) == 0)
+                    continue;
+            }
+            fn(line);
+        }
+    }
+
+private:
+    void mark(std::string_view base);
+    static size_t key(const char* end) {
+        uint32_t w;
+        std::memcpy(&w, end - 4, 4);
+        return (w * 0x9e3779b1u) >> 16;
+    }
+    bool maybe(std::string_view line) const {
+        if (line.size() < 4) return true;
+        const char* end = line.data() + line.size();
+        if (short_ && std::memchr(end - 4, '/', 4)) return true;
+        const size_t k = key(end);
+        return bits_[k >> 6] >> (k & 63) & 1;
+    }
+
+    std::vector<uint64_t> bits_ = std::vector<uint64_t>(1024);
+    std::unordered_set<std::string> wanted_;
+    bool short_ = false;  // a name shorter than the four bytes tested
+};
+
+// Builds the name table of every package database under `root` (uncached;
+// lookups build one only for callers that ask one file at a time).
 std::shared_ptr<const PackageIndex> build_package_index(const HostRoot& root);
-// The shared name table of `root`: built on first use, rebuilt when a
-// database changes.
+// The shared packages of `root` (no name table until a lookup comes alone):
+// read on first use, again when a database changes.
 std::shared_ptr<const PackageIndex> package_index(const HostRoot& root);
 
 // What the ownership lookups of `root` hold now, for tests and the benchmark.
 struct OwnershipStats {
     size_t packages = 0, names = 0;
+    size_t listed = 0;         // base names answered by passes over the file lists
+    size_t passes = 0;         // such passes so far
     size_t packages_read = 0;  // packages whose own records were read to answer
     size_t answers = 0;        // remembered answers
     size_t memory_bytes = 0;   // estimate of all of it
