@@ -512,8 +512,9 @@ struct Recorded {
 // Records of one package, read when one of its files is first asked about:
 // dpkg's .list, .md5sums and the status file's conffiles, apk's stanza, or
 // rpm's header.
+// With `filter`, only the files whose names it wants (others are not asked about).
 void read_dpkg_records(const HostRoot& root, const PackageIndex& index, const PackageIndex::Package& p,
-                       std::vector<Recorded>& out) {
+                       const NameFilter* filter, std::vector<Recorded>& out) {
     const Fd info(open_host(root, "/var/lib/dpkg/info", O_RDONLY | O_DIRECTORY));
     if (info.get() < 0) return;
     ReadBuf buf;
@@ -522,6 +523,7 @@ void read_dpkg_records(const HostRoot& root, const PackageIndex& index, const Pa
     auto record = [&](std::string_view path, DigestAlgo algo, const unsigned char* digest) {
         if (path.empty() || path[0] != '/') return;
         const std::string norm = normalize_path(diverted(index, p.name, path, key));
+        if (filter && !filter->wants(base_of(norm))) return;
         auto it = at.find(norm);
         if (it == at.end()) {
             it = at.emplace(norm, out.size()).first;
@@ -532,12 +534,23 @@ void read_dpkg_records(const HostRoot& root, const PackageIndex& index, const Pa
             out[it->second].digest.assign(reinterpret_cast<const char*>(digest), digest_size(algo));
         }
     };
-    if (read_in_dir(info.get(), p.stem + ".list", buf, kMaxList) == 0)
-        for_each_listed_file(buf.view(), [&](std::string_view path) { record(path, DigestAlgo::kNone, nullptr); });
+    auto listed = [&](std::string_view path) { record(path, DigestAlgo::kNone, nullptr); };
+    if (read_in_dir(info.get(), p.stem + ".list", buf, kMaxList) == 0) {
+        if (filter) {
+            filter->for_each_candidate(buf.view(), listed);
+        } else {
+            for_each_listed_file(buf.view(), listed);
+        }
+    }
     if (read_in_dir(info.get(), p.stem + ".md5sums", buf, kMaxList) == 0) {
-        parse_md5sums(buf.view(), [&](std::string_view path, const unsigned char* md5) {
-            record(path, DigestAlgo::kMd5, md5);
-        });
+        const std::function<void(std::string_view, const unsigned char*)> md5 =
+            [&](std::string_view path, const unsigned char* digest) { record(path, DigestAlgo::kMd5, digest); };
+        if (filter) {
+            // A line ends with its path: most are passed over unparsed.
+            filter->for_each_maybe_line(buf.view(), [&](std::string_view line) { parse_md5sums(line, md5); });
+        } else {
+            parse_md5sums(buf.view(), md5);
+        }
     }
     for (const DpkgConffile& c : p.conffiles) {
         unsigned char md5[16];
@@ -590,6 +603,7 @@ struct RootSlot {
     // Packages listing each base name a batch asked about, in database order
     // (empty: none), from one pass over the file lists per batch.
     std::unordered_map<std::string, std::vector<uint32_t>> listed;
+    NameFilter asked;  // the names of `listed` (and diversions' sources): dpkg records keep only these
     size_t passes = 0;
 
     void forget() {
@@ -597,6 +611,7 @@ struct RootSlot {
         record_count = 0;
         answers.clear();
         listed.clear();
+        asked = NameFilter();
         canon.reset();
     }
 };
@@ -697,8 +712,11 @@ void list_names(RootSlot& slot, const HostRoot& root, const PackageIndex& index,
     for (std::string_view b : bases)
         if (!slot.listed.count(std::string(b))) filter.add(b);
     if (filter.empty()) return;
-    if (slot.listed.size() + filter.size() > kMaxListed) slot.listed.clear();
-    for (const auto& d : index.diversions) filter.pass(base_of(d.first));
+    if (slot.listed.size() + filter.size() > kMaxListed) slot.forget();
+    for (const auto& d : index.diversions) {
+        filter.pass(base_of(d.first));
+        slot.asked.pass(base_of(d.first));
+    }
     std::unordered_map<std::string, std::vector<uint32_t>> found;
     auto hit = [&](uint32_t id, std::string_view base) {
         std::vector<uint32_t>& ids = found[std::string(base)];
@@ -728,6 +746,10 @@ void list_names(RootSlot& slot, const HostRoot& root, const PackageIndex& index,
             std::sort(ids.begin(), ids.end());
             ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
         }
+        // A dpkg package read before for other names is read again for this one.
+        for (uint32_t id : ids)
+            if (index.package(id).kind == PackageIndex::Kind::kDpkg) slot.records.erase(id);
+        slot.asked.add(key);
         slot.listed.emplace(std::move(key), std::move(ids));
     }
 }
@@ -740,7 +762,7 @@ const std::vector<Recorded>& records_of(RootSlot& slot, const HostRoot& root, co
     const PackageIndex::Package& p = index.package(id);
     switch (p.kind) {
         case PackageIndex::Kind::kDpkg:
-            read_dpkg_records(root, index, p, recs);
+            read_dpkg_records(root, index, p, slot.full ? nullptr : &slot.asked, recs);
             break;
         case PackageIndex::Kind::kApk:
             read_apk_records(root, index, p, recs);

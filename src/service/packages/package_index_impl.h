@@ -103,25 +103,64 @@ public:
     // would give and that may end in a name added or passed.
     template <class F>
     void for_each_candidate(std::string_view text, F&& fn) const {
-        size_t pos = 0;
-        while (pos < text.size()) {
-            const char* nl = static_cast<const char*>(std::memchr(text.data() + pos, '\n', text.size() - pos));
-            const size_t end = nl ? static_cast<size_t>(nl - text.data()) : text.size();
-            std::string_view line = text.substr(pos, end - pos);
-            pos = end + 1;
-            if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-            if (!maybe(line) || line == "/." || line == "/") continue;
+        const char* const last = text.data() + text.size();
+        for_each_line(text, [&](std::string_view l, const char* nl) {
+            if (!maybe(l) || l == "/." || l == "/") return;
             // dpkg lists a directory right before its first entry.
-            if (pos < text.size()) {
-                const std::string_view rest = text.substr(pos);
-                if (rest.size() > line.size() && rest[line.size()] == '/' && rest.compare(0, line.size(), line) == 0)
-                    continue;
+            if (nl < last) {
+                const std::string_view rest(nl + 1, static_cast<size_t>(last - nl - 1));
+                if (rest.size() > l.size() && rest[l.size()] == '/' && rest.compare(0, l.size(), l) == 0) return;
             }
-            fn(line);
-        }
+            fn(l);
+        });
+    }
+    // Calls fn(line) for every line (without its end) that may end in a name
+    // added or passed.
+    template <class F>
+    void for_each_maybe_line(std::string_view text, F&& fn) const {
+        for_each_line(text, [&](std::string_view l, const char*) {
+            if (maybe(l)) fn(l);
+        });
     }
 
 private:
+    // fn(line without "\r\n", where its '\n' is or the end of text).
+    template <class F>
+    static void for_each_line(std::string_view text, F&& fn) {
+        const char* const first = text.data();
+        const char* const last = first + text.size();
+        auto line = [&](const char* b, const char* nl) {
+            std::string_view l(b, static_cast<size_t>(nl - b));
+            if (!l.empty() && l.back() == '\r') l.remove_suffix(1);
+            fn(l, nl);
+        };
+        // Newlines eight bytes at a time: a call per line to find its end
+        // costs more than the test that follows.
+        const char* b = first;
+        const char* p = first;
+        for (; p + 8 <= last; p += 8) {
+            uint64_t w;
+            std::memcpy(&w, p, 8);
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+            w = __builtin_bswap64(w);  // the first byte in the lowest bits
+#endif
+            const uint64_t x = w ^ 0x0a0a0a0a0a0a0a0aull;
+            uint64_t m = ~(((x & 0x7f7f7f7f7f7f7f7full) + 0x7f7f7f7f7f7f7f7full) | x | 0x7f7f7f7f7f7f7f7full);
+            while (m) {
+                const char* nl = p + (__builtin_ctzll(m) >> 3);
+                line(b, nl);
+                b = nl + 1;
+                m &= m - 1;
+            }
+        }
+        for (; p < last; ++p) {
+            if (*p != '\n') continue;
+            line(b, p);
+            b = p + 1;
+        }
+        if (b < last) line(b, last);
+    }
+
     void mark(std::string_view base);
     static size_t key(const char* end) {
         uint32_t w;
