@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <unordered_map>
 
@@ -343,8 +345,48 @@ void index_dpkg(const HostRoot& root, PackageIndex& index) {
     }
 }
 
-// Calls fn(id, base) for every file name a dpkg package lists (after
-// dpkg-divert), or with `filter` only for the names it wants.
+// Calls fn(id, base) for every file name the dpkg packages from `*next` on
+// list (after dpkg-divert), or with `filter` only for the names it wants.
+// Packages are taken a few at a time from `next`, shared by the threads
+// that read.
+template <class F>
+void scan_dpkg_part(const HostRoot& root, int info, const PackageIndex& index,
+                    const std::vector<uint32_t>& diverted_bases, const NameFilter* filter,
+                    std::atomic<uint32_t>& next, F&& fn) {
+    constexpr uint32_t kStep = 16;
+    ReadBuf buf;
+    std::string key;
+    for (uint32_t from; (from = next.fetch_add(kStep)) < index.packages();) {
+        const uint32_t to = std::min<uint32_t>(from + kStep, static_cast<uint32_t>(index.packages()));
+        for (uint32_t id = from; id < to; ++id) {
+            const PackageIndex::Package& p = index.package(id);
+            if (p.kind != PackageIndex::Kind::kDpkg) continue;
+            if (read_in_dir(info, p.stem + ".list", buf, kMaxList, p.list_regular, root.is_live_host()) != 0)
+                continue;
+            auto one = [&](std::string_view path) {
+                std::string_view base = base_of(path);
+                if (!diverted_bases.empty() &&
+                    std::binary_search(diverted_bases.begin(), diverted_bases.end(), base_name_hash(base)))
+                    base = base_of(diverted(index, p.name, path, key));
+                if (!filter || filter->wants(base)) fn(id, base);
+            };
+            if (filter) {
+                filter->for_each_candidate(buf.view(), one);
+            } else {
+                for_each_listed_file(buf.view(), one);
+            }
+            for (const DpkgConffile& c : p.conffiles) {
+                const std::string_view base = base_of(diverted(index, p.name, c.path, key));
+                if (!filter || filter->wants(base)) fn(id, base);
+            }
+        }
+    }
+}
+
+// Calls fn(id, base) for every file name a dpkg package lists, or with
+// `filter` only for the names it wants: then the lists are read on two
+// threads (reading them is most of a fresh process's ownership work), and
+// fn is called on this one.
 template <class F>
 void scan_dpkg(const HostRoot& root, const PackageIndex& index, const NameFilter* filter, F&& fn) {
     const Fd info(open_host(root, "/var/lib/dpkg/info", O_RDONLY | O_DIRECTORY));
@@ -353,30 +395,35 @@ void scan_dpkg(const HostRoot& root, const PackageIndex& index, const NameFilter
     std::vector<uint32_t> diverted_bases;
     for (const auto& d : index.diversions) diverted_bases.push_back(base_name_hash(base_of(d.first)));
     std::sort(diverted_bases.begin(), diverted_bases.end());
-    ReadBuf buf;
-    std::string key;
-    for (uint32_t id = 0; id < index.packages(); ++id) {
-        const PackageIndex::Package& p = index.package(id);
-        if (p.kind != PackageIndex::Kind::kDpkg) continue;
-        if (read_in_dir(info.get(), p.stem + ".list", buf, kMaxList, p.list_regular, root.is_live_host()) != 0)
-            continue;
-        auto one = [&](std::string_view path) {
-            std::string_view base = base_of(path);
-            if (!diverted_bases.empty() &&
-                std::binary_search(diverted_bases.begin(), diverted_bases.end(), base_name_hash(base)))
-                base = base_of(diverted(index, p.name, path, key));
-            if (!filter || filter->wants(base)) fn(id, base);
-        };
-        if (filter) {
-            filter->for_each_candidate(buf.view(), one);
-        } else {
-            for_each_listed_file(buf.view(), one);
-        }
-        for (const DpkgConffile& c : p.conffiles) {
-            const std::string_view base = base_of(diverted(index, p.name, c.path, key));
-            if (!filter || filter->wants(base)) fn(id, base);
-        }
+    std::atomic<uint32_t> next{0};
+    if (!filter || std::thread::hardware_concurrency() < 2) {
+        scan_dpkg_part(root, info.get(), index, diverted_bases, filter, next, fn);
+        return;
     }
+    std::vector<std::pair<uint32_t, std::string>> theirs;
+    bool failed = false;
+    auto keep = [&](uint32_t id, std::string_view base) { theirs.emplace_back(id, std::string(base)); };
+    std::thread helper;
+    try {
+        helper = std::thread([&]() {
+            try {
+                scan_dpkg_part(root, info.get(), index, diverted_bases, filter, next, keep);
+            } catch (...) {
+                failed = true;
+            }
+        });
+    } catch (...) {
+        // No thread to be had: this one reads every list.
+    }
+    try {
+        scan_dpkg_part(root, info.get(), index, diverted_bases, filter, next, fn);
+    } catch (...) {
+        if (helper.joinable()) helper.join();
+        throw;
+    }
+    if (helper.joinable()) helper.join();
+    if (failed) throw std::bad_alloc();
+    for (const auto& h : theirs) fn(h.first, h.second);
 }
 
 void index_rpm(const HostRoot& root, PackageIndex& index) {
