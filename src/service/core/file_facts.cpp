@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdint.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -145,58 +146,115 @@ struct Prehashed {
     FileDigests digests;
 };
 
-FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds, DigestBudget* budget,
-                   const Prehashed* pre = nullptr) {
+// Whether the host's package database judges `file` at all.
+bool judged(const FileRef& file) { return !file.foreign && !file.host_path.empty(); }
+
+// The path may be a link (/etc/rc2.d/S01cron, /usr/bin/python3): the content
+// read is its target's, so the target's package judges it when the path's
+// own does not. "" when there is no other name to ask about.
+std::string link_target(const FileRef& file, DirCanon& canon) {
+    if (file.no_follow) return std::string();
+    std::string target = canon.canon(normalize_path(file.host_path));
+    if (target == file.host_path) target.clear();
+    return target;
+}
+
+bool owner_of(const HostRoot& root, const FileRef& file, FileOwner& owner) {
+    if (!judged(file)) return false;
+    bool owned = package_owner(root, file.host_path, owner);
+    if (!owned || owner.algo == DigestAlgo::kNone) {
+        DirCanon canon(root);
+        const std::string target = link_target(file, canon);
+        FileOwner target_owner;
+        if (!target.empty() && package_owner(root, target, target_owner)) {
+            owner = std::move(target_owner);
+            owned = true;
+        }
+    }
+    return owned;
+}
+
+// Owners of many files: every name (and link target) asked in one batch, so
+// the package databases' file lists are read once.
+void owners_of(const HostRoot& root, const std::vector<FileRef>& files, std::vector<FileOwner>& owners,
+               std::vector<char>& owned) {
+    owners.assign(files.size(), FileOwner());
+    owned.assign(files.size(), 0);
+    DirCanon canon(root, 1L << 14);
+    std::vector<std::string> asked;
+    std::vector<size_t> at(files.size(), SIZE_MAX), target_at(files.size(), SIZE_MAX);
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (!judged(files[i])) continue;
+        at[i] = asked.size();
+        asked.push_back(files[i].host_path);
+        std::string target = link_target(files[i], canon);
+        if (target.empty()) continue;
+        target_at[i] = asked.size();
+        asked.push_back(std::move(target));
+    }
+    std::vector<FileOwner> found;
+    std::vector<char> ok;
+    package_owners(root, asked, found, ok);
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (at[i] == SIZE_MAX) continue;
+        if (ok[at[i]]) {
+            owners[i] = found[at[i]];
+            owned[i] = 1;
+        }
+        if ((!owned[i] || owners[i].algo == DigestAlgo::kNone) && target_at[i] != SIZE_MAX && ok[target_at[i]]) {
+            owners[i] = found[target_at[i]];
+            owned[i] = 1;
+        }
+    }
+}
+
+// Digests of one file, as many as the owner's recorded kind needs.
+DigestStatus digests_of(const HostRoot& root, const FileRef& file, DigestAlgo algo, RootFds& fds,
+                        DigestBudget* budget, FileDigests& d) {
+    const DigestStatus st = digest_ref(root, file, algo, fds, budget, d);
+    if (budget && (st == DigestStatus::kDeferred || !deferred().empty()))
+        deferred().set(defer_key(file), st == DigestStatus::kDeferred);
+    return st;
+}
+
+// Whether `d` holds the digest kind the owner recorded.
+bool has_kind(const FileDigests& d, DigestAlgo algo) {
+    return algo == DigestAlgo::kNone || algo == DigestAlgo::kMd5 || algo == DigestAlgo::kSha256 ||
+           d.extra_algo == algo;
+}
+
+FileFacts facts_from(bool owned, const FileOwner& owner, DigestStatus st, const FileDigests& d) {
     FileFacts facts;
-    try {
-        FileOwner owner;
-        bool owned = !file.foreign && !file.host_path.empty() && package_owner(root, file.host_path, owner);
-        if (!file.foreign && !file.no_follow && !file.host_path.empty() &&
-            (!owned || owner.algo == DigestAlgo::kNone)) {
-            // The path may be a link (/etc/rc2.d/S01cron, /usr/bin/python3):
-            // the content read is its target's, so the target's package judges it.
-            DirCanon canon(root);
-            const std::string target = canon.canon(normalize_path(file.host_path));
-            FileOwner target_owner;
-            if (target != file.host_path && package_owner(root, target, target_owner)) {
-                owner = std::move(target_owner);
-                owned = true;
-            }
+    if (owned) facts.company = owner.company;
+    if (st != DigestStatus::kOk) return facts;
+    facts.md5 = to_hex(d.md5, sizeof d.md5);
+    facts.sha256 = to_hex(d.sha256, sizeof d.sha256);
+    if (owned) {
+        const size_t n = digest_size(owner.algo);
+        const unsigned char* have = nullptr;
+        if (owner.algo == DigestAlgo::kMd5) {
+            have = d.md5;
+        } else if (owner.algo == DigestAlgo::kSha256) {
+            have = d.sha256;
+        } else if (d.extra_algo == owner.algo) {
+            have = d.extra;
         }
-        if (owned) facts.company = owner.company;
-        FileDigests d;
-        const DigestAlgo algo = owned ? owner.algo : DigestAlgo::kNone;
-        DigestStatus st;
-        if (pre && pre->done &&
-            (pre->status != DigestStatus::kOk || algo == DigestAlgo::kNone || algo == DigestAlgo::kMd5 ||
-             algo == DigestAlgo::kSha256 || pre->digests.extra_algo == algo)) {
-            st = pre->status;
-            d = pre->digests;
-        } else {
-            // The package records a digest kind not taken yet: the file is read again for it.
-            st = digest_ref(root, file, algo, fds, budget, d);
-        }
-        if (budget && (st == DigestStatus::kDeferred || !deferred().empty()))
-            deferred().set(defer_key(file), st == DigestStatus::kDeferred);
-        if (st != DigestStatus::kOk) return facts;
-        facts.md5 = to_hex(d.md5, sizeof d.md5);
-        facts.sha256 = to_hex(d.sha256, sizeof d.sha256);
-        if (owned) {
-            const size_t n = digest_size(owner.algo);
-            const unsigned char* have = nullptr;
-            if (owner.algo == DigestAlgo::kMd5) {
-                have = d.md5;
-            } else if (owner.algo == DigestAlgo::kSha256) {
-                have = d.sha256;
-            } else if (d.extra_algo == owner.algo) {
-                have = d.extra;
-            }
-            facts.verified = have && n > 0 && std::memcmp(have, owner.digest, n) == 0;
-        }
-    } catch (...) {
-        // Out of memory mid-way: what was filled stays, the verdict stays false.
+        facts.verified = have && n > 0 && std::memcmp(have, owner.digest, n) == 0;
     }
     return facts;
+}
+
+FileFacts facts_of(const HostRoot& root, const FileRef& file, RootFds& fds, DigestBudget* budget) {
+    try {
+        FileOwner owner;
+        const bool owned = owner_of(root, file, owner);
+        FileDigests d;
+        const DigestStatus st = digests_of(root, file, owned ? owner.algo : DigestAlgo::kNone, fds, budget, d);
+        return facts_from(owned, owner, st, d);
+    } catch (...) {
+        // Out of memory mid-way: nothing is claimed.
+        return FileFacts();
+    }
 }
 
 }  // namespace
@@ -234,12 +292,49 @@ std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<F
     } catch (...) {
         return out;
     }
+    // Hashing never waits for ownership: the owners are found on a thread of
+    // their own meanwhile. A file hashed before they are known gets the
+    // common digests, and a second read only if its owner recorded another kind.
+    std::vector<FileOwner> owners;
+    std::vector<char> owned;
+    std::vector<FileDigests> digests;
+    std::vector<DigestStatus> status;
+    try {
+        digests.resize(files.size());
+        status.resize(files.size(), DigestStatus::kRefused);
+    } catch (...) {
+        return out;
+    }
+    std::atomic<bool> owners_ready{false};
+    auto find_owners = [&]() {
+        try {
+            owners_of(root, files, owners, owned);
+        } catch (...) {
+            owners.assign(files.size(), FileOwner());
+            owned.assign(files.size(), 0);
+        }
+        owners_ready.store(true, std::memory_order_release);
+    };
+    std::thread owner_thread;
+    try {
+        owner_thread = std::thread(find_owners);
+    } catch (...) {
+        find_owners();
+    }
     DigestBudget budget;
     std::atomic<size_t> next{0};
     auto work = [&]() {
         RootFds fds;
-        for (size_t k; (k = next.fetch_add(1)) < order.size();)
-            out[order[k]] = facts_of(root, files[order[k]], fds, &budget);
+        for (size_t k; (k = next.fetch_add(1)) < order.size();) {
+            const size_t i = order[k];
+            DigestAlgo algo = DigestAlgo::kNone;
+            if (owners_ready.load(std::memory_order_acquire) && owned[i]) algo = owners[i].algo;
+            try {
+                status[i] = digests_of(root, files[i], algo, fds, &budget, digests[i]);
+            } catch (...) {
+                status[i] = DigestStatus::kRefused;
+            }
+        }
     };
     std::vector<std::thread> pool;
     if (nthreads > 1) {
@@ -251,6 +346,17 @@ std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<F
     }
     work();
     for (std::thread& t : pool) t.join();
+    if (owner_thread.joinable()) owner_thread.join();
+    RootFds fds;
+    for (size_t i = 0; i < files.size(); ++i) {
+        try {
+            if (owned[i] && status[i] == DigestStatus::kOk && !has_kind(digests[i], owners[i].algo))
+                status[i] = digests_of(root, files[i], owners[i].algo, fds, &budget, digests[i]);
+            out[i] = facts_from(owned[i], owners[i], status[i], digests[i]);
+        } catch (...) {
+            // Out of memory: this file's facts stay empty.
+        }
+    }
     return out;
 }
 
@@ -393,12 +499,28 @@ std::vector<FileFacts> FileFactsBatch::finish() {
     std::vector<FileFacts> out;
     try {
         out.resize(m.files.size());
+        const std::vector<FileRef> files(m.files.begin(), m.files.end());
+        std::vector<FileOwner> owners;
+        std::vector<char> owned;
+        owners_of(m.root, files, owners, owned);
+        RootFds fds;
+        for (size_t i = 0; i < files.size(); ++i) {
+            const DigestAlgo algo = owned[i] ? owners[i].algo : DigestAlgo::kNone;
+            const Prehashed& h = m.hashed[i];
+            FileDigests d = h.digests;
+            DigestStatus st = h.status;
+            if (!h.done || (st == DigestStatus::kOk && !has_kind(d, algo))) {
+                // Not hashed yet, or the package records a kind not taken: read (again).
+                st = digests_of(m.root, files[i], algo, fds, &m.budget, d);
+            } else if (st == DigestStatus::kDeferred || !deferred().empty()) {
+                deferred().set(defer_key(files[i]), st == DigestStatus::kDeferred);
+            }
+            out[i] = facts_from(owned[i] != 0, owners[i], st, d);
+        }
     } catch (...) {
-        return out;
+        // Out of memory mid-way: nothing is claimed.
+        out.clear();
     }
-    RootFds fds;
-    for (size_t i = 0; i < m.files.size(); ++i)
-        out[i] = facts_of(m.root, m.files[i], fds, &m.budget, &m.hashed[i]);
     return out;
 }
 

@@ -65,6 +65,9 @@ void apply_field(DpkgPackage& p, std::string_view name, std::string_view value) 
 
 std::vector<DpkgPackage> parse_dpkg_status(std::string_view text) {
     std::vector<DpkgPackage> out;
+    // A stanza takes about a kilobyte: growing the vector would move every
+    // package several times.
+    out.reserve(text.size() / 768 + 4);
     DpkgPackage cur;
     bool in_stanza = false;
     std::string_view fname;  // field being read

@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <unordered_map>
 
@@ -139,6 +141,27 @@ void PackageIndex::candidates(std::string_view base, std::vector<uint32_t>& out)
     for (auto it = std::lower_bound(table_.begin(), table_.end(), h);
          it != table_.end() && (*it & 0xffffffff00000000ull) == h; ++it)
         out.push_back(static_cast<uint32_t>(*it));
+    // Package ids follow database order, which decides between two owners.
+    std::sort(out.begin(), out.end());
+    out.erase(std::unique(out.begin(), out.end()), out.end());
+}
+
+void NameFilter::mark(std::string_view base) {
+    if (base.size() < 4) {
+        short_ = true;
+        return;
+    }
+    const size_t k = key(base.data() + base.size());
+    bits_[k >> 6] |= 1ull << (k & 63);
+}
+
+void NameFilter::add(std::string_view base) {
+    if (base.empty() || !wanted_.emplace(base).second) return;
+    mark(base);
+}
+
+void NameFilter::pass(std::string_view base) {
+    if (!base.empty()) mark(base);
 }
 
 size_t PackageIndex::memory_bytes() const {
@@ -281,6 +304,8 @@ std::string_view diverted(const PackageIndex& index, const std::string& pkg, std
     return it->second.to;
 }
 
+// What the status file says: the installed packages that have a file list,
+// in database order. The lists themselves are read by scan_dpkg.
 void index_dpkg(const HostRoot& root, PackageIndex& index) {
     std::vector<DpkgPackage> pkgs;
     {
@@ -289,61 +314,149 @@ void index_dpkg(const HostRoot& root, PackageIndex& index) {
         pkgs = parse_dpkg_status(text);
     }
     index.diversions = read_diversions(root);
-    // Base names that a diversion renames, so most lines skip the lookup.
-    std::vector<uint32_t> diverted_bases;
-    for (const auto& d : index.diversions) diverted_bases.push_back(base_name_hash(base_of(d.first)));
-    std::sort(diverted_bases.begin(), diverted_bases.end());
-
     const Fd info(open_host(root, "/var/lib/dpkg/info", O_RDONLY | O_DIRECTORY));
     if (info.get() < 0) return;
-    ReadBuf buf;
-    std::string key;
-    index.reserve(pkgs.size(), 1u << 17);
     std::unordered_map<std::string, bool> lists;  // name -> known to be a regular file
     regular_names(info.get(), ".list", lists);
+    index.reserve(pkgs.size(), 0);
     for (DpkgPackage& p : pkgs) {
         if (!dpkg_is_installed(p.status) || !plain_name(p.name)) continue;
         const bool same = p.multi_arch == "same";
         std::string stem;
+        bool regular = false;
         for (bool with_arch : {same, !same}) {
             stem = dpkg_info_name(p, with_arch);
             auto it = plain_name(stem) ? lists.find(stem + ".list") : lists.end();
-            if (it != lists.end() &&
-                read_in_dir(info.get(), it->first, buf, kMaxList, it->second, root.is_live_host()) == 0)
+            if (it != lists.end()) {
+                regular = it->second;
                 break;
+            }
             stem.clear();
         }
         if (stem.empty()) continue;
         PackageIndex::Package pkg;
-        pkg.name = p.name;
+        pkg.name = std::move(p.name);
         pkg.company = std::move(p.maintainer);
         pkg.kind = PackageIndex::Kind::kDpkg;
         pkg.stem = std::move(stem);
+        pkg.list_regular = regular;
         pkg.conffiles = std::move(p.conffiles);
-        const uint32_t id = index.add_package(std::move(pkg));
-        const PackageIndex::Package& added = index.package(id);
-        for_each_listed_file(buf.view(), [&](std::string_view path) {
-            std::string_view base = base_of(path);
-            const uint32_t h = base_name_hash(base);
-            if (!diverted_bases.empty() && std::binary_search(diverted_bases.begin(), diverted_bases.end(), h))
-                base = base_of(diverted(index, added.name, path, key));
-            index.add_name(id, base);
-        });
-        for (const DpkgConffile& c : added.conffiles)
-            index.add_name(id, base_of(diverted(index, added.name, c.path, key)));
+        index.add_package(std::move(pkg));
     }
 }
 
+// Calls fn(id, base) for every file name the dpkg packages from `*next` on
+// list (after dpkg-divert), or with `filter` only for the names it wants.
+// Packages are taken a few at a time from `next`, shared by the threads
+// that read.
+template <class F>
+void scan_dpkg_part(const HostRoot& root, int info, const PackageIndex& index,
+                    const std::vector<uint32_t>& diverted_bases, const NameFilter* filter,
+                    std::atomic<uint32_t>& next, F&& fn) {
+    constexpr uint32_t kStep = 16;
+    ReadBuf buf;
+    std::string key;
+    for (uint32_t from; (from = next.fetch_add(kStep)) < index.packages();) {
+        const uint32_t to = std::min<uint32_t>(from + kStep, static_cast<uint32_t>(index.packages()));
+        for (uint32_t id = from; id < to; ++id) {
+            const PackageIndex::Package& p = index.package(id);
+            if (p.kind != PackageIndex::Kind::kDpkg) continue;
+            if (read_in_dir(info, p.stem + ".list", buf, kMaxList, p.list_regular, root.is_live_host()) != 0)
+                continue;
+            auto one = [&](std::string_view path) {
+                std::string_view base = base_of(path);
+                if (!diverted_bases.empty() &&
+                    std::binary_search(diverted_bases.begin(), diverted_bases.end(), base_name_hash(base)))
+                    base = base_of(diverted(index, p.name, path, key));
+                if (!filter || filter->wants(base)) fn(id, base);
+            };
+            if (filter) {
+                filter->for_each_candidate(buf.view(), one);
+            } else {
+                for_each_listed_file(buf.view(), one);
+            }
+            for (const DpkgConffile& c : p.conffiles) {
+                const std::string_view base = base_of(diverted(index, p.name, c.path, key));
+                if (!filter || filter->wants(base)) fn(id, base);
+            }
+        }
+    }
+}
+
+// Calls fn(id, base) for every file name a dpkg package lists, or with
+// `filter` only for the names it wants: then the lists are read on two
+// threads (reading them is most of a fresh process's ownership work), and
+// fn is called on this one.
+template <class F>
+void scan_dpkg(const HostRoot& root, const PackageIndex& index, const NameFilter* filter, F&& fn) {
+    const Fd info(open_host(root, "/var/lib/dpkg/info", O_RDONLY | O_DIRECTORY));
+    if (info.get() < 0) return;
+    // Base names that a diversion renames, so most lines skip the lookup.
+    std::vector<uint32_t> diverted_bases;
+    for (const auto& d : index.diversions) diverted_bases.push_back(base_name_hash(base_of(d.first)));
+    std::sort(diverted_bases.begin(), diverted_bases.end());
+    std::atomic<uint32_t> next{0};
+    if (!filter || std::thread::hardware_concurrency() < 2) {
+        scan_dpkg_part(root, info.get(), index, diverted_bases, filter, next, fn);
+        return;
+    }
+    std::vector<std::pair<uint32_t, std::string>> theirs;
+    bool failed = false;
+    auto keep = [&](uint32_t id, std::string_view base) { theirs.emplace_back(id, std::string(base)); };
+    std::thread helper;
+    try {
+        helper = std::thread([&]() {
+            try {
+                scan_dpkg_part(root, info.get(), index, diverted_bases, filter, next, keep);
+            } catch (...) {
+                failed = true;
+            }
+        });
+    } catch (...) {
+        // No thread to be had: this one reads every list.
+    }
+    try {
+        scan_dpkg_part(root, info.get(), index, diverted_bases, filter, next, fn);
+    } catch (...) {
+        if (helper.joinable()) helper.join();
+        throw;
+    }
+    if (helper.joinable()) helper.join();
+    if (failed) throw std::bad_alloc();
+    for (const auto& h : theirs) fn(h.first, h.second);
+}
+
 void index_rpm(const HostRoot& root, PackageIndex& index) {
-    read_rpm_base_names(root, [&](uint32_t hnum, const std::string& name, const std::string& vendor,
-                                  const std::vector<std::string_view>& bases) {
+    read_rpm_db(root, false, [&](RpmPackage& r) {
         PackageIndex::Package pkg;
-        pkg.name = name;
-        pkg.company = vendor;
+        pkg.name = std::move(r.name);
+        pkg.company = std::move(r.vendor);
         pkg.kind = PackageIndex::Kind::kRpm;
-        pkg.rpm_hnum = hnum;
-        const uint32_t id = index.add_package(std::move(pkg));
-        for (std::string_view b : bases) index.add_name(id, b);
+        pkg.rpm_hnum = r.hnum;
+        index.add_package(std::move(pkg));
+    });
+}
+
+// One read of the rpm database for every rpm package: fn(id, base) per file
+// name (or per wanted one), and keep(id, files) for each package that listed
+// a wanted name, so its records need no second read.
+template <class F, class K>
+void scan_rpm(const HostRoot& root, const PackageIndex& index, const NameFilter* filter, F&& fn, K&& keep) {
+    std::unordered_map<uint32_t, uint32_t> by_hnum;
+    for (uint32_t id = 0; id < index.packages(); ++id)
+        if (index.package(id).kind == PackageIndex::Kind::kRpm) by_hnum.emplace(index.package(id).rpm_hnum, id);
+    if (by_hnum.empty()) return;
+    read_rpm_db(root, true, [&](RpmPackage& r) {
+        auto it = by_hnum.find(r.hnum);
+        if (it == by_hnum.end() || index.package(it->second).name != r.name) return;
+        bool hit = false;
+        for (const RpmFile& f : r.files) {
+            const std::string_view base = base_of(f.path);
+            if (filter && !filter->wants(base)) continue;
+            hit = true;
+            fn(it->second, base);
+        }
+        if (hit && filter) keep(it->second, r.files);
     });
 }
 
@@ -359,8 +472,9 @@ std::string file_signature(const HostRoot& root, const std::string& path) {
 const char* const kApkDb = "/lib/apk/db/installed";
 
 // apk keeps one text file: stanzas of P: (name), m: (maintainer), F: (a
-// directory) and R: (a file in it). Only the stanza's place is kept.
-void index_apk(const HostRoot& root, PackageIndex& index) {
+// directory) and R: (a file in it). Only the stanza's place is kept; with
+// `names`, the R: names go straight into the table.
+void index_apk(const HostRoot& root, PackageIndex& index, bool names) {
     std::string text;
     if (read_host_file(root, kApkDb, text) != 0) return;
     index.apk_signature = file_signature(root, kApkDb);
@@ -390,11 +504,34 @@ void index_apk(const HostRoot& root, PackageIndex& index) {
             const std::string_view v = line.substr(2);
             if (line[0] == 'P') cur.name.assign(v.data(), v.size());
             if (line[0] == 'm') cur.company.assign(v.data(), v.size());
-            if (line[0] == 'R') bases.push_back(base_of(v));
+            if (names && line[0] == 'R') bases.push_back(base_of(v));
         }
         pos = end + 1;
     }
     flush(text.size());
+}
+
+// The apk stanzas that list a wanted name: fn(id, base) per hit and
+// keep(id, stanza) once per such stanza, from one read of the database.
+template <class F, class K>
+void scan_apk(const HostRoot& root, const PackageIndex& index, const NameFilter& filter, F&& fn, K&& keep) {
+    if (index.apk_signature.empty() || file_signature(root, kApkDb) != index.apk_signature) return;
+    std::string text;
+    if (read_host_file(root, kApkDb, text) != 0) return;
+    for (uint32_t id = 0; id < index.packages(); ++id) {
+        const PackageIndex::Package& p = index.package(id);
+        if (p.kind != PackageIndex::Kind::kApk || p.apk_off + p.apk_len > text.size()) continue;
+        const std::string_view stanza = std::string_view(text).substr(p.apk_off, p.apk_len);
+        bool hit = false;
+        for (std::string_view line : split_lines(stanza)) {
+            if (line.size() < 3 || line[0] != 'R' || line[1] != ':') continue;
+            const std::string_view base = base_of(line.substr(2));
+            if (!filter.wants(base)) continue;
+            hit = true;
+            fn(id, base);
+        }
+        if (hit) keep(id, stanza);
+    }
 }
 
 // What the package databases looked like when a table was built.
@@ -422,8 +559,9 @@ struct Recorded {
 // Records of one package, read when one of its files is first asked about:
 // dpkg's .list, .md5sums and the status file's conffiles, apk's stanza, or
 // rpm's header.
+// With `filter`, only the files whose names it wants (others are not asked about).
 void read_dpkg_records(const HostRoot& root, const PackageIndex& index, const PackageIndex::Package& p,
-                       std::vector<Recorded>& out) {
+                       const NameFilter* filter, std::vector<Recorded>& out) {
     const Fd info(open_host(root, "/var/lib/dpkg/info", O_RDONLY | O_DIRECTORY));
     if (info.get() < 0) return;
     ReadBuf buf;
@@ -432,6 +570,7 @@ void read_dpkg_records(const HostRoot& root, const PackageIndex& index, const Pa
     auto record = [&](std::string_view path, DigestAlgo algo, const unsigned char* digest) {
         if (path.empty() || path[0] != '/') return;
         const std::string norm = normalize_path(diverted(index, p.name, path, key));
+        if (filter && !filter->wants(base_of(norm))) return;
         auto it = at.find(norm);
         if (it == at.end()) {
             it = at.emplace(norm, out.size()).first;
@@ -442,12 +581,23 @@ void read_dpkg_records(const HostRoot& root, const PackageIndex& index, const Pa
             out[it->second].digest.assign(reinterpret_cast<const char*>(digest), digest_size(algo));
         }
     };
-    if (read_in_dir(info.get(), p.stem + ".list", buf, kMaxList) == 0)
-        for_each_listed_file(buf.view(), [&](std::string_view path) { record(path, DigestAlgo::kNone, nullptr); });
+    auto listed = [&](std::string_view path) { record(path, DigestAlgo::kNone, nullptr); };
+    if (read_in_dir(info.get(), p.stem + ".list", buf, kMaxList) == 0) {
+        if (filter) {
+            filter->for_each_candidate(buf.view(), listed);
+        } else {
+            for_each_listed_file(buf.view(), listed);
+        }
+    }
     if (read_in_dir(info.get(), p.stem + ".md5sums", buf, kMaxList) == 0) {
-        parse_md5sums(buf.view(), [&](std::string_view path, const unsigned char* md5) {
-            record(path, DigestAlgo::kMd5, md5);
-        });
+        const std::function<void(std::string_view, const unsigned char*)> md5 =
+            [&](std::string_view path, const unsigned char* digest) { record(path, DigestAlgo::kMd5, digest); };
+        if (filter) {
+            // A line ends with its path: most are passed over unparsed.
+            filter->for_each_maybe_line(buf.view(), [&](std::string_view line) { parse_md5sums(line, md5); });
+        } else {
+            parse_md5sums(buf.view(), md5);
+        }
     }
     for (const DpkgConffile& c : p.conffiles) {
         unsigned char md5[16];
@@ -471,15 +621,6 @@ void read_apk_records(const HostRoot& root, const PackageIndex& index, const Pac
     }
 }
 
-void read_rpm_records(const HostRoot& root, const PackageIndex::Package& p, std::vector<Recorded>& out) {
-    std::vector<RpmFile> files;
-    if (read_rpm_package_files(root, p.rpm_hnum, files) != 0) return;
-    for (const RpmFile& f : files) {
-        Recorded r{normalize_path(f.path), f.algo, std::string()};
-        if (f.algo != DigestAlgo::kNone) r.digest.assign(reinterpret_cast<const char*>(f.digest), digest_size(f.algo));
-        out.push_back(std::move(r));
-    }
-}
 
 struct Answer {
     int32_t pkg = -1;  // -1: no package owns the file
@@ -491,22 +632,33 @@ struct Answer {
 // dropped and refilled from the databases as asked.
 constexpr size_t kMaxRecords = 400000;
 constexpr size_t kMaxAnswers = 65536;
+constexpr size_t kMaxListed = 65536;
 constexpr long kCanonBudget = 1L << 16;
 
 struct RootSlot {
     std::mutex mu;
+    // Packages of every database; with a name table only once a lookup came
+    // alone (see package_owner), else `listed` answers by name.
     std::shared_ptr<const PackageIndex> index;
+    bool full = false;
     std::string signature;
     std::chrono::steady_clock::time_point checked;
     std::unique_ptr<DirCanon> canon;
     std::unordered_map<uint32_t, std::vector<Recorded>> records;  // per package read
     size_t record_count = 0;
     std::unordered_map<std::string, Answer> answers;  // per normalised path asked
+    // Packages listing each base name a batch asked about, in database order
+    // (empty: none), from one pass over the file lists per batch.
+    std::unordered_map<std::string, std::vector<uint32_t>> listed;
+    NameFilter asked;  // the names of `listed` (and diversions' sources): dpkg records keep only these
+    size_t passes = 0;
 
     void forget() {
         records.clear();
         record_count = 0;
         answers.clear();
+        listed.clear();
+        asked = NameFilter();
         canon.reset();
     }
 };
@@ -524,7 +676,24 @@ RootSlot& slot_of(const HostRoot& root) {
     return *s;
 }
 
-// With slot.mu held: the table, built or rebuilt as the databases say.
+std::shared_ptr<const PackageIndex> build_index(const HostRoot& root, bool names) {
+    auto index = std::make_shared<PackageIndex>();
+    index_dpkg(root, *index);
+    index_rpm(root, *index);
+    index_apk(root, *index, names);
+    if (names) {
+        PackageIndex& ix = *index;
+        ix.reserve(0, 1u << 17);
+        scan_dpkg(root, ix, nullptr, [&](uint32_t id, std::string_view base) { ix.add_name(id, base); });
+        scan_rpm(
+            root, ix, nullptr, [&](uint32_t id, std::string_view base) { ix.add_name(id, base); },
+            [](uint32_t, const std::vector<RpmFile>&) {});
+    }
+    index->finish();
+    return index;
+}
+
+// With slot.mu held: the packages, read again when a database changed.
 const PackageIndex* fresh_index(RootSlot& slot, const HostRoot& root) {
     const auto now = std::chrono::steady_clock::now();
     if (slot.index && now - slot.checked < kRecheck) return slot.index.get();
@@ -533,48 +702,153 @@ const PackageIndex* fresh_index(RootSlot& slot, const HostRoot& root) {
     if (slot.index && sig == slot.signature) return slot.index.get();
     slot.index.reset();  // free the old one before the new one grows
     slot.forget();
-    slot.index = build_package_index(root);
+    slot.full = false;
+    slot.index = build_index(root, false);
     slot.signature = std::move(sig);
     slot.checked = std::chrono::steady_clock::now();
     return slot.index.get();
+}
+
+// With slot.mu held: the name table, for lookups that come one at a time
+// (one pass over the lists per name would cost more).
+const PackageIndex* full_index(RootSlot& slot, const HostRoot& root) {
+    if (slot.full) return slot.index.get();
+    slot.index.reset();
+    slot.forget();
+    slot.index = build_index(root, true);
+    slot.full = true;
+    return slot.index.get();
+}
+
+void keep_records(RootSlot& slot, uint32_t id, std::vector<Recorded> recs) {
+    if (slot.records.count(id)) return;
+    if (slot.record_count > kMaxRecords) {
+        slot.records.clear();
+        slot.record_count = 0;
+    }
+    recs.shrink_to_fit();
+    slot.record_count += recs.size() + 1;
+    slot.records.emplace(id, std::move(recs));
+}
+
+void rpm_recorded(const std::vector<RpmFile>& files, std::vector<Recorded>& out) {
+    for (const RpmFile& f : files) {
+        Recorded r{normalize_path(f.path), f.algo, std::string()};
+        if (f.algo != DigestAlgo::kNone) r.digest.assign(reinterpret_cast<const char*>(f.digest), digest_size(f.algo));
+        out.push_back(std::move(r));
+    }
+}
+
+void apk_recorded(std::string_view stanza, const std::string& name, std::vector<Recorded>& out) {
+    for (ApkPackage& a : parse_apk_installed(stanza, true)) {
+        if (a.name != name) continue;
+        for (const ApkFile& f : a.files) {
+            Recorded r{normalize_path(f.path), f.has_sha1 ? DigestAlgo::kSha1 : DigestAlgo::kNone, std::string()};
+            if (f.has_sha1) r.digest.assign(reinterpret_cast<const char*>(f.sha1), 20);
+            out.push_back(std::move(r));
+        }
+    }
+}
+
+// With slot.mu held: which packages list each base name in `bases` not
+// asked before, from one pass over every database's file lists. The rpm and
+// apk packages found keep their records from the same read.
+void list_names(RootSlot& slot, const HostRoot& root, const PackageIndex& index,
+                const std::vector<std::string_view>& bases) {
+    NameFilter filter;
+    for (std::string_view b : bases)
+        if (!slot.listed.count(std::string(b))) filter.add(b);
+    if (filter.empty()) return;
+    if (slot.listed.size() + filter.size() > kMaxListed) slot.forget();
+    for (const auto& d : index.diversions) {
+        filter.pass(base_of(d.first));
+        slot.asked.pass(base_of(d.first));
+    }
+    std::unordered_map<std::string, std::vector<uint32_t>> found;
+    auto hit = [&](uint32_t id, std::string_view base) {
+        std::vector<uint32_t>& ids = found[std::string(base)];
+        if (ids.empty() || ids.back() != id) ids.push_back(id);
+    };
+    scan_dpkg(root, index, &filter, hit);
+    scan_rpm(root, index, &filter, hit, [&](uint32_t id, const std::vector<RpmFile>& files) {
+        std::vector<Recorded> recs;
+        rpm_recorded(files, recs);
+        keep_records(slot, id, std::move(recs));
+    });
+    scan_apk(root, index, filter, hit, [&](uint32_t id, std::string_view stanza) {
+        std::vector<Recorded> recs;
+        apk_recorded(stanza, index.package(id).name, recs);
+        keep_records(slot, id, std::move(recs));
+    });
+    ++slot.passes;
+    for (std::string_view b : bases) {
+        std::string key(b);
+        if (slot.listed.count(key)) continue;
+        auto it = found.find(key);
+        std::vector<uint32_t> ids;
+        if (it != found.end()) {
+            // Database order decides between two owners: dpkg's packages
+            // came first, then rpm's, then apk's, as the ids go.
+            ids = std::move(it->second);
+            std::sort(ids.begin(), ids.end());
+            ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+        }
+        // A dpkg package read before for other names is read again for this one.
+        for (uint32_t id : ids)
+            if (index.package(id).kind == PackageIndex::Kind::kDpkg) slot.records.erase(id);
+        slot.asked.add(key);
+        slot.listed.emplace(std::move(key), std::move(ids));
+    }
 }
 
 const std::vector<Recorded>& records_of(RootSlot& slot, const HostRoot& root, const PackageIndex& index,
                                         uint32_t id) {
     auto it = slot.records.find(id);
     if (it != slot.records.end()) return it->second;
-    if (slot.record_count > kMaxRecords) {
-        slot.records.clear();
-        slot.record_count = 0;
-    }
     std::vector<Recorded> recs;
     const PackageIndex::Package& p = index.package(id);
     switch (p.kind) {
         case PackageIndex::Kind::kDpkg:
-            read_dpkg_records(root, index, p, recs);
+            read_dpkg_records(root, index, p, slot.full ? nullptr : &slot.asked, recs);
             break;
         case PackageIndex::Kind::kApk:
             read_apk_records(root, index, p, recs);
             break;
         case PackageIndex::Kind::kRpm:
-            read_rpm_records(root, p, recs);
-            break;
+            break;  // read by read_rpm_candidates, all at once
     }
-    recs.shrink_to_fit();
-    slot.record_count += recs.size() + 1;
-    return slot.records.emplace(id, std::move(recs)).first->second;
+    keep_records(slot, id, std::move(recs));
+    return slot.records.find(id)->second;
 }
 
-// With slot.mu held. The first package (in database order) that recorded a
-// digest for the file owns it, else the first that lists it.
-Answer answer(RootSlot& slot, const HostRoot& root, const PackageIndex& index, std::string_view path) {
+// With slot.mu held: the records of the rpm packages among `cands` not read
+// yet, from one read of the database (not one per package).
+void read_rpm_candidates(RootSlot& slot, const HostRoot& root, const PackageIndex& index,
+                         const std::vector<uint32_t>& cands) {
+    std::unordered_map<uint32_t, uint32_t> want;  // hnum -> id
+    for (uint32_t id : cands)
+        if (index.package(id).kind == PackageIndex::Kind::kRpm && !slot.records.count(id))
+            want.emplace(index.package(id).rpm_hnum, id);
+    if (want.empty()) return;
+    read_rpm_db(root, true, [&](RpmPackage& r) {
+        auto it = want.find(r.hnum);
+        if (it == want.end() || index.package(it->second).name != r.name) return;
+        std::vector<Recorded> recs;
+        rpm_recorded(r.files, recs);
+        keep_records(slot, it->second, std::move(recs));
+    });
+}
+
+// With slot.mu held. The first package (in database order) among `cands`
+// that recorded a digest for the file owns it, else the first that lists it.
+Answer answer(RootSlot& slot, const HostRoot& root, const PackageIndex& index, std::string_view path,
+              const std::vector<uint32_t>& cands) {
     Answer a;
+    if (cands.empty()) return a;
     std::string_view dir, base;
     split_dir_base(path, dir, base);
-    std::vector<uint32_t> cands;
-    index.candidates(base, cands);
-    if (cands.empty()) return a;
     if (!slot.canon) slot.canon.reset(new DirCanon(root, kCanonBudget));
+    read_rpm_candidates(slot, root, index, cands);
     std::string qdir;  // canonical directory asked about, resolved on first need
     bool have_qdir = false;
     for (uint32_t id : cands) {
@@ -602,16 +876,22 @@ Answer answer(RootSlot& slot, const HostRoot& root, const PackageIndex& index, s
     return a;
 }
 
+void fill(const PackageIndex& index, const Answer& a, FileOwner& out) {
+    const PackageIndex::Package& p = index.package(static_cast<uint32_t>(a.pkg));
+    out.package = p.name;
+    out.company = p.company;
+    out.algo = a.algo;
+    std::memset(out.digest, 0, sizeof out.digest);
+    if (a.digest.size() <= sizeof out.digest) std::memcpy(out.digest, a.digest.data(), a.digest.size());
+}
+
+bool usable_path(const std::string& p) {
+    return !p.empty() && p[0] == '/' && p.find('\0') == std::string::npos;
+}
+
 }  // namespace
 
-std::shared_ptr<const PackageIndex> build_package_index(const HostRoot& root) {
-    auto index = std::make_shared<PackageIndex>();
-    index_dpkg(root, *index);
-    index_rpm(root, *index);
-    index_apk(root, *index);
-    index->finish();
-    return index;
-}
+std::shared_ptr<const PackageIndex> build_package_index(const HostRoot& root) { return build_index(root, true); }
 
 std::shared_ptr<const PackageIndex> package_index(const HostRoot& root) {
     RootSlot& slot = slot_of(root);
@@ -627,6 +907,8 @@ OwnershipStats ownership_stats(const HostRoot& root) {
     if (!slot.index) return s;
     s.packages = slot.index->packages();
     s.names = slot.index->names();
+    s.listed = slot.listed.size();
+    s.passes = slot.passes;
     s.packages_read = slot.records.size();
     s.answers = slot.answers.size();
     s.memory_bytes = slot.index->memory_bytes();
@@ -635,13 +917,13 @@ OwnershipStats ownership_stats(const HostRoot& root) {
         for (const Recorded& x : r.second) s.memory_bytes += x.path.capacity() + x.digest.capacity();
     }
     for (const auto& a : slot.answers) s.memory_bytes += 64 + a.first.capacity() + a.second.digest.capacity();
+    for (const auto& l : slot.listed) s.memory_bytes += 64 + l.first.capacity() + l.second.capacity() * 4;
     return s;
 }
 
-
 bool package_owner(const HostRoot& root, const std::string& host_path, FileOwner& out) {
     try {
-        if (host_path.empty() || host_path[0] != '/' || host_path.find('\0') != std::string::npos) return false;
+        if (!usable_path(host_path)) return false;
         std::string norm = normalize_path(host_path);
         RootSlot& slot = slot_of(root);
         std::lock_guard<std::mutex> lock(slot.mu);
@@ -649,21 +931,71 @@ bool package_owner(const HostRoot& root, const std::string& host_path, FileOwner
         if (!index) return false;
         auto it = slot.answers.find(norm);
         if (it == slot.answers.end()) {
+            std::string_view dir, base;
+            split_dir_base(norm, dir, base);
+            std::vector<uint32_t> cands;
+            auto l = slot.full ? slot.listed.end() : slot.listed.find(std::string(base));
+            if (l != slot.listed.end()) {
+                cands = l->second;
+            } else {
+                index = full_index(slot, root);
+                index->candidates(base, cands);
+            }
             if (slot.answers.size() >= kMaxAnswers) slot.answers.clear();
-            Answer a = answer(slot, root, *index, norm);
+            Answer a = answer(slot, root, *index, norm, cands);
             it = slot.answers.emplace(std::move(norm), std::move(a)).first;
         }
-        const Answer& a = it->second;
-        if (a.pkg < 0) return false;
-        const PackageIndex::Package& p = index->package(static_cast<uint32_t>(a.pkg));
-        out.package = p.name;
-        out.company = p.company;
-        out.algo = a.algo;
-        std::memset(out.digest, 0, sizeof out.digest);
-        if (a.digest.size() <= sizeof out.digest) std::memcpy(out.digest, a.digest.data(), a.digest.size());
+        if (it->second.pkg < 0) return false;
+        fill(*index, it->second, out);
         return true;
     } catch (...) {
         return false;
+    }
+}
+
+void package_owners(const HostRoot& root, const std::vector<std::string>& host_paths, std::vector<FileOwner>& out,
+                    std::vector<char>& owned) {
+    out.assign(host_paths.size(), FileOwner());
+    owned.assign(host_paths.size(), 0);
+    try {
+        std::vector<std::string> norms(host_paths.size());
+        std::vector<std::string_view> bases;
+        for (size_t i = 0; i < host_paths.size(); ++i) {
+            if (!usable_path(host_paths[i])) continue;
+            norms[i] = normalize_path(host_paths[i]);
+            std::string_view dir, base;
+            split_dir_base(norms[i], dir, base);
+            bases.push_back(base);
+        }
+        RootSlot& slot = slot_of(root);
+        std::lock_guard<std::mutex> lock(slot.mu);
+        const PackageIndex* index = fresh_index(slot, root);
+        if (!index) return;
+        if (!slot.full) list_names(slot, root, *index, bases);
+        std::vector<uint32_t> cands;
+        for (size_t i = 0; i < norms.size(); ++i) {
+            if (norms[i].empty()) continue;
+            auto it = slot.answers.find(norms[i]);
+            if (it == slot.answers.end()) {
+                std::string_view dir, base;
+                split_dir_base(norms[i], dir, base);
+                if (slot.full) {
+                    index->candidates(base, cands);
+                } else {
+                    auto l = slot.listed.find(std::string(base));
+                    if (l == slot.listed.end()) continue;  // dropped past its bound: no answer this time
+                    cands = l->second;
+                }
+                if (slot.answers.size() >= kMaxAnswers) slot.answers.clear();
+                Answer a = answer(slot, root, *index, norms[i], cands);
+                it = slot.answers.emplace(norms[i], std::move(a)).first;
+            }
+            if (it->second.pkg < 0) continue;
+            fill(*index, it->second, out[i]);
+            owned[i] = 1;
+        }
+    } catch (...) {
+        // Out of memory: the files not judged yet stay unowned.
     }
 }
 

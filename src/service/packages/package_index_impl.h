@@ -5,10 +5,13 @@
 
 #include <stdint.h>
 
+#include <cstring>
+
 #include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "core/common.h"
@@ -48,6 +51,7 @@ public:
         std::string name, company;
         Kind kind = Kind::kDpkg;
         std::string stem;        // dpkg: info file name without extension ("libc6:amd64")
+        bool list_regular = false;  // dpkg: the directory listing said the .list is a regular file
         uint32_t rpm_hnum = 0;   // rpm: header instance
         uint64_t apk_off = 0;    // apk: the package's stanza in the installed database
         uint64_t apk_len = 0;
@@ -85,15 +89,109 @@ private:
 
 uint32_t base_name_hash(std::string_view base);
 
-// Builds the name table of every package database under `root` (uncached).
+// The base names one batch of lookups asks about, with a test cheap enough
+// for every line of every file list: most lines are passed over on their last
+// four bytes alone, without finding their base name.
+class NameFilter {
+public:
+    void add(std::string_view base);   // a name to find
+    void pass(std::string_view base);  // a name let through the line test, not wanted (a diversion's source)
+    bool wants(std::string_view base) const { return wanted_.count(std::string(base)) != 0; }
+    bool empty() const { return wanted_.empty(); }
+    size_t size() const { return wanted_.size(); }
+    // Calls fn(path) for the lines of a dpkg file list that for_each_listed_file
+    // would give and that may end in a name added or passed.
+    template <class F>
+    void for_each_candidate(std::string_view text, F&& fn) const {
+        const char* const last = text.data() + text.size();
+        for_each_line(text, [&](std::string_view l, const char* nl) {
+            if (!maybe(l) || l == "/." || l == "/") return;
+            // dpkg lists a directory right before its first entry.
+            if (nl < last) {
+                const std::string_view rest(nl + 1, static_cast<size_t>(last - nl - 1));
+                if (rest.size() > l.size() && rest[l.size()] == '/' && rest.compare(0, l.size(), l) == 0) return;
+            }
+            fn(l);
+        });
+    }
+    // Calls fn(line) for every line (without its end) that may end in a name
+    // added or passed.
+    template <class F>
+    void for_each_maybe_line(std::string_view text, F&& fn) const {
+        for_each_line(text, [&](std::string_view l, const char*) {
+            if (maybe(l)) fn(l);
+        });
+    }
+
+private:
+    // fn(line without "\r\n", where its '\n' is or the end of text).
+    template <class F>
+    static void for_each_line(std::string_view text, F&& fn) {
+        const char* const first = text.data();
+        const char* const last = first + text.size();
+        auto line = [&](const char* b, const char* nl) {
+            std::string_view l(b, static_cast<size_t>(nl - b));
+            if (!l.empty() && l.back() == '\r') l.remove_suffix(1);
+            fn(l, nl);
+        };
+        // Newlines eight bytes at a time: a call per line to find its end
+        // costs more than the test that follows.
+        const char* b = first;
+        const char* p = first;
+        for (; p + 8 <= last; p += 8) {
+            uint64_t w;
+            std::memcpy(&w, p, 8);
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+            w = __builtin_bswap64(w);  // the first byte in the lowest bits
+#endif
+            const uint64_t x = w ^ 0x0a0a0a0a0a0a0a0aull;
+            uint64_t m = ~(((x & 0x7f7f7f7f7f7f7f7full) + 0x7f7f7f7f7f7f7f7full) | x | 0x7f7f7f7f7f7f7f7full);
+            while (m) {
+                const char* nl = p + (__builtin_ctzll(m) >> 3);
+                line(b, nl);
+                b = nl + 1;
+                m &= m - 1;
+            }
+        }
+        for (; p < last; ++p) {
+            if (*p != '\n') continue;
+            line(b, p);
+            b = p + 1;
+        }
+        if (b < last) line(b, last);
+    }
+
+    void mark(std::string_view base);
+    static size_t key(const char* end) {
+        uint32_t w;
+        std::memcpy(&w, end - 4, 4);
+        return (w * 0x9e3779b1u) >> 16;
+    }
+    bool maybe(std::string_view line) const {
+        if (line.size() < 4) return true;
+        const char* end = line.data() + line.size();
+        if (short_ && std::memchr(end - 4, '/', 4)) return true;
+        const size_t k = key(end);
+        return bits_[k >> 6] >> (k & 63) & 1;
+    }
+
+    std::vector<uint64_t> bits_ = std::vector<uint64_t>(1024);
+    std::unordered_set<std::string> wanted_;
+    bool short_ = false;  // a name shorter than the four bytes tested
+};
+
+// Builds the name table of every package database under `root` (uncached;
+// lookups build one only for callers that ask one file at a time).
 std::shared_ptr<const PackageIndex> build_package_index(const HostRoot& root);
-// The shared name table of `root`: built on first use, rebuilt when a
-// database changes.
+// The shared packages of `root` (no name table until a lookup comes alone):
+// read on first use, again when a database changes.
 std::shared_ptr<const PackageIndex> package_index(const HostRoot& root);
 
 // What the ownership lookups of `root` hold now, for tests and the benchmark.
 struct OwnershipStats {
     size_t packages = 0, names = 0;
+    size_t listed = 0;         // base names answered by passes over the file lists
+    size_t passes = 0;         // such passes so far
     size_t packages_read = 0;  // packages whose own records were read to answer
     size_t answers = 0;        // remembered answers
     size_t memory_bytes = 0;   // estimate of all of it
