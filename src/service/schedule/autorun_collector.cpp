@@ -17,6 +17,7 @@
 #include "core/file_facts.h"
 #include "core/host_path.h"
 #include "packages/package_index.h"
+#include "packages/package_index_impl.h"
 #include "schedule/autorun_parse.h"
 #include "system/sysfacts.h"
 
@@ -617,9 +618,9 @@ void collect_xdg(UnitDirs& resolver, FileFactsBatch& batch, std::vector<Pending>
 int32_t collect_autoruns(const HostRoot& root, std::vector<AM::AutoRunServInfo>& out) {
     return guarded(out, [&]() -> int32_t {
         out.clear();
-        // The programs' owners are asked after all sources are read: the
-        // package index builds meanwhile, on a thread joined before this
-        // call returns (none outlives it, so a fork never inherits its locks).
+        // The programs' owners are asked in one batch after all sources are
+        // read: the package list is read meanwhile, on a thread joined before
+        // this call returns (none outlives it, so a fork never inherits its locks).
         struct Joiner {
             std::thread t;
             ~Joiner() {
@@ -628,8 +629,11 @@ int32_t collect_autoruns(const HostRoot& root, std::vector<AM::AutoRunServInfo>&
         } warm;
         try {
             warm.t = std::thread([&root] {
-                FileOwner ignored;
-                package_owner(root, "/", ignored);
+                try {
+                    package_index(root);
+                } catch (...) {
+                    // Out of memory: the batch reads it again, or answers without owners.
+                }
             });
         } catch (const std::system_error&) {
             // No thread to spare: the index is built when first asked.
