@@ -40,7 +40,7 @@ struct ProcessCacheEntry {
     bool kthread = false;
     // Identity of the file the exe link leads to (stat through the link).
     uint64_t exe_dev = 0, exe_ino = 0;
-    uint32_t uid = 0;         // kernel threads only: theirs is not re-read
+    uint32_t uid = 0;         // served when status is not re-read
     std::string cwd;          // kernel threads only
     int64_t checked = 0;      // monotonic seconds of the last full read
     std::shared_ptr<const ProcessFixed> fixed;
@@ -67,18 +67,35 @@ int64_t monotonic_secs();
 // The entries of one procfs, handed out whole to one collection at a time:
 // a concurrent collection meets an empty cache and reads in full, so no
 // collection waits on another.
+//
+// Where the kernel reports them (root in the initial namespaces, Linux 6.6
+// or later), exec and uid changes of every process arrive on a process
+// events socket kept open between collections; an entry they name is
+// dropped, so the collector need not look at each process's executable and
+// status to tell them. Events lost (a full socket) drop every entry.
 class ProcessCache {
 public:
     static ProcessCache& instance();
     // The entries for the procfs `proc_dev`; the cache is left empty.
-    ProcessEntries take(dev_t proc_dev);
+    // `watched`: exec and uid changes since the entries were read are
+    // accounted for (the entries they concern are not handed out).
+    ProcessEntries take(dev_t proc_dev, bool& watched);
     // Entries of the live processes of a finished collection.
     void put(dev_t proc_dev, ProcessEntries&& entries);
 
 private:
+    void watch();  // opens the events socket once per process
+    void drain();  // events so far into dirty_ / lost_
+    void forget_dirty(ProcessEntries& entries);
+
     std::mutex mu_;
     dev_t dev_ = 0;
     ProcessEntries entries_;
+    int sock_ = -1;
+    pid_t owner_ = 0;   // the process that opened sock_ (a forked child opens its own)
+    bool lost_ = false; // events dropped since the last put
+    int out_ = 0;       // collections under way
+    std::vector<int32_t> dirty_;  // pids exec or uid events named while entries were out
 };
 
 }  // namespace amsvc

@@ -211,7 +211,7 @@ public:
         ProcessEntries prev;
         if (cache_on_) {
             proc_dev_ = pst.st_dev;
-            prev = ProcessCache::instance().take(proc_dev_);
+            prev = ProcessCache::instance().take(proc_dev_, watched_);
             now_ = monotonic_secs();
         }
 
@@ -290,18 +290,22 @@ private:
             if (rc == -ENOENT || rc == -ESRCH) return Warm::gone;
             if (rc != 0) return Warm::full;
             rec.cmd_line = procfs::join_nul(buf_.view(), ' ');
-            snprintf(name, sizeof name, "%d/status", static_cast<int>(pid));
-            if (read(procfd, name, kMaxSmall, true) != 0 || !procfs::parse_status_uid(buf_.view(), uid))
-                return Warm::full;
             snprintf(name, sizeof name, "%d/cwd", static_cast<int>(pid));
             rec.current_dir = read_link_at(procfd, name);
-            // Another program run by exec: the exe link leads elsewhere.
-            snprintf(name, sizeof name, "%d/exe", static_cast<int>(pid));
-            struct stat xst;
-            if (::fstatat(procfd, name, &xst, 0) != 0 || xst.st_dev != e.exe_dev || xst.st_ino != e.exe_ino)
-                return Warm::full;
+            // Watched, an exec or uid change would have dropped the entry.
+            if (!watched_) {
+                snprintf(name, sizeof name, "%d/status", static_cast<int>(pid));
+                if (read(procfd, name, kMaxSmall, true) != 0 || !procfs::parse_status_uid(buf_.view(), uid))
+                    return Warm::full;
+                // Another program run by exec: the exe link leads elsewhere.
+                snprintf(name, sizeof name, "%d/exe", static_cast<int>(pid));
+                struct stat xst;
+                if (::fstatat(procfd, name, &xst, 0) != 0 || xst.st_dev != e.exe_dev || xst.st_ino != e.exe_ino)
+                    return Warm::full;
+            }
         } else {
-            // Only kernel code moves a kernel thread's directory.
+            // Only kernel code moves a kernel thread's directory, and it has
+            // no program to exec.
             rec.current_dir = e.cwd;
         }
         snprintf(name, sizeof name, "%d/stat", static_cast<int>(pid));
@@ -605,6 +609,7 @@ private:
     Buffer buf_;
     ModuleFiles files_;
     bool cache_on_ = false;  // the live host's procfs: processes are remembered
+    bool watched_ = false;   // exec and uid changes arrive as events
     dev_t proc_dev_ = 0;
     int64_t now_ = 0;
     ProcessEntries kept_;
