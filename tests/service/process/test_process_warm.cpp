@@ -9,6 +9,7 @@
 #include <sys/personality.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <thread>
@@ -161,6 +162,25 @@ TEST(ProcessWarm, ChangesWithoutANewPidAreSeen) {
         c.check(p);
         close(fds[1]);
     }
+}
+
+// Collections from several threads at once, warm and fresh mixed: each
+// reports this very process with its executable and modules.
+TEST(ProcessWarm, ConcurrentCollections) {
+    const std::string self = link_of("/proc/self/exe");
+    std::atomic<int> good{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int round = 0; round < 3; ++round) {
+                std::vector<AM::ProcessInfo> all;
+                if (collect_processes(HostRoot("/"), all) != 0) continue;
+                const AM::ProcessInfo* p = find_pid(all, getpid());
+                if (p && p->path == self && find_module(p, self)) ++good;
+            }
+        });
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(good.load(), 12);
 }
 
 }  // namespace
