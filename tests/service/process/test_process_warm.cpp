@@ -139,12 +139,12 @@ TEST(ProcessWarm, ChangesWithoutANewPidAreSeen) {
         amproc::Reaper reaper;
         reaper.pids.push_back(pid);
         close(fds[0]);
-        // Started and loaded: waiting for its first byte with libc mapped.
-        ASSERT_TRUE(wait_for([&] {
-            const std::string maps = amproc::slurp(proc + std::to_string(pid) + "/maps");
-            return link_of(proc + std::to_string(pid) + "/exe") == a && maps.find("/libc.so") != std::string::npos &&
+        // Loaded (libc mapped) and waiting for its next byte.
+        const auto settled = [&] {
+            return amproc::slurp(proc + std::to_string(pid) + "/maps").find("/libc.so") != std::string::npos &&
                    amproc::slurp(proc + std::to_string(pid) + "/wchan") != "0";
-        }));
+        };
+        ASSERT_TRUE(wait_for([&] { return link_of(proc + std::to_string(pid) + "/exe") == a && settled(); }));
 
         // Twice unchanged: the second is served from what the first kept.
         const std::vector<AM::ProcessInfo> first = collect(), second = collect();
@@ -160,7 +160,7 @@ TEST(ProcessWarm, ChangesWithoutANewPidAreSeen) {
         }
 
         ASSERT_EQ(write(fds[1], &c.poke, 1), 1);
-        ASSERT_TRUE(wait_for([&] { return c.changed(pid); }));
+        ASSERT_TRUE(wait_for([&] { return c.changed(pid) && settled(); }));
         const std::vector<AM::ProcessInfo> after = collect();
         const AM::ProcessInfo* p = find_pid(after, pid);
         ASSERT_NE(p, nullptr);
