@@ -168,18 +168,22 @@ void ProcessCache::drain() {
     if (sock_ < 0) return;
     static char bufs[kBatch][kMsgSize];  // under mu_
     bool acked = false;
-    for (;;) {
-        const int n = receive(sock_, bufs, dirty_, acked, 0);
-        if (n == 0) break;
-        if (n < 0) {
-            lost_ = true;
-            // A full socket says so once and goes on; anything else ends it.
-            if (n != -ENOBUFS) {
-                ::close(sock_);
-                sock_ = -1;
-                break;
+    try {
+        for (;;) {
+            const int n = receive(sock_, bufs, dirty_, acked, 0);
+            if (n == 0) break;
+            if (n < 0) {
+                lost_ = true;
+                // A full socket says so once and goes on; anything else ends it.
+                if (n != -ENOBUFS) {
+                    ::close(sock_);
+                    sock_ = -1;
+                    break;
+                }
             }
         }
+    } catch (...) {
+        lost_ = true;  // no memory for the pids: every entry is suspect
     }
     if (dirty_.size() > kProcessCacheMax) {
         lost_ = true;

@@ -209,6 +209,13 @@ public:
         struct stat pst;
         cache_on_ = procfs_ && root_.is_live_host() && ::fstat(procfd.get(), &pst) == 0;
         ProcessEntries prev;
+        // However the collection ends, the cache learns it has ended.
+        struct PutBack {
+            Collector* c;
+            ~PutBack() {
+                if (c->cache_on_) ProcessCache::instance().put(c->proc_dev_, std::move(c->kept_));
+            }
+        } put_back{this};
         if (cache_on_) {
             proc_dev_ = pst.st_dev;
             prev = ProcessCache::instance().take(proc_dev_, watched_);
@@ -242,9 +249,8 @@ public:
             out.push_back(std::move(rec));
             pending.push_back(std::move(mods));
         }
-        // Entries of processes gone are not carried over.
-        prev.clear();
-        if (cache_on_) ProcessCache::instance().put(proc_dev_, std::move(kept_));
+        // Entries of processes gone are not carried over (kept_ has only
+        // the processes listed now).
 
         const std::vector<FileFacts> facts = file_facts_many(root_, files_.refs());
         for (size_t i = 0; i < out.size(); ++i) {
