@@ -363,6 +363,35 @@ double warm_per_call(int k, int runs) {
     return median(t);
 }
 
+// System calls per process per warm call: `strace -f -c` of the runner
+// making 1 and then 1 + k calls, the difference over k calls and the
+// processes listed. Negative when strace is missing.
+double warm_syscalls(int k) {
+    auto total = [&](int calls) -> double {
+        const std::string out = g_dir + "/strace.txt";
+        const Run r = spawn({"strace", "-f", "-c", "-o", out, g_runner, g_dir + "/warm.lua", std::to_string(calls)});
+        if (r.status != 0) return -1;
+        FILE* f = fopen(out.c_str(), "r");
+        if (!f) return -1;
+        char line[512];
+        double calls_total = -1;
+        while (fgets(line, sizeof line, f)) {
+            double pct, secs;
+            long usecs, n;
+            // "100.00    0.430675          11     36309       540 total"
+            if (strstr(line, " total") && sscanf(line, "%lf %lf %ld %ld", &pct, &secs, &usecs, &n) == 4)
+                calls_total = static_cast<double>(n);
+        }
+        fclose(f);
+        unlink(out.c_str());
+        return calls_total;
+    };
+    if (system("command -v strace >/dev/null 2>&1") != 0) return -1;
+    const double base = total(0), more = total(k);
+    if (base < 0 || more < 0) return -1;
+    return (more - base) / k / static_cast<double>(count_pids());
+}
+
 const char* const kPsPeer = "ps -eo user,pid,ppid,lstart,time,args";
 
 void print_pair(const char* what, const char* peer, const Pair& p) {
@@ -466,6 +495,8 @@ int main(int argc, char** argv) {
     for (int i = 0; i < runs; ++i) ps.push_back(shell(kPsPeer).secs);
     printf("%-44s ours %8.1f ms  %-38s %8.1f ms  ratio %.2f\n", "processes, warm call (per call)", warm * 1e3,
            kPsPeer, median(ps) * 1e3, warm / median(ps));
+    printf("%-44s %.1f system calls per process per warm call (strace -f -c, 10 calls)\n", "",
+           warm_syscalls(10));
 
     const Pair cron =
         paired(runs, [] { return ours("cronauto.lua"); }, [] { return shell("systemctl list-unit-files"); });
@@ -486,6 +517,8 @@ int main(int argc, char** argv) {
         for (int i = 0; i < std::max(1, runs / 2); ++i) ps_big.push_back(shell(kPsPeer).secs);
         printf("%-44s ours %8.1f ms  %-38s %8.1f ms  ratio %.2f\n", "processes, warm call, 5,000", warm_big * 1e3,
                kPsPeer, median(ps_big) * 1e3, warm_big / median(ps_big));
+        printf("%-44s %.1f system calls per process per warm call (strace -f -c, 3 calls)\n", "",
+               warm_syscalls(3));
 
         const std::string pipeline =
             "facter >/dev/null 2>&1; ps -eo user,pid,ppid,lstart,time,args >/dev/null; ss -tunap >/dev/null; "

@@ -20,6 +20,7 @@
 
 #include "collectors.h"
 #include "core/file_facts.h"
+#include "process/process_cache.h"
 #include "process/process_parse.h"
 
 namespace amsvc {
@@ -125,16 +126,16 @@ class ModuleFiles {
 public:
     // A file seen again keeps up to kMaxLinks kernel links to it, so that it
     // can still be read when the first process that mapped it has exited.
-    size_t add(std::string key, FileRef ref) {
+    size_t add(const std::string& key, const FileRef& ref) {
         auto it = index_.find(key);
         if (it != index_.end()) {
             std::vector<std::string>& links = refs_[it->second].links;
-            if (!ref.links.empty() && links.size() < kMaxLinks) links.push_back(std::move(ref.links.front()));
+            if (!ref.links.empty() && links.size() < kMaxLinks) links.push_back(ref.links.front());
             return it->second;
         }
         const size_t i = refs_.size();
-        refs_.push_back(std::move(ref));
-        index_.emplace(std::move(key), i);
+        refs_.push_back(ref);
+        index_.emplace(key, i);
         return i;
     }
     const std::vector<FileRef>& refs() const { return refs_; }
@@ -203,6 +204,24 @@ public:
         if (read(procfd.get(), "stat", kMaxSmall, false) == 0)
             have_btime_ = procfs::parse_btime(buf_.view(), btime_);
 
+        // Only the live host's own procfs is remembered between collections:
+        // its pids and start times name processes; an image's do not.
+        struct stat pst;
+        cache_on_ = procfs_ && root_.is_live_host() && ::fstat(procfd.get(), &pst) == 0;
+        ProcessEntries prev;
+        // However the collection ends, the cache learns it has ended.
+        struct PutBack {
+            Collector* c;
+            ~PutBack() {
+                if (c->cache_on_) ProcessCache::instance().put(c->proc_dev_, std::move(c->kept_));
+            }
+        } put_back{this};
+        if (cache_on_) {
+            proc_dev_ = pst.st_dev;
+            prev = ProcessCache::instance().take(proc_dev_, watched_);
+            now_ = monotonic_secs();
+        }
+
         const std::vector<int32_t> pids = list_pids(procfd.get());
         std::vector<Pending> pending;
         out.reserve(pids.size());
@@ -210,10 +229,28 @@ public:
         for (int32_t pid : pids) {
             AM::ProcessInfo rec;
             Pending mods;
-            if (!read_process(procfd.get(), pid, rec, mods)) continue;
+            auto it = cache_on_ ? prev.find(pid) : prev.end();
+            if (it != prev.end()) {
+                const Warm w = read_warm(procfd.get(), pid, it->second, rec, mods);
+                if (w == Warm::gone) continue;
+                if (w == Warm::served) {
+                    keep(pid, std::move(it->second));
+                    out.push_back(std::move(rec));
+                    pending.push_back(std::move(mods));
+                    continue;
+                }
+                rec = AM::ProcessInfo();
+                mods = Pending();
+            }
+            ProcessCacheEntry entry;
+            bool cacheable = false;
+            if (!read_process(procfd.get(), pid, rec, mods, entry, cacheable)) continue;
+            if (cacheable) keep(pid, std::move(entry));
             out.push_back(std::move(rec));
             pending.push_back(std::move(mods));
         }
+        // Entries of processes gone are not carried over (kept_ has only
+        // the processes listed now).
 
         const std::vector<FileFacts> facts = file_facts_many(root_, files_.refs());
         for (size_t i = 0; i < out.size(); ++i) {
@@ -237,8 +274,81 @@ public:
     }
 
 private:
-    // False when the process is gone; otherwise fills what can be read.
-    bool read_process(int procfd, int32_t pid, AM::ProcessInfo& rec, Pending& mods) {
+    enum class Warm { served, gone, full };
+
+    void keep(int32_t pid, ProcessCacheEntry&& e) {
+        if (kept_.size() < kProcessCacheMax) kept_.emplace(pid, std::move(e));
+    }
+
+    // A process read before: what moves is read again, what only an exec
+    // changes comes from `e`. stat is read last, so a pid that changed hands
+    // during the reads shows another start time and nothing read is served.
+    Warm read_warm(int procfd, int32_t pid, const ProcessCacheEntry& e, AM::ProcessInfo& rec, Pending& mods) {
+        const ProcessFixed& f = *e.fixed;
+        char name[40];
+        uint32_t uid = e.uid;
+        if (!e.kthread) {
+            // The environment was read under the same cap it would get now.
+            const size_t cap = args_cap();
+            if (f.env_raw > cap || (f.env_raw >= f.env_cap && f.env_cap != cap)) return Warm::full;
+            snprintf(name, sizeof name, "%d/cmdline", static_cast<int>(pid));
+            int rc = read(procfd, name, args_cap(), true);
+            if (rc == -ENOENT || rc == -ESRCH) return Warm::gone;
+            if (rc != 0) return Warm::full;
+            rec.cmd_line = procfs::join_nul(buf_.view(), ' ');
+            snprintf(name, sizeof name, "%d/cwd", static_cast<int>(pid));
+            rec.current_dir = read_link_at(procfd, name);
+            // Watched, an exec or uid change would have dropped the entry.
+            if (!watched_) {
+                snprintf(name, sizeof name, "%d/status", static_cast<int>(pid));
+                if (read(procfd, name, kMaxSmall, true) != 0 || !procfs::parse_status_uid(buf_.view(), uid))
+                    return Warm::full;
+                // Another program run by exec: the exe link leads elsewhere.
+                snprintf(name, sizeof name, "%d/exe", static_cast<int>(pid));
+                struct stat xst;
+                if (::fstatat(procfd, name, &xst, 0) != 0 || xst.st_dev != e.exe_dev || xst.st_ino != e.exe_ino)
+                    return Warm::full;
+            }
+        } else {
+            // Only kernel code moves a kernel thread's directory, and it has
+            // no program to exec.
+            rec.current_dir = e.cwd;
+        }
+        snprintf(name, sizeof name, "%d/stat", static_cast<int>(pid));
+        const int src = read(procfd, name, kMaxSmall, true);
+        if (src == -ENOENT || src == -ESRCH) return Warm::gone;
+        procfs::Stat st;
+        if (src != 0 || !procfs::parse_stat(buf_.view(), st) || !process_unchanged(e, pid, st, now_))
+            return Warm::full;
+
+        rec.pid = pid;
+        rec.ppid = st.ppid >= 0 && st.ppid <= INT32_MAX ? static_cast<int32_t>(st.ppid) : 0;
+        rec.name = st.comm.empty() ? f.name : st.comm;
+        if (have_btime_)
+            rec.stime = format_time(
+                static_cast<time_t>(btime_ + static_cast<int64_t>(st.starttime / static_cast<uint64_t>(clk_tck_))));
+        rec.rtime = procfs::format_cpu_time(st.utime + st.stime, clk_tck_);
+        rec.user = user_of(uid);
+        rec.path = f.path;
+        rec.env = f.env;
+        args_kept_ += rec.cmd_line.size() + rec.env.size();
+        add_modules(f, mods);
+        return Warm::served;
+    }
+
+    void add_modules(const ProcessFixed& f, Pending& mods) {
+        mods.modules.reserve(f.modules.size());
+        for (const ProcessFixed::Module& m : f.modules)
+            mods.modules.emplace_back(m.shown, m.hashable ? files_.add(m.key, m.ref) : SIZE_MAX);
+    }
+
+    // False when the process is gone; otherwise fills what can be read, and
+    // `entry` with what a later collection may reuse (`cacheable`: enough of
+    // it was read to tell an exec).
+    bool read_process(int procfd, int32_t pid, AM::ProcessInfo& rec, Pending& mods, ProcessCacheEntry& entry,
+                      bool& cacheable) {
+        cacheable = false;
+        auto fixed = std::make_shared<ProcessFixed>();
         const std::string pidname = std::to_string(pid);
         Fd dir(::openat(procfd, pidname.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
         if (dir.get() < 0) return false;
@@ -255,6 +365,9 @@ private:
             rec.name = st.comm;  // parse_stat keeps the name even when later fields are bad
         }
         if (have_stat) {
+            entry.stat = st;
+            entry.kthread = (st.flags & procfs::kPfKthread) != 0;
+            entry.checked = now_;
             rec.ppid = st.ppid >= 0 && st.ppid <= INT32_MAX ? static_cast<int32_t>(st.ppid) : 0;
             if (have_btime_)
                 rec.stime = format_time(static_cast<time_t>(
@@ -263,24 +376,50 @@ private:
         }
 
         uint32_t uid = 0;
-        if (read(dfd, "status", kMaxSmall, true) == 0 && procfs::parse_status_uid(buf_.view(), uid))
-            rec.user = user_of(uid);
+        const bool have_uid = read(dfd, "status", kMaxSmall, true) == 0 && procfs::parse_status_uid(buf_.view(), uid);
+        if (have_uid) rec.user = user_of(uid);
+        entry.uid = uid;
 
         if (read(dfd, "cmdline", args_cap(), true) == 0) rec.cmd_line = procfs::join_nul(buf_.view(), ' ');
         args_kept_ += rec.cmd_line.size();
 
         rec.current_dir = read_link_at(dfd, "cwd");
         // Kernel threads have no executable, environment or mappings.
-        if (have_stat && (st.flags & procfs::kPfKthread)) return true;
+        if (have_stat && (st.flags & procfs::kPfKthread)) {
+            entry.cwd = rec.current_dir;
+            entry.fixed = std::move(fixed);
+            cacheable = have_uid;
+            return true;
+        }
 
-        if (read(dfd, "environ", args_cap(), true) == 0) rec.env = procfs::format_environ(buf_.view());
+        fixed->env_cap = args_cap();
+        if (read(dfd, "environ", fixed->env_cap, true) == 0) {
+            rec.env = procfs::format_environ(buf_.view());
+            fixed->env_raw = buf_.view().size();
+        }
         args_kept_ += rec.env.size();
         rec.path = read_link_at(dfd, "exe");
-        if (rec.name.empty() && !rec.path.empty()) {
+        if (!rec.path.empty()) {
             std::string bare = rec.path;
             procfs::strip_deleted(bare);
-            rec.name = basename_of(bare);
+            fixed->name = basename_of(bare);
+            if (rec.name.empty()) rec.name = fixed->name;
         }
+        // What the exe link leads to now, to tell a later exec by.
+        struct stat xst;
+        const bool have_exe = cache_on_ && !rec.path.empty() && ::fstatat(dfd, "exe", &xst, 0) == 0;
+        if (have_exe) {
+            entry.exe_dev = xst.st_dev;
+            entry.exe_ino = xst.st_ino;
+        }
+        const auto finish = [&] {
+            fixed->path = rec.path;
+            fixed->env = rec.env;
+            add_modules(*fixed, mods);
+            entry.fixed = std::move(fixed);
+            cacheable = have_stat && have_uid && have_exe;
+            return true;
+        };
 
         // Files a process maps are opened through its own root, so a process
         // in a container is hashed from its own file system, and its links
@@ -335,12 +474,13 @@ private:
                               const std::string& name) {
             std::string bare = shown;
             procfs::strip_deleted(bare);
-            size_t index = SIZE_MAX;
             // Without a probe (memfd_create filtered), by the names the kernel gives.
             const bool shm = have_shm_dev_ ? dev == shm_dev_
                                            : major(dev) == 0 && deleted &&
                                                  (bare == "/dev/zero" || bare.compare(0, 7, "/memfd:") == 0 ||
                                                   bare.compare(0, 5, "/SYSV") == 0);
+            ProcessFixed::Module mod;
+            mod.shown = std::move(shown);
             if (procfs_ && shm) {
                 // Shared anonymous memory or a memfd: process memory, not a
                 // file; listed (code run from memory is worth seeing) but not read.
@@ -358,7 +498,9 @@ private:
                 std::string key = dev_ino_key(foreign ? 'f' : 'd', dev, ino);
                 key += '\0';
                 key += bare;
-                index = files_.add(std::move(key), std::move(ref));
+                mod.key = std::move(key);
+                mod.ref = std::move(ref);
+                mod.hashable = true;
             } else {
                 FileRef ref;
                 std::string key;
@@ -372,9 +514,11 @@ private:
                     key = root_key + bare;
                     by_path(bare, ref);
                 }
-                index = files_.add(std::move(key), std::move(ref));
+                mod.key = std::move(key);
+                mod.ref = std::move(ref);
+                mod.hashable = true;
             }
-            mods.modules.emplace_back(std::move(shown), index);
+            fixed->modules.push_back(std::move(mod));
         };
 
         const bool have_maps = read_maps(dfd);
@@ -391,16 +535,18 @@ private:
             } else if (::fstatat(dfd, "exe", &est, 0) == 0) {
                 add_module(rec.path, deleted, est.st_dev, est.st_ino, "exe");
             } else {
-                mods.modules.emplace_back(rec.path, SIZE_MAX);
+                ProcessFixed::Module mod;
+                mod.shown = rec.path;
+                fixed->modules.push_back(std::move(mod));
             }
         }
-        if (!have_maps) return true;
+        if (!have_maps) return finish();
         for (procfs::Mapping& m : maps_) {
             if (m.path == rec.path) continue;
             add_module(std::move(m.path), m.deleted, makedev(m.dev_major, m.dev_minor), m.inode,
                        "map_files/" + procfs::map_files_name(m.start, m.end));
         }
-        return true;
+        return finish();
     }
 
     // Executable file-backed mappings into maps_: by query on a kernel that
@@ -468,6 +614,11 @@ private:
     ino_t host_root_ino_ = 0;
     Buffer buf_;
     ModuleFiles files_;
+    bool cache_on_ = false;  // the live host's procfs: processes are remembered
+    bool watched_ = false;   // exec and uid changes arrive as events
+    dev_t proc_dev_ = 0;
+    int64_t now_ = 0;
+    ProcessEntries kept_;
     std::unordered_map<uint32_t, std::string> users_;
 };
 

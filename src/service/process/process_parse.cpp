@@ -84,6 +84,25 @@ bool parse_stat(std::string_view text, Stat& out) {
         }
         if (!ok) return false;
     }
+    // The layout fields are optional: a bad or missing one stays zero.
+    for (; field <= 51; ++field) {
+        const std::string_view tok = next_token(rest, pos);
+        if (tok.empty()) break;
+        uint64_t* dst = nullptr;
+        switch (field) {
+            case 23: dst = &out.vsize; break;
+            case 26: dst = &out.startcode; break;
+            case 27: dst = &out.endcode; break;
+            case 28: dst = &out.startstack; break;
+            case 48: dst = &out.arg_start; break;
+            case 49: dst = &out.arg_end; break;
+            case 50: dst = &out.env_start; break;
+            case 51: dst = &out.env_end; break;
+            default: break;
+        }
+        uint64_t u = 0;
+        if (dst && parse_u64(tok, u)) *dst = u;
+    }
     return true;
 }
 

@@ -24,6 +24,12 @@ struct Stat {
     uint64_t utime = 0;      // field 14, clock ticks
     uint64_t stime = 0;      // field 15, clock ticks
     uint64_t starttime = 0;  // field 22, clock ticks after boot
+    // Where exec laid out the process's memory: fields 23 (vsize), 26 to 28
+    // (code and stack) and 48 to 51 (arguments and environment). Zero when
+    // absent (an older kernel, a short text) or hidden from the reader.
+    uint64_t vsize = 0;
+    uint64_t startcode = 0, endcode = 0, startstack = 0;
+    uint64_t arg_start = 0, arg_end = 0, env_start = 0, env_end = 0;
 };
 
 // False when the text is too short or a needed field is not a number; `out`
