@@ -112,10 +112,9 @@ TEST(ImageEscape, NoFactOfTheRunningMachine) {
     const std::string inv = inventory(HostRoot(image.path));
     EXPECT_EQ(std::string::npos, inv.find(token)) << inv;
     EXPECT_EQ(std::string::npos, inv.find("amtest-")) << inv;
-    EXPECT_NE(std::string::npos, inv.find("deb dpkg 0image [] ")) << inv;
-    EXPECT_NE(std::string::npos, inv.find("== processes -2\n")) << inv;
-    EXPECT_NE(std::string::npos, inv.find("== netlinks -2\n")) << inv;
-    EXPECT_NE(std::string::npos, inv.find("== system -2\n|||||||0|0\n")) << inv;
+    for (const char* want :
+         {"deb dpkg 0image [] ", "== processes -2\n", "== netlinks -2\n", "== system -2\n|||||||0|0\n"})
+        EXPECT_NE(std::string::npos, inv.find(want)) << inv;
     EXPECT_EQ(sum_image, amimg::tree_sum(image.path));
     EXPECT_EQ(sum_canary, amimg::tree_sum(c));
 

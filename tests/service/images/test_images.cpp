@@ -208,10 +208,7 @@ TEST(Images, FamilyLayouts) {
     dir.link("/etc/runlevels/default/sshd", "/etc/init.d/sshd");
     dir.link("/etc/runlevels/boot/sshd", "/etc/init.d/sshd");
     // An aarch64 /bin/sh on this x86_64 machine.
-    std::string elf("\177ELF\2\1\1");
-    elf.resize(64, '\0');
-    elf[18] = static_cast<char>(183);
-    dir.file("/bin/busybox", elf, 0755);
+    dir.file("/bin/busybox", amtest::elf_header(183), 0755);
     dir.link("/bin/sh", "/bin/busybox");
     // Merged /usr: /lib is a link to usr/lib.
     dir.link("/lib", "usr/lib");
