@@ -3,12 +3,9 @@
 // machine's own /proc, /sys, /etc, /var. Inventoried with every kind, no fact
 // of the running machine may appear, and the image must not change.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <functional>
 
 #include "collectors.h"
-#include "core/common.h"
 #include "image_fixtures.h"
 
 namespace {

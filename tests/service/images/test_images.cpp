@@ -18,7 +18,6 @@
 #include "collectors.h"
 #include "core/common.h"
 #include "image_fixtures.h"
-#include "system/sysfacts.h"
 
 namespace {
 
