@@ -262,14 +262,7 @@ TEST(Images, FifoIsNeverOpened) {
             usleep(10000);
         }
     }
-    std::vector<AM::CronInfo> crons;
-    std::vector<AM::UserInfo> users;
-    std::vector<AM::SysInstallPackageInfo> pkgs;
-    AM::SystemInfo sys;
-    collect_crons(HostRoot(dir.path), crons);
-    collect_users(HostRoot(dir.path), users);
-    collect_packages(HostRoot(dir.path), pkgs);
-    collect_system_facts(HostRoot(dir.path), sys);
+    amimg::inventory(HostRoot(dir.path));  // every kind
     for (pid_t w : writers) {
         int st;
         EXPECT_EQ(0, waitpid(w, &st, WNOHANG)) << "a writer was released: the FIFO was opened";
