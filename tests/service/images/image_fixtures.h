@@ -172,10 +172,8 @@ inline std::string in_readonly_mount(const std::string& tree, const std::functio
         _exit(0);
     }
     close(p[1]);
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(p[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+    const std::string out =
+        amtest::read_text("/proc/self/fd/" + std::to_string(p[0]));  // until the child ends
     close(p[0]);
     waitpid(pid, nullptr, 0);
     return out;
