@@ -83,3 +83,43 @@ public:
 };
 
 }  // namespace amtest
+
+// Helpers of the container, server, image and user tests.
+#include <grp.h>
+#include <sys/wait.h>
+
+#include <functional>
+
+namespace amtest {
+
+// The whole of a file's bytes; empty when it cannot be read.
+inline std::string read_text(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// A 64-byte ELF header of `machine`; `cls` 1 is 32-bit, `data` 2 big-endian.
+inline std::string elf_header(int machine, char cls = 2, char data = 1) {
+    std::string h("\177ELF", 4);
+    h.resize(64, '\0');
+    h[4] = cls;
+    h[5] = data;
+    h[6] = 1;
+    h[data == 1 ? 18 : 19] = static_cast<char>(machine);
+    return h;
+}
+
+// Runs `fn` in a child as nobody, without supplementary groups; the child's
+// exit code is fn's result (99: the switch failed, 100: no normal exit).
+inline int as_nobody(const std::function<int()>& fn) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) _exit(99);
+        _exit(fn());
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 100;
+}
+
+}  // namespace amtest

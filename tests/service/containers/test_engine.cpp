@@ -1,21 +1,17 @@
 // The container engine: the engine's answers read into the record, a fake
 // engine on a unix socket that misbehaves in every way a stuck or hostile
 // engine can, and the search for engine sockets under a root.
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include "collectors.h"
@@ -29,11 +25,7 @@ using namespace amsvc;
 using engine::Json;
 typedef IAssetManager::DockerInfo DockerInfo;
 
-std::string fixture(const std::string& name) {
-    std::stringstream ss;
-    ss << std::ifstream(std::string(ASSETMAN_FIXTURES) + "/" + name).rdbuf();
-    return ss.str();
-}
+std::string fixture(const std::string& name) { return amtest::read_text(ASSETMAN_FIXTURES "/" + name); }
 
 // Every field of the record, one a line.
 std::string record(const DockerInfo& d) {
@@ -51,12 +43,10 @@ DockerInfo sentinel() {
 
 // The descriptors and threads of this process are as many at its end as at its start.
 struct NoLeaks {
-    static size_t count(const char* dir) {
-        size_t n = 0;
-        for (const auto& e : std::filesystem::directory_iterator(dir)) (void)e, ++n;
-        return n;
+    static ptrdiff_t count(const char* dir) {
+        return std::distance(std::filesystem::directory_iterator(dir), std::filesystem::directory_iterator());
     }
-    const size_t fds = count("/proc/self/fd"), tasks = count("/proc/self/task");
+    const ptrdiff_t fds = count("/proc/self/fd"), tasks = count("/proc/self/task");
     ~NoLeaks() {
         EXPECT_EQ(fds, count("/proc/self/fd"));
         EXPECT_EQ(tasks, count("/proc/self/task"));
@@ -138,16 +128,25 @@ void bound_socket(const std::string& path) {
     close(s);
 }
 
-// How the fake engine answers a request whose path holds its `bad` text.
-enum class Mode { Normal, Silent, Trickle, Endless, HugeLength, CloseMid, Error500, NotHttp };
+// An engine's answer with its body.
+std::string reply(int status, const std::string& body) {
+    return "HTTP/1.1 " + std::to_string(status) + (status == 200 ? " OK" : " Error") +
+           "\r\nApi-Version: 1.41\r\nContent-Type: application/json\r\nContent-Length: " +
+           std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+// How the fake engine answers a request whose path holds its `bad` text:
+// never; with its `head` then a close; with its `head` then a byte a second,
+// or then 1 GB.
+enum class Mode { Normal, Silent, Raw, Trickle, Flood };
 
 // A unix-socket engine in threads of the test: every path gets its route, or
 // a 404, unless it holds `bad`: then it gets `mode`.
 class FakeEngine {
 public:
     FakeEngine(const std::string& path, std::map<std::string, std::string> routes, Mode mode = Mode::Normal,
-               std::string bad = "")
-        : routes_(std::move(routes)), mode_(mode), bad_(std::move(bad)) {
+               std::string bad = "", std::string head = "")
+        : routes_(std::move(routes)), mode_(mode), bad_(std::move(bad)), head_(std::move(head)) {
         listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const sockaddr_un a = unix_address(path);
         unlink(path.c_str());
@@ -192,11 +191,6 @@ private:
         }
         return true;
     }
-    static std::string reply(int status, const std::string& body) {
-        return "HTTP/1.1 " + std::to_string(status) + (status == 200 ? " OK" : " Error") +
-               "\r\nApi-Version: 1.41\r\nContent-Type: application/json\r\nContent-Length: " +
-               std::to_string(body.size()) + "\r\n\r\n" + body;
-    }
     // One connection: requests until the client closes or a mode ends it.
     void talk(int c) {
         std::string in;
@@ -219,42 +213,32 @@ private:
                                                          : reply(200, it->second)))
                         return;
                     continue;
-                case Mode::Error500:
-                    if (!send_all(c, reply(500, R"({"message":"server error"})"))) return;
-                    continue;
                 case Mode::Silent:
                     wait(c, 0);  // until stopped
                     return;
+                case Mode::Raw:
+                    send_all(c, head_);
+                    return;
                 case Mode::Trickle:
-                    if (!send_all(c, "HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n[")) return;
+                    if (!send_all(c, head_)) return;
                     while (wait(c, 0, 1000) && send(c, " ", 1, MSG_NOSIGNAL) == 1) {
                     }
                     return;
-                case Mode::Endless:
-                case Mode::HugeLength: {
+                case Mode::Flood: {
                     // 1 GB, streamed until the client stops reading.
-                    if (!send_all(c, mode_ == Mode::Endless
-                                         ? "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n["
-                                         : "HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n["))
-                        return;
+                    if (!send_all(c, head_)) return;
                     const std::string chunk(1 << 16, ' ');
                     for (size_t sent = 0; sent < (1u << 30) && send_all(c, chunk); sent += chunk.size()) {
                     }
                     return;
                 }
-                case Mode::CloseMid:
-                    send_all(c, "HTTP/1.1 200 OK\r\nContent-Length: 5000\r\n\r\n{\"Version\":\"1.0\",");
-                    return;
-                case Mode::NotHttp:
-                    send_all(c, "SSH-2.0-OpenSSH_9.2\r\n\r\n\r\n");
-                    return;
             }
         }
     }
 
     std::map<std::string, std::string> routes_;
     Mode mode_;
-    std::string bad_;
+    std::string bad_, head_;
     int listen_fd_ = -1, stop_fd_ = -1;
     std::thread thread_;
     std::vector<std::thread> talks_;  // one per connection
@@ -302,30 +286,35 @@ TEST_F(Engine, AnswersFillTheRecord) {
             DockerInfo d = sentinel();
             ASSERT_EQ(0, engine::query_engines({sock("e.sock")}, d));
             EXPECT_EQ(expected(engine, gone ? -1 : 16247), record(d));
-            EXPECT_EQ(5, e.requests);      // one inspection
+            EXPECT_EQ(5, e.requests);     // one inspection
             EXPECT_GE(3, e.connections);  // connections kept for the next request
         }
     }
 }
 
 TEST_F(Engine, MisbehavingEnginesFailWithTheirCodeAndLeaveNothingBehind) {
+    const std::string ok = "HTTP/1.1 200 OK\r\n",
+                      half = ok + "Content-Length: 5000\r\n\r\n{\"Version\":\"1.0\",",
+                      e500 = reply(500, R"({"message":"server error"})");
     struct Case {
         const char* name;
         Mode mode;
         std::string bad;   // the path that misbehaves
-        std::string body;  // or a route body replaced
+        std::string body;  // its head, or a route body replaced
         int32_t code;
     } cases[] = {
         {"never answers", Mode::Silent, "/_ping", "", -ETIMEDOUT},
         {"never answers the list", Mode::Silent, "/containers/json", "", -ETIMEDOUT},
-        {"trickles a byte a second", Mode::Trickle, "/images/json", "", -ETIMEDOUT},
-        {"1 GB without length", Mode::Endless, "/info", "", -EMSGSIZE},
-        {"1 GB with its length", Mode::HugeLength, "/containers/json", "", -EMSGSIZE},
-        {"closes mid-answer", Mode::CloseMid, "/_ping", "", -EPROTO},
-        {"closes mid-list", Mode::CloseMid, "/images/json", "", -EPROTO},
-        {"HTTP 500", Mode::Error500, "/info", "", -EPROTO},
-        {"HTTP 500 on inspection", Mode::Error500, "/containers/" + kPodmanRunning, "", -EPROTO},
-        {"not HTTP", Mode::NotHttp, "/_ping", "", -EPROTO},
+        {"trickles a byte a second", Mode::Trickle, "/images/json", ok + "Content-Length: 100000\r\n\r\n[",
+         -ETIMEDOUT},
+        {"1 GB without length", Mode::Flood, "/info", ok + "Connection: close\r\n\r\n[", -EMSGSIZE},
+        {"1 GB with its length", Mode::Flood, "/containers/json", ok + "Content-Length: 1073741824\r\n\r\n[",
+         -EMSGSIZE},
+        {"closes mid-answer", Mode::Raw, "/_ping", half, -EPROTO},
+        {"closes mid-list", Mode::Raw, "/images/json", half, -EPROTO},
+        {"HTTP 500", Mode::Raw, "/info", e500, -EPROTO},
+        {"HTTP 500 on inspection", Mode::Raw, "/containers/" + kPodmanRunning, e500, -EPROTO},
+        {"not HTTP", Mode::Raw, "/_ping", "SSH-2.0-OpenSSH_9.2\r\n\r\n\r\n", -EPROTO},
         {"malformed JSON", Mode::Normal, "/images/json", R"([{"Id": "sha256:1", )", -EPROTO},
         {"deeply nested JSON", Mode::Normal, "/containers/json?all=1", std::string(100000, '['), -EPROTO},
         {"info not an object", Mode::Normal, "/info", "[]", -EPROTO},
@@ -337,7 +326,7 @@ TEST_F(Engine, MisbehavingEnginesFailWithTheirCodeAndLeaveNothingBehind) {
         auto r = routes("podman");
         if (c.mode == Mode::Normal && c.body.empty()) r.erase(c.bad);
         if (c.mode == Mode::Normal && !c.body.empty()) r[c.bad] = c.body;
-        FakeEngine e(sock("e.sock"), r, c.mode, c.bad);
+        FakeEngine e(sock("e.sock"), r, c.mode, c.bad, c.body);
         DockerInfo d = sentinel();
         EXPECT_EQ(c.code, engine::query_engines({sock("e.sock")}, d, 1500));
         EXPECT_EQ(record(sentinel()), record(d));
@@ -370,19 +359,10 @@ TEST_F(Engine, UnprivilegedCallerIsRefused) {
     FakeEngine e(sock("root.sock"), routes("podman"));
     chmod(sock("root.sock").c_str(), 0700);
     chmod(dir.path.c_str(), 0755);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
-            setresuid(65534, 65534, 65534) != 0)
-            _exit(100);
-        DockerInfo d;
-        _exit(-engine::query_engines({sock("root.sock")}, d));
-    }
-    int st = 0;
-    ASSERT_EQ(child, waitpid(child, &st, 0));
-    ASSERT_TRUE(WIFEXITED(st));
-    EXPECT_EQ(EACCES, WEXITSTATUS(st));
+    EXPECT_EQ(EACCES, amtest::as_nobody([&] {
+                  DockerInfo d;
+                  return -engine::query_engines({sock("root.sock")}, d);
+              }));
     EXPECT_EQ(0, e.requests);
 }
 

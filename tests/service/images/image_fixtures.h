@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "collectors.h"
 #include "test_util.h"
 
 namespace amimg {
@@ -171,13 +172,61 @@ inline std::string in_readonly_mount(const std::string& tree, const std::functio
         _exit(0);
     }
     close(p[1]);
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(p[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+    const std::string out =
+        amtest::read_text("/proc/self/fd/" + std::to_string(p[0]));  // until the child ends
     close(p[0]);
     waitpid(pid, nullptr, 0);
     return out;
+}
+
+// Fields joined by blanks.
+template <class... F>
+inline std::string words(const F&... f) {
+    std::string out;
+    ((out += std::string(f) + " "), ...);
+    return out;
+}
+
+// One kind's records as text: "== kind rc", then a line per record.
+template <class T, class Line>
+inline std::string kind(const char* name, int (*collect)(const amsvc::HostRoot&, std::vector<T>&),
+                        const amsvc::HostRoot& root, Line line) {
+    std::vector<T> v;
+    std::string out = std::string("== ") + name + " " + std::to_string(collect(root, v)) + "\n";
+    for (const T& x : v) out += line(x) + "\n";
+    return out;
+}
+
+// Every kind's records as text.
+inline std::string inventory(const amsvc::HostRoot& root) {
+    using std::to_string;
+    amsvc::AM::SystemInfo s;
+    const int sys_rc = amsvc::collect_system_facts(root, s);
+    std::vector<amsvc::AM::ThirdPartDevLibInfo> libs;
+    const int lib_rc = amsvc::collect_libraries(root, libs);
+    return kind("processes", amsvc::collect_processes, root,
+                [](const auto& p) { return words(to_string(p.pid), p.name, p.path, p.cmd_line); }) +
+           kind("netlinks", amsvc::collect_netlinks, root,
+                [](const auto& n) {
+                    return words(n.proto, n.local_addr, to_string(n.local_port), n.proc_path);
+                }) +
+           kind("packages", amsvc::collect_packages, root,
+                [](const auto& p) {
+                    return words(p.type, p.name, p.version, "[" + p.installtime + "]", p.summary);
+                }) +
+           kind("users", amsvc::collect_users, root,
+                [](const auto& u) { return words(u.name, u.uid, u.homedir, u.last_change_passwd); }) +
+           kind("crons", amsvc::collect_crons, root,
+                [](const auto& c) { return words(c.user, c.file, c.cmd_line, c.comment); }) +
+           kind("modules", amsvc::collect_kernel_modules, root, [](const auto& m) { return m.name; }) +
+           kind("autoruns", amsvc::collect_autoruns, root,
+                [](const auto& a) { return words(a.name, a.script_path, a.status, a.comment); }) +
+           kind("servers", amsvc::collect_servers, root,
+                [](const auto& v) { return words(v.name, v.install_path, v.configure_path); }) +
+           "== libraries " + to_string(lib_rc) + "\n" + to_string(libs.size()) + "\n== system " +
+           to_string(sys_rc) + "\n" + s.host + "|" + s.version + "|" + s.kernel_version + "|" + s.arch + "|" +
+           s.Manufacturer + "|" + s.product + "|" + s.Serial + "|" + to_string(s.network_card.size()) + "|" +
+           to_string(s.disk.size()) + "\n";
 }
 
 }  // namespace amimg

@@ -18,7 +18,6 @@
 #include "collectors.h"
 #include "core/common.h"
 #include "image_fixtures.h"
-#include "system/sysfacts.h"
 
 namespace {
 
@@ -208,10 +207,7 @@ TEST(Images, FamilyLayouts) {
     dir.link("/etc/runlevels/default/sshd", "/etc/init.d/sshd");
     dir.link("/etc/runlevels/boot/sshd", "/etc/init.d/sshd");
     // An aarch64 /bin/sh on this x86_64 machine.
-    std::string elf("\177ELF\2\1\1");
-    elf.resize(64, '\0');
-    elf[18] = static_cast<char>(183);
-    dir.file("/bin/busybox", elf, 0755);
+    dir.file("/bin/busybox", amtest::elf_header(183), 0755);
     dir.link("/bin/sh", "/bin/busybox");
     // Merged /usr: /lib is a link to usr/lib.
     dir.link("/lib", "usr/lib");
@@ -266,14 +262,7 @@ TEST(Images, FifoIsNeverOpened) {
             usleep(10000);
         }
     }
-    std::vector<AM::CronInfo> crons;
-    std::vector<AM::UserInfo> users;
-    std::vector<AM::SysInstallPackageInfo> pkgs;
-    AM::SystemInfo sys;
-    collect_crons(HostRoot(dir.path), crons);
-    collect_users(HostRoot(dir.path), users);
-    collect_packages(HostRoot(dir.path), pkgs);
-    collect_system_facts(HostRoot(dir.path), sys);
+    amimg::inventory(HostRoot(dir.path));  // every kind
     for (pid_t w : writers) {
         int st;
         EXPECT_EQ(0, waitpid(w, &st, WNOHANG)) << "a writer was released: the FIFO was opened";

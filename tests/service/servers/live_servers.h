@@ -12,30 +12,19 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-namespace amlive {
+#include "../test_util.h"
 
-inline void put(const std::string& path, const std::string& text) {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path) << text;
-}
+namespace amlive {
 
 inline int sh(const std::string& cmd) { return system(cmd.c_str()); }
 
 // The number a shell command prints, 0 when none.
-inline pid_t pid_of(const std::string& cmd) {
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return 0;
-    char buf[64] = {};
-    const bool got = fgets(buf, sizeof buf, p) != nullptr;
-    pclose(p);
-    return got ? static_cast<pid_t>(atol(buf)) : 0;
-}
+inline pid_t pid_of(const std::string& cmd) { return static_cast<pid_t>(atol(amtest::run(cmd).c_str())); }
 
 inline pid_t pid_from(const std::string& file) { return pid_of("cat " + file + " 2>/dev/null"); }
 
@@ -77,16 +66,13 @@ inline pid_t main_pid(pid_t pid) {
 }
 
 struct LiveServers {
-    std::string dir;
+    amtest::TempDir tmp{"amlive"};  // removed after the servers stopped
+    std::string dir = tmp.path;
     int base = 0;  // first port
     pid_t nginx = 0, apache = 0, redis = 0, memcached = 0;
     std::string log;  // what failed to start
 
-    explicit LiveServers(int base_port) : base(base_port) {
-        char tmpl[] = "/tmp/amlive_XXXXXX";
-        if (mkdtemp(tmpl)) dir = tmpl;
-        chmod(dir.c_str(), 0755);
-    }
+    explicit LiveServers(int base_port) : base(base_port) { chmod(dir.c_str(), 0755); }
     ~LiveServers() { stop(); }
 
     int nginx_port() const { return base; }
@@ -120,18 +106,19 @@ struct LiveServers {
         for (const char* t : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
             conf << "  " << t << "_temp_path " << d << "/tmp;\n";
         conf << "  include sites/*.conf;\n}\n";
-        put(d + "/nginx.conf", conf.str());
-        put(d + "/snippet.conf", "access_log " + d + "/snippet.log;\nindex index.html;\n");
+        amtest::write_file(d + "/nginx.conf", conf.str());
+        amtest::write_file(d + "/snippet.conf", "access_log " + d + "/snippet.log;\nindex index.html;\n");
         for (int i = 0; i < sites; ++i) {
             std::ostringstream s;
             s << "server {\n  listen 127.0.0.1:" << nginx_port() << ";\n  server_name site" << i
               << ".test www.site" << i << ".test;\n  root " << dir << "/www/site" << i << ";\n"
               << (i < 2 ? "  include snippet.conf;\n" : "") << "}\n";
-            put(d + "/sites/site" + std::to_string(i) + ".conf", s.str());
+            amtest::write_file(d + "/sites/site" + std::to_string(i) + ".conf", s.str());
         }
-        put(d + "/sites/zz-proxy.conf", "server {\n  listen 127.0.0.1:" + std::to_string(nginx_proxy_port()) +
-                                            ";\n  server_name proxy.test;\n  location / { proxy_pass "
-                                            "http://127.0.0.1:9; }\n}\n");
+        amtest::write_file(d + "/sites/zz-proxy.conf",
+                           "server {\n  listen 127.0.0.1:" + std::to_string(nginx_proxy_port()) +
+                               ";\n  server_name proxy.test;\n  location / { proxy_pass "
+                               "http://127.0.0.1:9; }\n}\n");
         std::filesystem::create_directories(d + "/tmp");
         return launch("nginx",
                       "/usr/sbin/nginx -c " + d + "/nginx.conf -p " + d + "/ >" + d + "/start.log 2>&1",
@@ -140,11 +127,12 @@ struct LiveServers {
 
     bool start_apache(int sites) {
         const std::string d = dir + "/apache";
-        put(d + "/envvars",
-            "export APACHE_RUN_USER=www-data\nexport APACHE_RUN_GROUP=www-data\n"
-            "export APACHE_PID_FILE=" +
-                d + "/apache.pid\nexport APACHE_RUN_DIR=" + d + "/run\nexport APACHE_LOCK_DIR=" + d +
-                "/lock\nexport APACHE_LOG_DIR=" + d + "/logs\nexport LANG=C\n");
+        amtest::write_file(d + "/envvars",
+                           "export APACHE_RUN_USER=www-data\nexport APACHE_RUN_GROUP=www-data\n"
+                           "export APACHE_PID_FILE=" +
+                               d + "/apache.pid\nexport APACHE_RUN_DIR=" + d +
+                               "/run\nexport APACHE_LOCK_DIR=" + d + "/lock\nexport APACHE_LOG_DIR=" + d +
+                               "/logs\nexport LANG=C\n");
         std::ostringstream conf;
         const std::string mods = "/usr/lib/apache2/modules/";
         conf << "DefaultRuntimeDir ${APACHE_RUN_DIR}\nPidFile ${APACHE_PID_FILE}\nMutex "
@@ -159,8 +147,8 @@ struct LiveServers {
              << "<IfDefine NEVER>\n  Listen 127.0.0.1:" << apache_port() + 101 << "\n</IfDefine>\n"
              << "<IfModule mpm_event_module>\n  Listen 127.0.0.1:" << apache_port2() << "\n</IfModule>\n"
              << "IncludeOptional sites-enabled/*.conf\nIncludeOptional does-not-exist/*.conf\n";
-        put(d + "/apache2.conf", conf.str());
-        put(d + "/snippet.conf", "CustomLog ${SITE_LOGS}/snippet.log \"%h %r\"\n");
+        amtest::write_file(d + "/apache2.conf", conf.str());
+        amtest::write_file(d + "/snippet.conf", "CustomLog ${SITE_LOGS}/snippet.log \"%h %r\"\n");
         for (int i = 0; i < sites; ++i) {
             std::ostringstream s;
             s << "<VirtualHost 127.0.0.1:" << apache_port() << ">\n  ServerName vhost" << i
@@ -169,11 +157,12 @@ struct LiveServers {
               << (i < 2 ? "  Include snippet.conf\n"
                         : "  CustomLog ${SITE_LOGS}/v" + std::to_string(i) + ".log \"%h\"\n")
               << "</VirtualHost>\n";
-            put(d + "/sites-enabled/vhost" + std::to_string(i) + ".conf", s.str());
+            amtest::write_file(d + "/sites-enabled/vhost" + std::to_string(i) + ".conf", s.str());
         }
-        put(d + "/sites-enabled/zz-second.conf", "<VirtualHost *:" + std::to_string(apache_port2()) +
-                                                     ">\n  ServerName second.test\n  DocumentRoot " + dir +
-                                                     "/www/second\n</VirtualHost>\n");
+        amtest::write_file(d + "/sites-enabled/zz-second.conf",
+                           "<VirtualHost *:" + std::to_string(apache_port2()) +
+                               ">\n  ServerName second.test\n  DocumentRoot " + dir +
+                               "/www/second\n</VirtualHost>\n");
         for (const char* sub : {"/run", "/lock", "/logs/sites"}) std::filesystem::create_directories(d + sub);
         return launch("apache2",
                       "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin sh -c '. " + d +
@@ -183,9 +172,10 @@ struct LiveServers {
 
     bool start_redis() {
         const std::string d = dir + "/redis";
-        put(d + "/redis.conf", "port " + std::to_string(redis_port()) +
-                                   "\nbind 127.0.0.1\ndaemonize yes\npidfile " + d + "/redis.pid\ndir " + d +
-                                   "\nlogfile " + d + "/redis.log\nsave \"\"\n");
+        amtest::write_file(d + "/redis.conf", "port " + std::to_string(redis_port()) +
+                                                  "\nbind 127.0.0.1\ndaemonize yes\npidfile " + d +
+                                                  "/redis.pid\ndir " + d + "\nlogfile " + d +
+                                                  "/redis.log\nsave \"\"\n");
         return launch("redis-server", "/usr/bin/redis-server " + d + "/redis.conf >/dev/null 2>&1",
                       redis_port(), d + "/redis.pid", false, redis);
     }
@@ -204,11 +194,6 @@ struct LiveServers {
         for (pid_t* pid : {&nginx, &apache, &redis, &memcached}) {
             stop_pid(*pid);
             *pid = 0;
-        }
-        if (!dir.empty()) {
-            std::error_code ec;
-            std::filesystem::remove_all(dir, ec);
-            dir.clear();
         }
     }
 };

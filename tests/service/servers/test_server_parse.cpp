@@ -3,12 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
-#include <sstream>
 
 #include "servers/server_parse.h"
+#include "test_util.h"
 
 using namespace amsvc::servers;
 
@@ -45,12 +44,9 @@ MapSource& conf_tree() {
     static MapSource src = [] {
         const std::string top = ASSETMAN_FIXTURES "/conf";
         std::map<std::string, std::string> files;
-        for (const auto& e : std::filesystem::recursive_directory_iterator(top)) {
-            if (!e.is_regular_file()) continue;
-            std::ostringstream text;
-            text << std::ifstream(e.path()).rdbuf();
-            files[e.path().string().substr(top.size())] = text.str();
-        }
+        for (const auto& e : std::filesystem::recursive_directory_iterator(top))
+            if (e.is_regular_file())
+                files[e.path().string().substr(top.size())] = amtest::read_text(e.path());
         return MapSource(files);
     }();
     return src;
@@ -186,24 +182,13 @@ TEST(ServerParse, DatabaseAndCacheConfigs) {
 }
 
 TEST(ServerParse, ExecutableFacts) {
-    std::string elf(64, '\0');
-    elf.replace(0, 4,
-                "\x7f"
-                "ELF");
     struct {
+        int machine;
         char cls, data;
-        unsigned char m0, m1;
         const char* arch;
-    } elves[] = {{2, 1, 62, 0, "x86_64"}, {2, 1, 183, 0, "aarch64"}, {1, 1, 3, 0, "i386"},
-                 {2, 2, 0, 21, "ppc64"},  {2, 1, 21, 0, "ppc64le"},  {2, 2, 0, 22, "s390x"}};
-    for (const auto& e : elves) {
-        std::string h = elf;
-        h[4] = e.cls;
-        h[5] = e.data;
-        h[18] = static_cast<char>(e.m0);
-        h[19] = static_cast<char>(e.m1);
-        EXPECT_EQ(elf_machine(h), e.arch);
-    }
+    } elves[] = {{62, 2, 1, "x86_64"}, {183, 2, 1, "aarch64"}, {3, 1, 1, "i386"},
+                 {21, 2, 2, "ppc64"},  {21, 2, 1, "ppc64le"},  {22, 2, 2, "s390x"}};
+    for (const auto& e : elves) EXPECT_EQ(elf_machine(amtest::elf_header(e.machine, e.cls, e.data)), e.arch);
     EXPECT_EQ(elf_machine("#!/bin/sh\n"), "");
     EXPECT_EQ(find_version(std::string("xxnginx/\0nginx/1.22.1\0", 22), "nginx/"), "1.22.1");
     EXPECT_EQ(find_version("Apache/2.4 Apache/2.4.57 (Debian)", "Apache/"), "2.4");

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 #include "../test_util.h"
 #include "collectors.h"
@@ -21,16 +22,6 @@ namespace {
 
 // A literal with its NUL bytes.
 #define BYTES(lit) std::string(lit, sizeof(lit) - 1)
-
-// An ELF header of `machine` (62 x86_64, 183 aarch64) followed by `tail`.
-std::string elf(int machine, const std::string& tail = "") {
-    std::string h = BYTES(
-                        "\x7f"
-                        "ELF\x02\x01\x01") +
-                    std::string(57, '\0');
-    h[18] = static_cast<char>(machine);
-    return h + tail;
-}
 
 // The tree fixtures/<name> copied into `t`.
 void copy_fixture(const TempDir& t, const std::string& name) {
@@ -66,7 +57,7 @@ std::string text(const std::vector<AM::ServiceInfo>& v) {
 
 // The records fixtures/<name>.expected holds, as text() writes them.
 std::string expected(const std::string& name) {
-    return amtest::run("cat " + std::string(ASSETMAN_FIXTURES) + "/" + name + ".expected");
+    return amtest::read_text(ASSETMAN_FIXTURES "/" + name + ".expected");
 }
 
 // "port host" of each site of the records.
@@ -83,36 +74,6 @@ const AM::ServiceInfo* find(const std::vector<AM::ServiceInfo>& v, uint32_t pid,
     return nullptr;
 }
 
-// A /proc/net/tcp with a listener per (port, inode), and processes that own
-// one of those sockets each.
-void fake_tcp(const TempDir& t, const std::vector<std::pair<int, int>>& socks) {
-    std::string tcp =
-        "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n";
-    for (size_t i = 0; i < socks.size(); ++i) {
-        char line[256];
-        snprintf(line, sizeof line,
-                 "   %zu: 00000000:%04X 00000000:0000 0A 00000000:00000000 00:00000000 00000000     0        "
-                 "0 %d 1\n",
-                 i, socks[i].first, socks[i].second);
-        tcp += line;
-    }
-    t.file("/proc/net/tcp", tcp);
-}
-
-void fake_proc(const TempDir& t, int pid, const std::string& comm, const std::string& exe,
-               const std::vector<std::string>& argv, int inode) {
-    const std::string d = "/proc/" + std::to_string(pid);
-    std::string cmd;
-    for (const auto& a : argv) cmd += a + std::string(1, '\0');
-    t.file(d + "/comm", comm + "\n");
-    t.file(d + "/stat",
-           std::to_string(pid) + " (" + comm + ") S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n");
-    t.file(d + "/status", "Uid:\t0\t0\t0\t0\nGid:\t0\t0\t0\t0\n");
-    t.file(d + "/cmdline", cmd);
-    t.link(d + "/exe", exe);
-    t.link(d + "/fd/5", "socket:[" + std::to_string(inode) + "]");
-}
-
 // An image with servers installed and configured but not running: records with
 // pid 0 and the ports of their configuration. Its nginx sites hold hostile
 // files: a link to the image's root-only shadow file, a loop, a FIFO, a file
@@ -122,7 +83,7 @@ TEST(Servers, IdleServersOfAnImageWithHostileFiles) {
     t.mkdir("/proc");
     for (const char* exe :
          {"/usr/sbin/mariadbd", "/usr/bin/redis-server", "/usr/lib/postgresql/15/bin/postgres"})
-        t.file(exe, elf(62), 0755);
+        t.file(exe, amtest::elf_header(62), 0755);
     copy_fixture(t, "image");  // no mongod program: not installed
     t.link("/etc/nginx/sites-enabled/shop", "../sites-available/shop");
     t.file("/etc/shadow", "server { listen 6666; server_name leaked; }\n", 0640);
@@ -146,22 +107,19 @@ TEST(Servers, IdleServersOfAnImageWithHostileFiles) {
 TEST(Servers, ProductsAndAContainerUnderAFakeProc) {
     TempDir t("amsrv");
     copy_fixture(t, "products");
-    fake_tcp(t, {{8080, 900}, {3306, 901}, {5432, 902}, {27017, 903}, {8088, 777}});
-    fake_proc(t, 100, "java", "/usr/lib/jvm/java-17/bin/java",
-              {"/usr/bin/java", "-Dcatalina.base=/var/lib/tomcat10", "-Dcatalina.home=/usr/share/tomcat10",
-               "-cp", "x.jar", "org.apache.catalina.startup.Bootstrap", "start"},
-              900);
-    fake_proc(t, 200, "mysqld", "/usr/sbin/mysqld", {"/usr/sbin/mysqld"}, 901);
-    fake_proc(t, 300, "postgres", "/usr/lib/postgresql/15/bin/postgres",
-              {"/usr/lib/postgresql/15/bin/postgres", "-D", "/var/lib/postgresql/15/main", "-c",
-               "config_file=/etc/postgresql/15/main/postgresql.conf"},
-              902);
-    fake_proc(t, 400, "mongod", "/usr/bin/mongod", {"/usr/bin/mongod", "--config", "/etc/mongod.conf"}, 903);
-    fake_proc(t, 4242, "nginx", "/usr/sbin/nginx", {"nginx: master process /usr/sbin/nginx -g daemon off;"},
-              777);
-    t.file("/proc/4242/cgroup", "0::/system.slice/web.service\n");
+    // Its /proc holds each process's text files: here their links, each to a
+    // listener of its /proc/net/tcp.
+    for (const auto& [pid, exe, inode] : {std::tuple{100, "/usr/lib/jvm/java-17/bin/java", 900},
+                                          {200, "/usr/sbin/mysqld", 901},
+                                          {300, "/usr/lib/postgresql/15/bin/postgres", 902},
+                                          {400, "/usr/bin/mongod", 903},
+                                          {4242, "/usr/sbin/nginx", 777}}) {
+        t.link("/proc/" + std::to_string(pid) + "/exe", exe);
+        t.link("/proc/" + std::to_string(pid) + "/fd/5", "socket:[" + std::to_string(inode) + "]");
+    }
     t.link("/proc/4242/root", "/containers/c1");
-    t.file("/containers/c1/usr/sbin/nginx", elf(183, std::string(100, 'x') + BYTES("nginx/1.25.3\0")));
+    t.file("/containers/c1/usr/sbin/nginx",
+           amtest::elf_header(183) + std::string(100, 'x') + BYTES("nginx/1.25.3\0"));
 
     const auto out = collect(t.path);
     EXPECT_EQ(text(out), expected("products"));
@@ -214,9 +172,8 @@ TEST(Servers, UnprivilegedListenerWithHostileConfiguration) {
     EXPECT_EQ(s->exec_user, "nobody");
     EXPECT_EQ(s->configure_path, t.path + "/conf/nginx.conf");
     const std::set<std::string> keys = site_keys({s});
-    EXPECT_TRUE(keys.count(std::to_string(port) + " attacker.test"));
-    EXPECT_TRUE(keys.count(std::to_string(port) + " c0.test"));
-    EXPECT_TRUE(keys.count(std::to_string(port) + " big.test"));
+    for (const char* site : {" attacker.test", " c0.test", " big.test"})
+        EXPECT_TRUE(keys.count(std::to_string(port) + site)) << site;
     EXPECT_FALSE(keys.count(std::to_string(port) + " c199.test"));  // cut at the include depth bound
     EXPECT_EQ(keys.size(), s->hosts.size());                        // each site once despite the loop
     EXPECT_EQ(text(out).find("root:"), std::string::npos) << "a field holds /etc/shadow's text";
