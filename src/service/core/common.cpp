@@ -119,17 +119,24 @@ int stat_host(const HostRoot& root, std::string_view host_path, struct stat& st,
     return r;
 }
 
-int list_host_dir(const HostRoot& root, std::string_view host_path, std::vector<std::string>& names,
-                  size_t max_entries) {
-    names.clear();
+int open_host_dir(const HostRoot& root, std::string_view host_path, DIR** out) {
+    *out = nullptr;
     const int fd = open_host(root, host_path, O_RDONLY | O_DIRECTORY | O_NONBLOCK);
     if (fd < 0) return fd;
-    DIR* d = ::fdopendir(fd);
-    if (!d) {
+    *out = ::fdopendir(fd);
+    if (!*out) {
         const int e = errno;
         ::close(fd);
         return -e;
     }
+    return 0;
+}
+
+int list_host_dir(const HostRoot& root, std::string_view host_path, std::vector<std::string>& names,
+                  size_t max_entries) {
+    names.clear();
+    DIR* d;
+    if (const int r = open_host_dir(root, host_path, &d)) return r;
     while (struct dirent* e = ::readdir(d)) {
         const char* n = e->d_name;
         if (n[0] == '.' && (n[1] == 0 || (n[1] == '.' && n[2] == 0))) continue;

@@ -5,6 +5,7 @@
 
 #include <errno.h>
 #include <stdint.h>
+#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <time.h>
@@ -139,6 +140,9 @@ int read_host_file(const HostRoot& root, std::string_view host_path, std::string
 int open_host(const HostRoot& root, std::string_view host_path, int oflags);
 // stat(2), or lstat(2) with kNoFollow. 0 or a negative errno.
 int stat_host(const HostRoot& root, std::string_view host_path, struct stat& st, unsigned flags = kReadDefault);
+// Opens a directory of the host for reading its entries, in-root; *out is
+// the caller's to closedir. 0 or a negative errno.
+int open_host_dir(const HostRoot& root, std::string_view host_path, DIR** out);
 // Entry names of a host directory, without "." and ".."; -errno when it
 // cannot be opened. At most `max_entries` names (the rest dropped).
 int list_host_dir(const HostRoot& root, std::string_view host_path, std::vector<std::string>& names,

@@ -39,14 +39,8 @@ int list_dir_entries(const HostRoot& root, std::string_view host_path, DirEntrie
                      size_t max_entries) {
     out.clear();
     complete = false;
-    const int fd = open_host(root, host_path, O_RDONLY | O_DIRECTORY | O_NONBLOCK);
-    if (fd < 0) return fd;
-    DIR* d = ::fdopendir(fd);
-    if (!d) {
-        const int e = errno;
-        ::close(fd);
-        return -e;
-    }
+    DIR* d;
+    if (const int r = open_host_dir(root, host_path, &d)) return r;
     // Types and link targets are read relative to the directory opened, one
     // component each, never following: nothing leaves the root.
     const int dfd = ::dirfd(d);
