@@ -125,11 +125,6 @@ TEST(ProcessParse, QueryMatchesText) {
 
 // --- fixture /proc tree ----------------------------------------------------
 
-std::string stat_line(int pid, const std::string& comm, int ppid, unsigned flags, unsigned long start) {
-    return std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid) + " 1 1 0 -1 " +
-           std::to_string(flags) + " 0 0 0 0 360000 6000 0 0 20 0 1 0 " + std::to_string(start) + " 0 0\n";
-}
-
 // The text files of fixtures/proc_tree: alice's process 100 ("my app) (x"),
 // the kernel thread 2, and 300 with a truncated stat and an unknown uid. The
 // links, FIFOs, the device and the 10 MB command line are made here.
@@ -227,7 +222,7 @@ TEST(ProcessFixture, ArgumentBudget) {
     // to 1 MiB each, the rest at 64 KiB each.
     amtest::TempDir r;
     r.file("/big", std::string(2u << 20, 'x'));
-    r.file("/stat", stat_line(9, "big", 1, 0, 1));
+    r.file("/stat", "9 (big) S 1 1 1 0 -1 0 0 0 0 0 360000 6000 0 0 20 0 1 0 1 0 0\n");
     for (int pid = 10; pid < 46; ++pid) {
         const std::string dir = r.path + "/proc/" + std::to_string(pid);
         fs::create_directories(dir);
