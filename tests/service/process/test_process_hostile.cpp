@@ -265,14 +265,13 @@ TEST(ProcessBudget, CollectionsContinueWhereTheLastStopped) {
     const DigestBudgetLimits saved = digest_budget();
     for (const DigestBudgetLimits& limits : rows) {
         amtest::TempDir dir("ambudget");
-        std::vector<std::string> files;
+        std::vector<std::string> files, want;
         for (int i = 0; i < 3; ++i) {
             files.push_back(dir.file("/big" + std::to_string(i) + ".so", ""));
             // Different sizes: different files to the digest cache.
             ASSERT_EQ(truncate(files.back().c_str(), (40 << 20) + i), 0);
+            want.push_back(sum(files.back()));
         }
-        std::vector<std::string> want;
-        for (const std::string& f : files) want.push_back(sum(f));
         std::vector<AM::ProcessInfo> all;
         ASSERT_EQ(collect_processes(HostRoot("/"), all), 0);  // the host's other files are cached now
         const pid_t child = fork();
