@@ -174,14 +174,11 @@ TEST(Rpm, DatabaseMadeByRpm) {
     if (!amtest::have_tools("rpmbuild rpm")) GTEST_SKIP() << "rpm/rpmbuild not installed";
     TempDir dir;
     const std::string top = dir.path + "/build", root_dir = dir.path + "/root";
-    fs::create_directories(top + "/SPECS");
-    fs::create_directories(root_dir + "/var/lib/rpm");
-    fs::copy_file(kFixtures + "/amtiny.spec", top + "/SPECS/amtiny.spec");
     const std::string q = " --define '_topdir " + top + "' --define '_build_id_links none' ";
     const std::string rpm = "rpm --root " + root_dir + " --dbpath /var/lib/rpm ";
     int st = 0;
     const std::string log =
-        run("rpmbuild" + q + "-bb " + top + "/SPECS/amtiny.spec 2>&1 && rpm --initdb --dbpath " + root_dir +
+        run("rpmbuild" + q + "-bb " + kFixtures + "/amtiny.spec 2>&1 && rpm --initdb --dbpath " + root_dir +
                 "/var/lib/rpm 2>&1 && " + rpm + "-i --nodeps --noscripts --notriggers " + top +
                 "/RPMS/noarch/amtiny-1.2-3.noarch.rpm 2>&1",
             &st);
