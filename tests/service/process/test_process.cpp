@@ -260,8 +260,12 @@ TEST(ProcessLive, ChildrenAndPs) {
     Reaper reap;
     const pid_t plain = spawn(reap, "/bin/sleep", {"sleep", "3601", "0.125"});
     const pid_t deleted = spawn(reap, copy, {copy, "3602"});
-    const pid_t env = spawn(reap, "/bin/sleep", {"sleep", "3603"}, {"AMTEST_MARK=hello world", "PATH=/bin"},
-                            [&] { return chdir(dir.path.c_str()) == 0; });
+    // Secrets redacted, a newline inside a value escaped (it would fake a variable).
+    const pid_t env =
+        spawn(reap, "/bin/sleep", {"sleep", "3603"},
+              {"AMTEST_MARK=hello world", "MYSQL_PWD=s3cret", "AWS_SECRET_ACCESS_KEY=wJalrXUtnFEMI",
+               "GITHUB_TOKEN=ghp_x", "A=x\nLD_PRELOAD=/tmp/evil.so", "PWD=/tmp"},
+              [&] { return chdir(dir.path.c_str()) == 0; });
     // Exec'ed once the command lines are the new ones.
     ASSERT_TRUE(wait_until([&] {
         return cmdline(plain).rfind("sleep", 0) == 0 && cmdline(deleted).rfind(copy, 0) == 0 &&
@@ -308,8 +312,11 @@ TEST(ProcessLive, ChildrenAndPs) {
 
     const AM::ProcessInfo* e = find_pid(after, env);
     ASSERT_NE(e, nullptr);
-    EXPECT_EQ(std::tie(e->env, e->current_dir),
-              std::make_tuple("AMTEST_MARK=hello world\nPATH=/bin", dir.path));
+    EXPECT_EQ(
+        std::tie(e->env, e->current_dir),
+        std::make_tuple("AMTEST_MARK=hello world\nMYSQL_PWD=<redacted>\nAWS_SECRET_ACCESS_KEY=<redacted>\n"
+                        "GITHUB_TOKEN=<redacted>\nA=x\\nLD_PRELOAD=/tmp/evil.so\nPWD=/tmp",
+                        dir.path));
 
     const AM::ProcessInfo* init = find_pid(after, 1);
     ASSERT_NE(init, nullptr);  // listed even where its exe and maps are denied
