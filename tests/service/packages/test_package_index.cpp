@@ -80,9 +80,8 @@ TEST(Ownership, ApkFixtureSha1) {
 }
 
 TEST(Ownership, NormalizeAndCanon) {
-    EXPECT_EQ(normalize_path("/a/./b//../c/"), "/a/c");
-    EXPECT_EQ(normalize_path("/../../x"), "/x");
-    EXPECT_EQ(normalize_path(""), "/");
+    for (const auto& [in, out] : {std::pair{"/a/./b//../c/", "/a/c"}, {"/../../x", "/x"}, {"", "/"}})
+        EXPECT_EQ(normalize_path(in), out) << in;
     TempDir dir;
     fs::create_directories(dir.path + "/usr/lib/x");
     fs::create_directory_symlink("usr/lib", dir.path + "/lib");
