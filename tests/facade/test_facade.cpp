@@ -1,9 +1,9 @@
 // The facade's cached twins: what they keep, when they ask again, and their
-// locks. Forwarding of every kind, codes and argument checks are covered
-// through Lua (tests/lua/collectors_spec.lua).
+// locks. Forwarding of every kind, codes, argument checks and a throwing
+// service (its error, the lock freed, nothing cached) are covered through Lua
+// (tests/lua/collectors_spec.lua).
 #include <gtest/gtest.h>
 
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -68,17 +68,6 @@ TEST_F(Facade, SystemAndDockerWithoutVersionOrStorageDriverAreNotKept) {
     EXPECT_EQ("overlay2", e.storage_driver);
     EXPECT_EQ(2, fake_am::calls("system"));
     EXPECT_EQ(2, fake_am::calls("docker"));
-}
-
-TEST_F(Facade, ExceptionFromServicePropagatesAndFreesTheLock) {
-    fake_am::set("auto_run_serv", {0, 1, false, false, true});  // throws
-    std::vector<AM::AutoRunServInfo> l;
-    EXPECT_THROW(assetman::collect_auto_run_serv_asset_fast(l), std::runtime_error);
-    ASSERT_TRUE(assetman::g_collect_auto_run_serv_asset_fast_mutex.try_lock());
-    assetman::g_collect_auto_run_serv_asset_fast_mutex.unlock();
-    fake_am::set("auto_run_serv", {0, 1});
-    EXPECT_EQ(0, assetman::collect_auto_run_serv_asset_fast(l));
-    EXPECT_EQ(1u, l.size());
 }
 
 // The first caller is held inside the service while the second one comes in.

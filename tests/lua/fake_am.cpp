@@ -43,31 +43,17 @@ Plan enter(const char* op, size_t size) {
     return p;
 }
 
-// Distinct, recognisable content per record; the rest stays value-initialised.
+// Distinct, recognisable content per record, and nested lists to copy; the
+// rest stays value-initialised.
 template <class R>
 void decorate(R&, size_t, const Plan&) {}
 void decorate(IAssetManager::ProcessInfo& r, size_t i, const Plan& p) {
-    r.pid = static_cast<int32_t>(100 + i);
     r.name = "proc" + std::to_string(i);
     r.cmd_line = std::string(p.text_len, 'c');
     r.modules.resize(2);
-    r.modules[0].path = "/lib/a.so";
-    r.modules[1].path = "/lib/b.so";
-    r.modules[1].verified = true;
 }
-void decorate(IAssetManager::ServiceInfo& r, size_t i, const Plan&) {
-    r.name = "srv" + std::to_string(i);
-    r.port = 4294967295u;
-    r.hosts.resize(1);
-    r.hosts[0].host = "www.example.org";
-}
-void decorate(IAssetManager::CronInfo& r, size_t i, const Plan&) {
-    r.user = "root";
-    r.cmd_line = "job" + std::to_string(i);
-}
-void decorate(IAssetManager::SysInstallPackageInfo& r, size_t, const Plan&) {
-    r.size = 18446744073709551615ULL;
-}
+void decorate(IAssetManager::ServiceInfo& r, size_t, const Plan&) { r.hosts.resize(1); }
+void decorate(IAssetManager::CronInfo& r, size_t i, const Plan&) { r.cmd_line = "job" + std::to_string(i); }
 
 template <class R>
 int32_t fill(const char* op, std::vector<R>& list) {
@@ -103,7 +89,6 @@ public:
         if (!s) return p.code;
         s->host = "host1";
         s->version = p.blank ? "" : "os-1";
-        s->b64 = true;
         s->envs.clear();
         for (size_t i = 0; i < p.records; ++i) s->envs.push_back("K" + std::to_string(i) + "=V");
         s->network_card.assign(p.records, NetworkCardInfo{"", "", "", "", "", "", "", 1500});

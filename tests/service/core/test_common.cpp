@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "core/common.h"
 #include "test_util.h"
 

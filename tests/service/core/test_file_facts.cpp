@@ -1,11 +1,7 @@
 // Digests of host files: known vectors, agreement with coreutils, files that
 // must never be read (FIFO, device, refused symlink), and the identity cache.
-#include <gtest/gtest.h>
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <string>
 #include <tuple>
 
 #include "core/digest_cache.h"
@@ -69,11 +65,9 @@ TEST(Digests, KnownVectorsAndCoreutilsAgree) {
 
 TEST(Digests, NeverReadsWhatIsNotARegularFile) {
     TempDir dir;
-    const std::string fifo = dir.path + "/fifo";
+    const std::string fifo = dir.path + "/fifo", link = dir.path + "/link";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const std::string target = dir.file("/target", "abc");
-    const std::string link = dir.path + "/link";
-    ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    dir.link("/link", dir.file("/target", "abc"));
 
     // No writer on the FIFO (a blocking open would hang the test), /dev/zero
     // endless, a directory, a name that is gone.
@@ -86,8 +80,8 @@ TEST(Digests, NeverReadsWhatIsNotARegularFile) {
     EXPECT_EQ(facts_of(link, false).md5, "900150983cd24fb0d6963f7d28e17f72");
 
     // Hashing through a root: host_path names it, the root places it.
-    FileFacts rooted = file_facts(HostRoot(dir.path), FileRef{"/target", "", false});
-    EXPECT_EQ(rooted.md5, "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_EQ(file_facts(HostRoot(dir.path), FileRef{"/target", "", false}).md5,
+              "900150983cd24fb0d6963f7d28e17f72");
 }
 
 TEST(Digests, CacheReadsOnceAndNoticesRewrites) {

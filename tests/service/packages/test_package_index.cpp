@@ -1,15 +1,7 @@
 // Package ownership and verification: fixture roots for dpkg and apk, a
 // scratch copy of a real package judged against debsums, the real host's
 // libc, and an rpm database made by rpm itself.
-#include <gtest/gtest.h>
-#include <stdio.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 #include <set>
-#include <string>
 #include <tuple>
 
 #include "collectors.h"
@@ -88,9 +80,8 @@ TEST(Ownership, ApkFixtureSha1) {
 }
 
 TEST(Ownership, NormalizeAndCanon) {
-    EXPECT_EQ(normalize_path("/a/./b//../c/"), "/a/c");
-    EXPECT_EQ(normalize_path("/../../x"), "/x");
-    EXPECT_EQ(normalize_path(""), "/");
+    for (const auto& [in, out] : {std::pair{"/a/./b//../c/", "/a/c"}, {"/../../x", "/x"}, {"", "/"}})
+        EXPECT_EQ(normalize_path(in), out) << in;
     TempDir dir;
     fs::create_directories(dir.path + "/usr/lib/x");
     fs::create_directory_symlink("usr/lib", dir.path + "/lib");
@@ -182,14 +173,11 @@ TEST(Rpm, DatabaseMadeByRpm) {
     if (!amtest::have_tools("rpmbuild rpm")) GTEST_SKIP() << "rpm/rpmbuild not installed";
     TempDir dir;
     const std::string top = dir.path + "/build", root_dir = dir.path + "/root";
-    fs::create_directories(top + "/SPECS");
-    fs::create_directories(root_dir + "/var/lib/rpm");
-    fs::copy_file(kFixtures + "/amtiny.spec", top + "/SPECS/amtiny.spec");
     const std::string q = " --define '_topdir " + top + "' --define '_build_id_links none' ";
     const std::string rpm = "rpm --root " + root_dir + " --dbpath /var/lib/rpm ";
     int st = 0;
     const std::string log =
-        run("rpmbuild" + q + "-bb " + top + "/SPECS/amtiny.spec 2>&1 && rpm --initdb --dbpath " + root_dir +
+        run("rpmbuild" + q + "-bb " + kFixtures + "/amtiny.spec 2>&1 && rpm --initdb --dbpath " + root_dir +
                 "/var/lib/rpm 2>&1 && " + rpm + "-i --nodeps --noscripts --notriggers " + top +
                 "/RPMS/noarch/amtiny-1.2-3.noarch.rpm 2>&1",
             &st);
@@ -237,24 +225,22 @@ TEST(Ownership, IndexFollowsDatabaseChanges) {
 // md5sums. Nothing hangs, and only the honest list is believed.
 TEST(Ownership, HostileDpkgDatabase) {
     TempDir dir;
-    const std::string r = dir.path, info = r + "/var/lib/dpkg/info";
-    fs::create_directories(info);
-    fs::create_directories(r + "/usr/bin");
+    const std::string info = dir.path + "/var/lib/dpkg/info";
     std::string status;
     for (const char* name : {"../../outside", "fifo", "linked", "good"})
         status += std::string("Package: ") + name +
                   "\nStatus: install ok installed\nArchitecture: all\n"
                   "Maintainer: M <m@example.org>\nVersion: 1\n\n";
-    std::ofstream(r + "/var/lib/dpkg/status") << status;
-    std::ofstream(r + "/var/lib/outside.list") << "/usr/bin/stolen\n";
-    ASSERT_EQ(mkfifo((info + "/fifo.list").c_str(), 0644), 0);
-    std::ofstream(dir.path + "/elsewhere.list") << "/usr/bin/linked\n";
-    fs::create_symlink("../../../../elsewhere.list", info + "/linked.list");
-    std::ofstream(info + "/good.list") << "/usr/bin\n/usr/bin/good\n";
-    ASSERT_EQ(mkfifo((info + "/good.md5sums").c_str(), 0644), 0);
-    std::ofstream(r + "/usr/bin/good") << "good\n";
+    dir.file("/var/lib/dpkg/status", status);
+    dir.file("/var/lib/outside.list", "/usr/bin/stolen\n");
+    dir.file("/elsewhere.list", "/usr/bin/linked\n");
+    dir.link("/var/lib/dpkg/info/linked.list", "../../../../elsewhere.list");
+    dir.file("/var/lib/dpkg/info/good.list", "/usr/bin\n/usr/bin/good\n");
+    dir.file("/usr/bin/good", "good\n");
+    for (const char* fifo : {"/fifo.list", "/good.md5sums"})
+        ASSERT_EQ(mkfifo((info + fifo).c_str(), 0644), 0);
 
-    const HostRoot root(r);
+    const HostRoot root(dir.path);
     for (const char* path : {"/usr/bin/stolen", "/usr/bin/linked", "/usr/bin"}) {
         FileOwner o;
         EXPECT_FALSE(package_owner(root, path, o)) << path;

@@ -1,12 +1,9 @@
 // Installed packages: the dpkg and apk parsers on fixtures and hostile input,
 // and the collector against dpkg-query on this host.
 #include <errno.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <map>
 #include <set>
-#include <string>
 #include <tuple>
 
 #include "packages/apk_db.h"
@@ -85,8 +82,7 @@ TEST(DpkgStatus, HostileInput) {
     split_deb_version(pkgs[1].version, v, r);
     EXPECT_EQ(std::tie(v, r), std::make_tuple("-", ""));
 
-    EXPECT_TRUE(parse_dpkg_status("").empty());
-    EXPECT_TRUE(parse_dpkg_status("\n\n\r\n").empty());
+    for (const char* empty : {"", "\n\n\r\n"}) EXPECT_TRUE(parse_dpkg_status(empty).empty());
     for (const char* st : {"hold ok installed", "deinstall ok installed"}) EXPECT_TRUE(dpkg_is_installed(st));
     for (const char* st :
          {"install reinstreq installed", "install ok unpacked", "install ok installed extra"})

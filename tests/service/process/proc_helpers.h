@@ -9,7 +9,6 @@
 #include <sys/wait.h>
 
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <thread>

@@ -125,11 +125,6 @@ TEST(ProcessParse, QueryMatchesText) {
 
 // --- fixture /proc tree ----------------------------------------------------
 
-std::string stat_line(int pid, const std::string& comm, int ppid, unsigned flags, unsigned long start) {
-    return std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid) + " 1 1 0 -1 " +
-           std::to_string(flags) + " 0 0 0 0 360000 6000 0 0 20 0 1 0 " + std::to_string(start) + " 0 0\n";
-}
-
 // The text files of fixtures/proc_tree: alice's process 100 ("my app) (x"),
 // the kernel thread 2, and 300 with a truncated stat and an unknown uid. The
 // links, FIFOs, the device and the 10 MB command line are made here.
@@ -227,7 +222,7 @@ TEST(ProcessFixture, ArgumentBudget) {
     // to 1 MiB each, the rest at 64 KiB each.
     amtest::TempDir r;
     r.file("/big", std::string(2u << 20, 'x'));
-    r.file("/stat", stat_line(9, "big", 1, 0, 1));
+    r.file("/stat", "9 (big) S 1 1 1 0 -1 0 0 0 0 0 360000 6000 0 0 20 0 1 0 1 0 0\n");
     for (int pid = 10; pid < 46; ++pid) {
         const std::string dir = r.path + "/proc/" + std::to_string(pid);
         fs::create_directories(dir);
@@ -265,8 +260,12 @@ TEST(ProcessLive, ChildrenAndPs) {
     Reaper reap;
     const pid_t plain = spawn(reap, "/bin/sleep", {"sleep", "3601", "0.125"});
     const pid_t deleted = spawn(reap, copy, {copy, "3602"});
-    const pid_t env = spawn(reap, "/bin/sleep", {"sleep", "3603"}, {"AMTEST_MARK=hello world", "PATH=/bin"},
-                            [&] { return chdir(dir.path.c_str()) == 0; });
+    // Secrets redacted, a newline inside a value escaped (it would fake a variable).
+    const pid_t env =
+        spawn(reap, "/bin/sleep", {"sleep", "3603"},
+              {"AMTEST_MARK=hello world", "MYSQL_PWD=s3cret", "AWS_SECRET_ACCESS_KEY=wJalrXUtnFEMI",
+               "GITHUB_TOKEN=ghp_x", "A=x\nLD_PRELOAD=/tmp/evil.so", "PWD=/tmp"},
+              [&] { return chdir(dir.path.c_str()) == 0; });
     // Exec'ed once the command lines are the new ones.
     ASSERT_TRUE(wait_until([&] {
         return cmdline(plain).rfind("sleep", 0) == 0 && cmdline(deleted).rfind(copy, 0) == 0 &&
@@ -313,8 +312,11 @@ TEST(ProcessLive, ChildrenAndPs) {
 
     const AM::ProcessInfo* e = find_pid(after, env);
     ASSERT_NE(e, nullptr);
-    EXPECT_EQ(std::tie(e->env, e->current_dir),
-              std::make_tuple("AMTEST_MARK=hello world\nPATH=/bin", dir.path));
+    EXPECT_EQ(
+        std::tie(e->env, e->current_dir),
+        std::make_tuple("AMTEST_MARK=hello world\nMYSQL_PWD=<redacted>\nAWS_SECRET_ACCESS_KEY=<redacted>\n"
+                        "GITHUB_TOKEN=<redacted>\nA=x\\nLD_PRELOAD=/tmp/evil.so\nPWD=/tmp",
+                        dir.path));
 
     const AM::ProcessInfo* init = find_pid(after, 1);
     ASSERT_NE(init, nullptr);  // listed even where its exe and maps are denied
