@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <new>
 #include <string>
+#include <unordered_map>
 #include <string_view>
 #include <vector>
 
@@ -209,6 +210,24 @@ std::string format_date(time_t t);
 // per root and refreshed when the file changes. Empty when unknown.
 std::string user_name(const HostRoot& root, uid_t uid);
 std::string group_name(const HostRoot& root, gid_t gid);
+
+// user_name for one collection: each uid looked up once, an unknown one
+// shown as its number.
+class UserNames {
+public:
+    explicit UserNames(const HostRoot& root) : root_(root) {}
+    const std::string& of(uint32_t uid) {
+        auto it = names_.find(uid);
+        if (it != names_.end()) return it->second;
+        std::string name = user_name(root_, static_cast<uid_t>(uid));
+        if (name.empty()) name = std::to_string(uid);
+        return names_.emplace(uid, std::move(name)).first->second;
+    }
+
+private:
+    const HostRoot& root_;
+    std::unordered_map<uint32_t, std::string> names_;
+};
 
 }  // namespace amsvc
 

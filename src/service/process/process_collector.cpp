@@ -328,7 +328,7 @@ private:
             rec.stime = format_time(
                 static_cast<time_t>(btime_ + static_cast<int64_t>(st.starttime / static_cast<uint64_t>(clk_tck_))));
         rec.rtime = procfs::format_cpu_time(st.utime + st.stime, clk_tck_);
-        rec.user = user_of(uid);
+        rec.user = users_.of(uid);
         rec.path = f.path;
         rec.env = f.env;
         args_kept_ += rec.cmd_line.size() + rec.env.size();
@@ -377,7 +377,7 @@ private:
 
         uint32_t uid = 0;
         const bool have_uid = read(dfd, "status", kMaxSmall, true) == 0 && procfs::parse_status_uid(buf_.view(), uid);
-        if (have_uid) rec.user = user_of(uid);
+        if (have_uid) rec.user = users_.of(uid);
         entry.uid = uid;
 
         if (read(dfd, "cmdline", args_cap(), true) == 0) rec.cmd_line = procfs::join_nul(buf_.view(), ' ');
@@ -589,14 +589,6 @@ private:
         return buf_.read_at(dirfd, name, max, procfs_, short_is_eof);
     }
 
-    std::string user_of(uint32_t uid) {
-        auto it = users_.find(uid);
-        if (it != users_.end()) return it->second;
-        std::string name = user_name(root_, static_cast<uid_t>(uid));
-        if (name.empty()) name = std::to_string(uid);
-        users_.emplace(uid, name);
-        return name;
-    }
 
     const HostRoot& root_;
     long clk_tck_ = 100;
@@ -619,7 +611,7 @@ private:
     dev_t proc_dev_ = 0;
     int64_t now_ = 0;
     ProcessEntries kept_;
-    std::unordered_map<uint32_t, std::string> users_;
+    UserNames users_{root_};
 };
 
 }  // namespace

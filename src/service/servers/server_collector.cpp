@@ -412,7 +412,7 @@ private:
         base.process_path = p.exe;
         for (size_t i = 0; i < p.argv.size(); ++i) base.command += (i ? " " : "") + p.argv[i];
         base.exec_env = p.env_shown;
-        base.exec_user = user_of(p.uid);
+        base.exec_user = users_.of(p.uid);
         base.current_dir = p.cwd;
         base.srv_name = p.cgroup;
         base.install_path = dir_name(dir_name(p.exe));
@@ -922,14 +922,6 @@ private:
         return servers::find_version(buf, m);
     }
 
-    std::string user_of(uint32_t uid) {
-        auto it = users_.find(uid);
-        if (it != users_.end()) return it->second;
-        std::string name = user_name(root_, static_cast<uid_t>(uid));
-        if (name.empty()) name = std::to_string(uid);
-        users_.emplace(uid, name);
-        return name;
-    }
 
     const HostRoot& root_;
     int host_fd_ = -1;
@@ -946,7 +938,7 @@ private:
     bool dpkg_loaded_ = false, others_loaded_ = false;
     std::string dpkg_status_;
     std::map<std::string, std::string> other_versions_;
-    std::unordered_map<uint32_t, std::string> users_;
+    UserNames users_{root_};
 };
 
 }  // namespace
