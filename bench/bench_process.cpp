@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "collectors.h"
 #include "core/digest_cache.h"
 
@@ -111,35 +112,6 @@ double run_command(const std::string& cmd, std::string* first_line = nullptr) {
     return now() - t0;
 }
 
-// Every distinct module file read once, sequentially, with both digests.
-double read_all(const std::vector<std::string>& files, uint64_t& bytes) {
-    bytes = 0;
-    const double t0 = now();
-    static char buf[1 << 20];
-    EVP_MD_CTX* md5 = EVP_MD_CTX_new();
-    EVP_MD_CTX* sha = EVP_MD_CTX_new();
-    for (const std::string& f : files) {
-        const int fd = open(f.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-        if (fd < 0) continue;
-        EVP_DigestInit_ex(md5, EVP_md5(), nullptr);
-        EVP_DigestInit_ex(sha, EVP_sha256(), nullptr);
-        ssize_t n;
-        while ((n = read(fd, buf, sizeof buf)) > 0) {
-            EVP_DigestUpdate(md5, buf, static_cast<size_t>(n));
-            EVP_DigestUpdate(sha, buf, static_cast<size_t>(n));
-            bytes += static_cast<uint64_t>(n);
-        }
-        unsigned char d[EVP_MAX_MD_SIZE];
-        unsigned len;
-        EVP_DigestFinal_ex(md5, d, &len);
-        EVP_DigestFinal_ex(sha, d, &len);
-        close(fd);
-    }
-    EVP_MD_CTX_free(md5);
-    EVP_MD_CTX_free(sha);
-    return now() - t0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -191,7 +163,7 @@ int main(int argc, char** argv) {
                 distinct.push_back("/proc/" + std::to_string(p.pid) + "/root" + bare);
             }
         distinct_files = distinct.size();
-        rd.push_back(read_all(distinct, read_bytes));
+        rd.push_back(ambench::hash_files_once(distinct, read_bytes));
     }
     for (int i = 0; i < kRuns; ++i) {
         const double t0 = now();

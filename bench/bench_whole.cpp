@@ -259,36 +259,6 @@ std::vector<std::string> mapped_files() {
     return out;
 }
 
-// Reading and hashing (md5 and sha256 in one pass) each file once.
-double hash_once(const std::vector<std::string>& files, uint64_t& bytes) {
-    bytes = 0;
-    static char buf[1 << 20];
-    EVP_MD_CTX* md5 = EVP_MD_CTX_new();
-    EVP_MD_CTX* sha = EVP_MD_CTX_new();
-    const auto t0 = Clock::now();
-    for (const std::string& f : files) {
-        const int fd = open(f.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-        if (fd < 0) continue;
-        EVP_DigestInit_ex(md5, EVP_md5(), nullptr);
-        EVP_DigestInit_ex(sha, EVP_sha256(), nullptr);
-        ssize_t n;
-        while ((n = read(fd, buf, sizeof buf)) > 0) {
-            EVP_DigestUpdate(md5, buf, static_cast<size_t>(n));
-            EVP_DigestUpdate(sha, buf, static_cast<size_t>(n));
-            bytes += static_cast<uint64_t>(n);
-        }
-        unsigned char dg[EVP_MAX_MD_SIZE];
-        unsigned len;
-        EVP_DigestFinal_ex(md5, dg, &len);
-        EVP_DigestFinal_ex(sha, dg, &len);
-        close(fd);
-    }
-    const double t = seconds_since(t0);
-    EVP_MD_CTX_free(md5);
-    EVP_MD_CTX_free(sha);
-    return t;
-}
-
 // The package index work of a first collection, in a fresh child: the name
 // table, then the owners of every mapped file.
 void package_index_fresh(const std::vector<std::string>& files) {
@@ -516,8 +486,8 @@ int main(int argc, char** argv) {
     {
         const IdleRunner runner;  // its files are reached through its /proc entry
         files = mapped_files();
-        hash_once(files, bytes);  // the page cache, as every other run meets it
-        for (int i = 0; i < runs; ++i) hashes.push_back(hash_once(files, bytes));
+        ambench::hash_files_once(files, bytes);  // the page cache, as every other run meets it
+        for (int i = 0; i < runs; ++i) hashes.push_back(ambench::hash_files_once(files, bytes));
     }
     const double floor_s = median(start) + median(scan) + median(hashes);
     printf("floor: runner start %.1f ms + /proc scan %.1f ms + hashing %zu distinct mapped files (the runner's own too) once "
