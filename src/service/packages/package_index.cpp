@@ -73,6 +73,12 @@ void split_dir_base(std::string_view path, std::string_view& dir, std::string_vi
     }
 }
 
+std::string_view dir_of(std::string_view path) {
+    std::string_view dir, base;
+    split_dir_base(path, dir, base);
+    return dir;
+}
+
 std::string_view base_of(std::string_view path) {
     const void* slash = ::memrchr(path.data(), '/', path.size());
     if (!slash) return path;
@@ -720,12 +726,18 @@ const PackageIndex* full_index(RootSlot& slot, const HostRoot& root) {
     return slot.index.get();
 }
 
+// Records are kept sorted by base name (stable: a package's own order stays
+// among equal names), so a lookup is a binary search, not a walk of every
+// file of every candidate: a name like METADATA or package.json has hundreds.
+bool base_less(const Recorded& a, const Recorded& b) { return base_of(a.path) < base_of(b.path); }
+
 void keep_records(RootSlot& slot, uint32_t id, std::vector<Recorded> recs) {
     if (slot.records.count(id)) return;
     if (slot.record_count > kMaxRecords) {
         slot.records.clear();
         slot.record_count = 0;
     }
+    std::stable_sort(recs.begin(), recs.end(), base_less);
     recs.shrink_to_fit();
     slot.record_count += recs.size() + 1;
     slot.records.emplace(id, std::move(recs));
@@ -851,11 +863,13 @@ Answer answer(RootSlot& slot, const HostRoot& root, const PackageIndex& index, s
     read_rpm_candidates(slot, root, index, cands);
     std::string qdir;  // canonical directory asked about, resolved on first need
     bool have_qdir = false;
+    Recorded probe;
+    probe.path.assign(base.data(), base.size());
     for (uint32_t id : cands) {
-        for (const Recorded& r : records_of(slot, root, index, id)) {
-            std::string_view rdir, rbase;
-            split_dir_base(r.path, rdir, rbase);
-            if (rbase != base) continue;
+        const std::vector<Recorded>& recs = records_of(slot, root, index, id);
+        for (auto r = std::lower_bound(recs.begin(), recs.end(), probe, base_less);
+             r != recs.end() && base_of(r->path) == base; ++r) {
+            const std::string_view rdir = dir_of(r->path);
             if (rdir != dir) {
                 // The same file under another directory name (/lib -> usr/lib).
                 if (!have_qdir) {
@@ -864,10 +878,10 @@ Answer answer(RootSlot& slot, const HostRoot& root, const PackageIndex& index, s
                 }
                 if (slot.canon->canon(std::string(rdir)) != qdir) continue;
             }
-            if (a.pkg < 0 || (a.algo == DigestAlgo::kNone && r.algo != DigestAlgo::kNone)) {
+            if (a.pkg < 0 || (a.algo == DigestAlgo::kNone && r->algo != DigestAlgo::kNone)) {
                 a.pkg = static_cast<int32_t>(id);
-                a.algo = r.algo;
-                a.digest = r.digest;
+                a.algo = r->algo;
+                a.digest = r->digest;
             }
             if (a.algo != DigestAlgo::kNone) return a;
             break;
