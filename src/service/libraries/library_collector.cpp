@@ -294,6 +294,7 @@ public:
     std::string bound() const { return stopped() ? stop_reason_ : depth_cut_.empty() ? "" : "depth"; }
     const std::string& bound_path() const { return stopped() ? stop_path_ : depth_cut_; }
     std::vector<AM::ThirdPartDevLibInfo>& found() { return found_; }
+    void settle();
 
 private:
     void stop(const char* why, const std::string& where) {
@@ -314,7 +315,16 @@ private:
     }
 
     void walk_dir(int dfd, std::string& path, const struct stat& dst, int depth);
+    // A file worth reading, found by the walk and not judged yet.
+    struct Pending {
+        std::string file;
+        Kind kind;
+        struct stat st;
+    };
+    static constexpr size_t kMaxPending = 16384;
+
     void visit_file(int dfd, const char* name, const std::string& dir, Kind kind);
+    void read_found(const Pending& p);
     void add(const std::vector<LibId>& libs, Kind kind, const std::string& dir, std::string_view name);
 
     const HostRoot& root_;
@@ -325,6 +335,7 @@ private:
     Fd root_fd_;
     std::unordered_set<DevIno, DevInoHash> dirs_seen_, files_seen_;
     std::vector<AM::ThirdPartDevLibInfo> found_;
+    std::vector<Pending> pending_;
     std::string stop_reason_, stop_path_, depth_cut_;
 };
 
@@ -391,25 +402,54 @@ void Walker::visit_file(int dfd, const char* name, const std::string& dir, Kind 
     if (::fstatat(dfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) return;
     if (kind == Kind::kGo && (!(st.st_mode & 0111) || st.st_size < kMinGoBinary)) return;
     if (!files_seen_.insert(DevIno{st.st_dev, st.st_ino}).second) return;  // a hard link seen already
-    const std::string file = dir + "/" + name;
-    FileOwner owner;
-    if (package_owner(root_, file, owner)) return;  // the package kind reports it
+    pending_.push_back(Pending{dir + "/" + name, kind, st});
+    if (pending_.size() >= kMaxPending) settle();
+}
 
-    const DevIno key{st.st_dev, st.st_ino};
+// The files found so far: those a package owns are the package kind's
+// business; the others are read (or taken from the cache). Ownership is
+// asked for all of them at once: one pass over the package databases'
+// file lists costs what a few single lookups would.
+void Walker::settle() {
+    std::vector<std::string> paths;
+    paths.reserve(pending_.size());
+    for (const Pending& p : pending_) paths.push_back(p.file);
+    std::vector<FileOwner> owners;
+    std::vector<char> owned;
+    package_owners(root_, paths, owners, owned);
+    for (size_t i = 0; i < pending_.size(); ++i) {
+        if (owned[i]) continue;
+        const std::string dir(parent_of(pending_[i].file));
+        if (found_.size() >= lim_.max_records) {
+            stop("records", dir);
+            break;
+        }
+        if ((i & 63) == 0 && std::chrono::steady_clock::now() >= deadline_) {
+            stop("time", dir);
+            break;
+        }
+        read_found(pending_[i]);
+    }
+    pending_.clear();
+}
+
+void Walker::read_found(const Pending& p) {
+    const std::string_view dir = parent_of(p.file), name = base_of(p.file);
+    const DevIno key{p.st.st_dev, p.st.st_ino};
     auto it = cache_.files.find(key);
-    if (it != cache_.files.end() && it->second.size == st.st_size && it->second.kind == kind &&
-        same_time(it->second.mtime, st.st_mtim) && same_time(it->second.ctime, st.st_ctim)) {
+    if (it != cache_.files.end() && it->second.size == p.st.st_size && it->second.kind == p.kind &&
+        same_time(it->second.mtime, p.st.st_mtim) && same_time(it->second.ctime, p.st.st_ctim)) {
         it->second.gen = cache_.gen;
         ++stats_.cached;
-        add(it->second.libs, kind, dir, name);
+        add(it->second.libs, p.kind, std::string(dir), name);
         return;
     }
-    const int fd = ::openat(dfd, name, kFileFlags);
+    // Opened again by its path: it must still be the very file the walk
+    // found (a regular file, never a FIFO or device, same device and inode).
+    const int fd = open_host_file(root_, p.file, kNoFollow);
     if (fd < 0) return;
     struct stat fst;
-    // The file opened must be the one looked at: no swap in between.
-    if (::fstat(fd, &fst) != 0 || !S_ISREG(fst.st_mode) || fst.st_dev != st.st_dev ||
-        fst.st_ino != st.st_ino) {
+    if (::fstat(fd, &fst) != 0 || fst.st_dev != p.st.st_dev || fst.st_ino != p.st.st_ino) {
         ::close(fd);
         return;
     }
@@ -418,10 +458,10 @@ void Walker::visit_file(int dfd, const char* name, const std::string& dir, Kind 
     entry.size = fst.st_size;
     entry.mtime = fst.st_mtim;
     entry.ctime = fst.st_ctim;
-    entry.kind = kind;
+    entry.kind = p.kind;
     entry.gen = cache_.gen;
-    entry.libs = read_libraries(kind, fd, name, lim_);
-    add(entry.libs, kind, dir, name);
+    entry.libs = read_libraries(p.kind, fd, name, lim_);
+    add(entry.libs, p.kind, std::string(dir), name);
     cache_.files[key] = std::move(entry);
 }
 
@@ -571,6 +611,7 @@ int32_t collect_libraries(const HostRoot& root, std::vector<AM::ThirdPartDevLibI
         else
             last_err = err;
     }
+    w.settle();
     if (walked == 0) return last_err ? -EACCES : -ENOENT;
 
     std::vector<AM::ThirdPartDevLibInfo>& found = w.found();
