@@ -1,7 +1,8 @@
 // Libraries that applications carry outside the package manager: a walk over
-// the application roots, each directory and file opened from its parent's
-// descriptor without following any link, so nothing outside the host root
-// (or on a network or pseudo file system) is ever reached.
+// the application roots, each directory opened from its parent's descriptor
+// without following any link, so nothing outside the host root (or on a
+// network or pseudo file system) is ever reached. Files are opened only when
+// no package owns them, and only when still the file the walk found.
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/magic.h>
