@@ -31,12 +31,18 @@ end
 
 local find, format = string.find, string.format
 
+-- Text that needs no escaping: printable ASCII only (no controls, DEL or
+-- bytes >= 0x80, which need the UTF-8 check) and no '"' or '\'. A "/" is
+-- fine as it is. One range and two plain searches: a set of several ranges
+-- costs twice as much per byte, and environments are long.
+local function plain(v)
+  return not find(v, "[^ -~]") and not find(v, '"', 1, true) and not find(v, "\\", 1, true)
+end
+
 local function leaf(v)
   local t = type(v)
   if t == "string" then
-    -- Most text needs no escaping at all: the bytes cjson would escape are
-    -- controls, '"', '\', '/' and DEL, and bytes >= 0x80 need the UTF-8 check.
-    if not find(v, '[%z\1-\31"\\/\127-\255]') then return '"' .. v .. '"' end
+    if plain(v) then return '"' .. v .. '"' end
     -- cjson writes "/" as "\/"; every "\" of the text itself is doubled, so
     -- the only "\/" pairs are those escapes.
     return (cjson.encode(inv.valid_utf8(v)):gsub("\\/", "/"))
@@ -46,45 +52,89 @@ local function leaf(v)
   return "null"
 end
 
+local pretty = opts.pretty
+
+-- '"name":' per field of each record type, made once.
+local keys = {}
+for record_type, names in pairs(inv.fields) do
+  local k = {}
+  for i, name in ipairs(names) do k[i] = '"' .. name .. (pretty and '": ' or '":') end
+  keys[record_type] = k
+end
+
 local function key(k)
-  return '"' .. k .. (opts.pretty and '": ' or '":')
+  return '"' .. k .. (pretty and '": ' or '":')
 end
 
 -- `pairs_list` is a list of {key, encoded value} pairs.
 local function object(pairs_list, indent)
   if #pairs_list == 0 then return "{}" end
-  local nl = opts.pretty and ("\n" .. indent .. "  ") or ""
+  local nl = pretty and ("\n" .. indent .. "  ") or ""
   local parts = {}
   for i, kv in ipairs(pairs_list) do
     parts[i] = key(kv[1]) .. kv[2]
   end
-  return "{" .. nl .. table.concat(parts, "," .. nl) .. (opts.pretty and ("\n" .. indent) or "") .. "}"
+  return "{" .. nl .. table.concat(parts, "," .. nl) .. (pretty and ("\n" .. indent) or "") .. "}"
 end
 
-local function array(items, indent)
-  if #items == 0 then return "[]" end
-  local nl = opts.pretty and ("\n" .. indent .. "  ") or ""
-  return "[" .. nl .. table.concat(items, "," .. nl) .. (opts.pretty and ("\n" .. indent) or "") .. "]"
-end
-
--- One record as text: the unit written at a time.
-local function record(rec, record_type, spec, indent)
-  local nl = opts.pretty and ("\n" .. indent .. "  ") or ""
-  local parts, n = {}, 0
-  for _, name in ipairs(inv.fields[record_type]) do
-    n = n + 1
-    parts[n] = key(name) .. leaf(rec[name])
+-- One record appended to `buf` (from `n` + 1) as pieces, not as one string:
+-- the pieces are written as they are, so a plain text or a small number
+-- costs no new string at all. Returns the new length.
+local function record(buf, n, rec, record_type, spec, indent)
+  local names, ks = inv.fields[record_type], keys[record_type]
+  local nl = pretty and ("\n" .. indent .. "  ") or ""
+  local sep = "{" .. nl
+  for i = 1, #names do
+    local v = rec[names[i]]
+    local t = type(v)
+    buf[n + 1], buf[n + 2] = sep, ks[i]
+    n = n + 2
+    if t == "string" then
+      if plain(v) then
+        buf[n + 1], buf[n + 2], buf[n + 3] = '"', v, '"'
+        n = n + 3
+      else
+        n = n + 1
+        buf[n] = leaf(v)
+      end
+    elseif t == "number" and v == v and v % 1 == 0 and v < 1e14 and v > -1e14 then
+      n = n + 1
+      buf[n] = v  -- written as "%.14g": exact for whole numbers this small
+    else
+      n = n + 1
+      buf[n] = leaf(v)
+    end
+    sep = "," .. nl
   end
   for _, nested in ipairs(spec and spec.nested or {}) do
-    local items = {}
-    for _, item in inv.each(rec[nested.field]) do
-      items[#items + 1] = record(item, nested.record, nil, indent .. "    ")
+    buf[n + 1], buf[n + 2] = sep, key(nested.field)
+    n = n + 2
+    local list = rec[nested.field]
+    local count = list:size()
+    if count == 0 then
+      n = n + 1
+      buf[n] = "[]"
+    else
+      local inner = pretty and ("\n" .. indent .. "    ") or ""
+      for j = 0, count - 1 do
+        n = n + 1
+        buf[n] = j == 0 and ("[" .. inner) or ("," .. inner)
+        n = record(buf, n, list[j], nested.record, nil, indent .. "    ")
+      end
+      n = n + 1
+      buf[n] = pretty and ("\n" .. indent .. "  ]") or "]"
     end
-    n = n + 1
-    parts[n] = key(nested.field) .. array(items, indent .. "  ")
+    sep = "," .. nl
   end
-  if n == 0 then return "{}" end
-  return "{" .. nl .. table.concat(parts, "," .. nl) .. (opts.pretty and ("\n" .. indent) or "") .. "}"
+  n = n + 1
+  buf[n] = sep == "{" .. nl and "{}" or (pretty and ("\n" .. indent .. "}") or "}")
+  return n
+end
+
+-- One record as text (the system record, written whole).
+local function record_text(rec, record_type, spec, indent)
+  local buf = {}
+  return table.concat(buf, "", 1, record(buf, 0, rec, record_type, spec, indent))
 end
 
 local out = io.stdout
@@ -110,7 +160,7 @@ local function write_kind(spec, indent)
   if spec.single then
     local text = "null"
     if rc == 0 then
-      ok, text = pcall(record, obj, spec.record, spec, indent .. "  ")
+      ok, text = pcall(record_text, obj, spec.record, spec, indent .. "  ")
       if not ok then
         failure(spec, text)
         out:write(object({ { "error", leaf(tostring(text)) } }, indent))
@@ -130,14 +180,20 @@ local function write_kind(spec, indent)
   local rec_indent = indent .. "    "
   local err
   out:write("[")
+  local buf, unpack = {}, unpack or table.unpack
+  local function encode(i)
+    return record(buf, 0, obj[i], spec.record, spec, rec_indent)
+  end
   for i = 0, count - 1 do
-    local text
-    ok, text = pcall(function() return record(obj[i], spec.record, spec, rec_indent) end)
+    local n
+    ok, n = pcall(encode, i)
     if not ok then
-      err = text
+      err = n
       break
     end
-    out:write(i > 0 and "," or "", inner, text)
+    out:write(i > 0 and "," or "", inner)
+    -- Written in slices: unpack puts every piece on the C stack.
+    for from = 1, n, 200 do out:write(unpack(buf, from, math.min(n, from + 199))) end
     -- Each record read is a copy Lua owns: let the collector keep pace.
     if i % 64 == 63 then collectgarbage("step", 64) end
   end
