@@ -26,57 +26,19 @@ FileFacts facts(const HostRoot& root, const std::string& host_path) {
 
 }  // namespace
 
+// Owners and verdicts of the fixture roots: test_owner_batch.cpp, asked one
+// at a time and in batches. Here what only single files show.
 TEST(Ownership, DpkgFixture) {
     const HostRoot root(kFixtures + "/dpkg_root");
-    const std::string foo = "Foo Maintainers <foo@example.org>", win = "Win Dows <w@example.org>";
-    const struct {
-        const char* path;
-        std::string company;
-        bool verified;
-    } kCases[] = {
-        // The package names /lib/..., the process maps /usr/lib/... (lib -> usr/lib), and the other way
-        // round.
-        {"/usr/lib/x86_64-linux-gnu/libfoo.so.1", foo, true},
-        {"/usr/lib/x86_64-linux-gnu/libfoo-alias.so.1", foo, true},
-        {"/lib/x86_64-linux-gnu/libfoo.so.1", foo, true},
-        {"/usr/lib/./x86_64-linux-gnu//libfoo.so.1", foo, true},
-        // Changed after install: owned, not verified. A conffile is judged by the status file's digest.
-        {"/usr/bin/nativetool", "Native Person <n@example.org>", false},
-        {"/etc/nativetool.conf", "Native Person <n@example.org>", true},
-        // dpkg-divert: crlf diverted pending's /usr/bin/pending to /usr/bin/pending.distrib
-        // (whose digest comes from a CRLF md5sums); a trailing partial record is ignored.
-        {"/usr/bin/pending.distrib", "P <p@example.org>", true},
-        {"/usr/bin/pending", win, true},
-        // Listed but no digest recorded, and not owned at all.
-        {"/usr/bin/crlf", win, false},
-        {"/var/lib/dpkg/status", "", false},
-        // A link no package owns is judged by the file it leads to.
-        {"/usr/bin/foo-link", foo, true},
-    };
-    for (const auto& c : kCases) {
-        const FileFacts f = facts(root, c.path);
-        EXPECT_EQ(std::tie(f.company, f.verified), std::tie(c.company, c.verified)) << c.path;
-    }
     for (const char* p : {"/usr/bin/nativetool", "/var/lib/dpkg/status"})
         EXPECT_FALSE(facts(root, p).md5.empty()) << p;
-    // Unless links are refused.
+    // A link no package owns is judged by the file it leads to, unless links are refused.
     const FileFacts f = file_facts(root, FileRef{"/usr/bin/foo-link", "", true});
     EXPECT_EQ(std::tie(f.company, f.md5, f.verified), std::make_tuple("", "", false));
     // Directories are not entries; bad hex in md5sums recorded nothing.
     FileOwner o;
     for (const char* p : {"/usr/lib/x86_64-linux-gnu", "/usr/lib/bad-hex", "", "relative/path"})
         EXPECT_FALSE(package_owner(root, p, o)) << p;
-}
-
-TEST(Ownership, ApkFixtureSha1) {
-    const HostRoot root(kFixtures + "/apk_root");
-    for (const auto& [path, verified] :
-         {std::pair{"/bin/busybox", true}, {"/etc/motd", false}}) {  // motd changed
-        const FileFacts f = facts(root, path);
-        EXPECT_EQ(std::tie(f.company, f.verified),
-                  std::make_tuple("Soren Tempel <soeren+alpine@example.org>", verified))
-            << path;
-    }
 }
 
 TEST(Ownership, NormalizeAndCanon) {
