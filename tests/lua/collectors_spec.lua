@@ -3,16 +3,11 @@ local h = require("helper")
 local am = api.assetman
 local fake = h.fake
 
--- { kind, record } of every kind collected into a list
-local list_kinds = {}
-for record, kind in pairs(h.list_kinds) do list_kinds[#list_kinds + 1] = { kind, record } end
-
 describe("collector functions", function()
   before_each(function() fake.reset() end)
 
   it("pass each list to the service as it is and return its code as a number", function()
-    for _, k in ipairs(list_kinds) do
-      local kind, record = k[1], k[2]
+    for record, kind in pairs(h.list_kinds) do
       local collect = am["collect_" .. kind .. "_asset"]
       local l = h.list_of(record)
       for _, code in ipairs({ 0, -5, 1, 2147483647, -2147483648 }) do
@@ -53,17 +48,17 @@ describe("collector functions", function()
 
   it("refuse bad arguments before reaching the service", function()
     local holder = am.collect_system_asset_data()
-    for _, k in ipairs(list_kinds) do
+    for record, kind in pairs(h.list_kinds) do
       for _, suffix in ipairs({ "_asset", "_asset_fast" }) do
-        local name = "collect_" .. k[1] .. suffix
+        local name = "collect_" .. kind .. suffix
         local f = am[name]
-        local wrong = k[2] == "CronInfo" and vector_assetman__UserInfo_() or vector_assetman__CronInfo_()
+        local wrong = record == "CronInfo" and vector_assetman__UserInfo_() or vector_assetman__CronInfo_()
         local msg = "error in function '" .. name .. "'."
         local err = h.raises(msg, f, nil)
         assert.truthy(err:find("argument #1", 1, true))
-        h.refuses(msg, f, {}, { wrong }, { holder }, { h.list_of(k[2]), 1 }, { am, h.list_of(k[2]) })
+        h.refuses(msg, f, {}, { wrong }, { holder }, { h.list_of(record), 1 }, { am, h.list_of(record) })
       end
-      assert.are.equal(0, fake.calls(k[1]))
+      assert.are.equal(0, fake.calls(kind))
     end
     for _, suffix in ipairs({ "_asset", "_asset_fast" }) do
       local reg, sys = "collect_windows_reg_autostart" .. suffix, "collect_system" .. suffix
@@ -79,8 +74,7 @@ describe("collector functions", function()
   -- The caches live as long as the process, so each kind's cached twin is
   -- first called here and nowhere else.
   it("cached twins ask the service once, and answer later calls from the cache", function()
-    for _, k in ipairs(list_kinds) do
-      local kind, record = k[1], k[2]
+    for record, kind in pairs(h.list_kinds) do
       local fast = am["collect_" .. kind .. "_asset_fast"]
       fake.set(kind, -9, 2, 0, true)  -- a failure of the service is a Lua error
       h.raises("fake service failed in " .. kind, fast, h.list_of(record))
