@@ -98,8 +98,7 @@ local function check_list(elem)
     assert.are.equal(2, rec[f]:size())
     rec[f]:push_back(h.record(elem, keep))
     assert.are.equal(3, view:size())
-    rec[f] = rec[f]  -- assigning a list to itself keeps it
-    assert.are.equal(3, rec[f]:size())
+    rec[f] = rec[f]  -- assigning a list to itself keeps it (checked below)
     h.refuses(BAD_TYPE, set, { rec, f, nil, n = 3 }, { rec, f, vector_assetman__CronInfo_() }, { rec, f, rec })
     assert.are.equal(3, rec[f]:size())
     view:clear()
@@ -110,9 +109,7 @@ end
 -- SystemInfo.envs: a value with no methods that can only be handed on.
 function checks.strings(rec, f)
   local view = rec[f]
-  assert.are.equal("vector<string>", tolua.type(view))
-  assert.is_nil(view.size)
-  assert.is_nil(view[0])
+  assert.are.same({ "vector<string>" }, { tolua.type(view), view.size, view[0] })  -- no size, no elements
   local holder = api.assetman.collect_system_asset_data()
   h.fake.set("system", 0, 3)
   api.assetman.collect_system_asset(holder:get())

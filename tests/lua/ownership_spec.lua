@@ -74,10 +74,7 @@ describe("ownership", function()
     h.raises("invalid 'self' in function 'get'", function() holder:get() end)
     -- New objects, some at freed addresses, get Lua values of their own.
     for _ = 1, 20 do
-      local n = vector_assetman__CronInfo_:new_local()
-      assert.are.equal(0, n:size())
-      local e = api.assetman.DockerInfo()
-      assert.are.equal("", e.version)
+      assert.are.same({ 0, "" }, { vector_assetman__CronInfo_:new_local():size(), api.assetman.DockerInfo().version })
     end
     collectgarbage("collect")
   end)

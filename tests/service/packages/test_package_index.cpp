@@ -27,12 +27,6 @@ FileFacts facts(const HostRoot& root, const std::string& host_path) {
     return file_facts(root, FileRef{host_path, "", false});
 }
 
-std::vector<std::string> listed(std::string_view text) {
-    std::vector<std::string> out;
-    for_each_listed_file(text, [&](std::string_view p) { out.emplace_back(p); });
-    return out;
-}
-
 std::string base(const std::string& p) { return p.substr(p.rfind('/') + 1); }
 
 }  // namespace
@@ -146,8 +140,7 @@ TEST(Ownership, ScratchCopyOfRealPackageAgreesWithDebsums) {
         fs::copy_file("/var/lib/dpkg/info/" + pkg + ext, r + "/var/lib/dpkg/info/" + pkg + ext);
     std::ofstream(r + "/var/lib/dpkg/status") << run("dpkg-query -s " + pkg);
 
-    std::string md5sums;
-    ASSERT_EQ(read_file("/var/lib/dpkg/info/" + pkg + ".md5sums", md5sums), 0);
+    const std::string md5sums = amtest::read_text("/var/lib/dpkg/info/" + pkg + ".md5sums");
     std::vector<std::string> paths;
     for (std::string_view line : split_lines(md5sums)) {
         const std::string rel(line.substr(34));
@@ -293,7 +286,8 @@ TEST(OwnerBatch, LineFilterKeepsWhatTheListReaderGives) {
         "/x/libfoo.so.1\n/y/libfoo.so.1\n/z/libfoo.so.10\n",            // same tail, one byte apart
     };
     for (const char* text : kLists) {
-        const std::vector<std::string> all = listed(text);
+        std::vector<std::string> all;
+        for_each_listed_file(text, [&](std::string_view p) { all.emplace_back(p); });
         // Every other name wanted: the filter must give each wanted line
         // exactly as the plain reader does.
         for (size_t parity : {0, 1}) {

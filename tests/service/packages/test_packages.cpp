@@ -17,8 +17,6 @@ namespace {
 
 const std::string kFixtures = std::string(ASSETMAN_FIXTURES) + "/packages";
 
-using amtest::run;
-
 // One line per record, fields in member order; installtime only as there (t)
 // or not (-), since it is a file's mtime.
 std::string text_of(const std::vector<AM::SysInstallPackageInfo>& v) {
@@ -147,10 +145,10 @@ TEST(Collector, NoDatabaseIsENOENT) {
 // (second letter of the abbreviation: i, t or W, no error flag).
 TEST(Collector, MatchesDpkgQueryOnThisHost) {
     if (access("/var/lib/dpkg/status", R_OK) != 0) GTEST_SKIP() << "no dpkg database on this host";
-    const std::string listing =
-        run("dpkg-query -W -f "
-            "'${Package}\\t${Version}\\t${db:Status-Abbrev}\\t${Installed-Size}\\t${binary:Summary}\\n' "
-            "2>/dev/null");
+    const std::string listing = amtest::run(
+        "dpkg-query -W -f "
+        "'${Package}\\t${Version}\\t${db:Status-Abbrev}\\t${Installed-Size}\\t${binary:Summary}\\n' "
+        "2>/dev/null");
     ASSERT_FALSE(listing.empty());
     std::multiset<std::string> expected;
     std::map<std::string, uint64_t> sizes;
