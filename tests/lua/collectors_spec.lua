@@ -51,12 +51,11 @@ describe("collector functions", function()
     for record, kind in pairs(h.list_kinds) do
       for _, suffix in ipairs({ "_asset", "_asset_fast" }) do
         local name = "collect_" .. kind .. suffix
-        local f = am[name]
         local wrong = record == "CronInfo" and vector_assetman__UserInfo_() or vector_assetman__CronInfo_()
         local msg = "error in function '" .. name .. "'."
-        local err = h.raises(msg, f, nil)
+        local err = h.raises(msg, am[name], nil)
         assert.truthy(err:find("argument #1", 1, true))
-        h.refuses(msg, f, {}, { wrong }, { holder }, { h.list_of(record), 1 }, { am, h.list_of(record) })
+        h.refuses(msg, am[name], {}, { wrong }, { holder }, { h.list_of(record), 1 }, { am, h.list_of(record) })
       end
       assert.are.equal(0, fake.calls(kind))
     end
