@@ -207,20 +207,14 @@ extern "C" __attribute__((visibility("default"))) IAssetManager* get_am_instance
 }
 
 extern "C" __attribute__((visibility("default"))) int luaopen_fake_am(lua_State* L) {
-    static const luaL_Reg fns[] = {{"set", l_set},
-                                   {"calls", l_calls},
-                                   {"size_seen", l_size_seen},
-                                   {"reset", l_reset},
-                                   {"heap", l_heap},
-                                   {"push_reg", l_push_reg},
-                                   {"address", l_address},
-                                   {"free_process_list", l_free_process_list},
-                                   {"envs", l_envs},
-                                   {nullptr, nullptr}};
+// Each l_<name> above is fake_am.<name> in Lua.
+#define FN(name) \
+    { #name, l_##name }
+    static const luaL_Reg fns[] = {FN(set),  FN(calls),         FN(size_seen), FN(reset),
+                                   FN(heap), FN(push_reg),      FN(address),   FN(free_process_list),
+                                   FN(envs), {nullptr, nullptr}};
+#undef FN
     lua_newtable(L);
-    for (const luaL_Reg* f = fns; f->name; ++f) {
-        lua_pushcfunction(L, f->func);
-        lua_setfield(L, -2, f->name);
-    }
+    luaL_register(L, nullptr, fns);
     return 1;
 }

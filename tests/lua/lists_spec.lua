@@ -32,8 +32,7 @@ describe("list classes", function()
       local a, b, c = rec("a"), rec("b"), rec("c")
       l:push_back(a); l:push_back(b); l:push_back(c)
       assert.are.same({ "a", "b", "c" }, texts(l))
-      assert.are.equal("b", l[1.9][t])
-      assert.are.equal("assetman::" .. r, tolua.type(l[0]))
+      assert.are.same({ "b", "assetman::" .. r }, { l[1.9][t], tolua.type(l[0]) })
       -- what was pushed is a copy, and so is what is read
       a[t] = "changed"
       l[0][t] = "changed too"
@@ -101,7 +100,6 @@ describe("list classes", function()
     p.modules:clear()
     assert.are.equal(2, dst[0].modules:size())
     dst[0] = p
-    assert.are.equal(0, dst[0].modules:size())
-    assert.are.equal(2, procs[0].modules:size())
+    assert.are.same({ 0, 2 }, { dst[0].modules:size(), procs[0].modules:size() })
   end)
 end)

@@ -17,13 +17,15 @@ namespace {
 
 const std::string kFixtures = std::string(ASSETMAN_FIXTURES) + "/packages";
 
-using amtest::run;
-
-const AM::SysInstallPackageInfo* by_name(const std::vector<AM::SysInstallPackageInfo>& v,
-                                         const std::string& n) {
+// One line per record, fields in member order; installtime only as there (t)
+// or not (-), since it is a file's mtime.
+std::string text_of(const std::vector<AM::SysInstallPackageInfo>& v) {
+    std::string out;
     for (const auto& r : v)
-        if (r.name == n) return &r;
-    return nullptr;
+        out += r.name + "|" + r.version + "|" + r.release + "|" + r.type + "|" + r.summary + "|" + r.source +
+               "|" + r.company + "|" + r.installdir + "|" + std::to_string(r.size) +
+               (r.installtime.empty() ? "|-\n" : "|t\n");
+    return out;
 }
 
 }  // namespace
@@ -32,34 +34,21 @@ TEST(DpkgStatus, FixtureFieldsAndStates) {
     const HostRoot root(kFixtures + "/dpkg_root");
     std::vector<AM::SysInstallPackageInfo> out(3);  // replaced, not appended to
     ASSERT_EQ(collect_packages(root, out), 0);
-    std::set<std::string> names;
-    for (const auto& r : out) names.insert(r.name);
     // Configured (or only awaiting triggers) packages, whatever their selection;
     // config-files, half-configured, reinstreq and nameless stanzas are not there,
-    // and the truncated last stanza keeps what it had (it was installed).
-    EXPECT_EQ(names, (std::set<std::string>{"libfoo1", "nativetool", "pending", "crlf", "truncated"}));
-
-    // No Source field: the package itself; epoch and revision split as dpkg does.
-    const std::vector<std::string> kWant[] = {
-        // name, version, release, type, summary, source, company, installdir
-        {"libfoo1", "1:2.0", "3+b1", "deb", "library of foo", "foo", "Foo Maintainers <foo@example.org>", ""},
-        {"nativetool", "0.9", "", "deb", "a native tool", "nativetool", "Native Person <n@example.org>", ""},
-        {"crlf", "5.0", "2", "deb", "crlf stanza", "crlf", "Win Dows <w@example.org>", ""},
-    };
-    for (const auto& w : kWant) {
-        const auto* r = by_name(out, w[0]);
-        ASSERT_TRUE(r) << w[0];
-        EXPECT_EQ((std::vector<std::string>{r->name, r->version, r->release, r->type, r->summary, r->source,
-                                            r->company, r->installdir}),
-                  w);
-    }
-    const auto* cut = by_name(out, "truncated");
-    EXPECT_EQ(std::tie(cut->installtime, cut->size), std::make_tuple("", 3u * 1024));  // no .list file
-    EXPECT_EQ(by_name(out, "libfoo1")->size, 120u * 1024);
-    EXPECT_FALSE(by_name(out, "nativetool")->installtime.empty());  // plain list name found
+    // and the truncated last stanza keeps what it had (it was installed). No Source
+    // field: the package itself; epoch and revision split as dpkg does. Installed
+    // when its .list (multiarch or plain name) was written; truncated has none.
+    EXPECT_EQ(text_of(out),
+              R"(libfoo1|1:2.0|3+b1|deb|library of foo|foo|Foo Maintainers <foo@example.org>||122880|t
+nativetool|0.9||deb|a native tool|nativetool|Native Person <n@example.org>||7168|t
+pending|1.2|1|deb|waits for triggers|pending|P <p@example.org>||1024|t
+crlf|5.0|2|deb|crlf stanza|crlf|Win Dows <w@example.org>||2048|t
+truncated|4.5|6|deb|cut off in t|truncated|||3072|-
+)");
     struct stat st;
     ASSERT_EQ(stat((root.root() + "/var/lib/dpkg/info/libfoo1:amd64.list").c_str(), &st), 0);
-    EXPECT_EQ(by_name(out, "libfoo1")->installtime, format_time(st.st_mtime));  // multiarch list name found
+    EXPECT_EQ(out[0].installtime, format_time(st.st_mtime));
 }
 
 TEST(DpkgStatus, HostileInput) {
@@ -91,19 +80,15 @@ TEST(DpkgStatus, HostileInput) {
 
 // The summary is the first line of Description as dpkg keeps it, blanks included.
 TEST(DpkgStatus, SummaryByteForByte) {
-    const struct {
-        const char* field;
-        const char* want;
-    } kCases[] = {
-        {"Description: GNU dbm (runtime version) \n long text\n", "GNU dbm (runtime version) "},
-        {"Description:\t two  inner \t\n .\n", "two  inner \t"},
-        {"Description: single line ends in blanks  \t\n", "single line ends in blanks"},
-        {"Description:   \n only continuation\n", ""},
-    };
-    for (const auto& c : kCases) {
-        const auto p = parse_dpkg_status(std::string("Package: p\n") + c.field);
+    for (const auto& [field, want] : {
+             std::pair{"Description: GNU dbm (runtime version) \n long text\n", "GNU dbm (runtime version) "},
+             {"Description:\t two  inner \t\n .\n", "two  inner \t"},
+             {"Description: single line ends in blanks  \t\n", "single line ends in blanks"},
+             {"Description:   \n only continuation\n", ""},
+         }) {
+        const auto p = parse_dpkg_status(std::string("Package: p\n") + field);
         ASSERT_EQ(p.size(), 1u);
-        EXPECT_EQ(p[0].summary, c.want) << c.field;
+        EXPECT_EQ(p[0].summary, want) << field;
     }
 }
 
@@ -126,16 +111,13 @@ TEST(Apk, FixtureAndJunk) {
     const HostRoot root(kFixtures + "/apk_root");
     std::vector<AM::SysInstallPackageInfo> out;
     ASSERT_EQ(collect_packages(root, out), 0);
-    ASSERT_EQ(out.size(), 3u);  // the record without P: is dropped
-    const auto* bb = by_name(out, "busybox");
-    ASSERT_TRUE(bb);
-    EXPECT_EQ(std::vector<std::string>({bb->version, bb->release, bb->type, bb->summary, bb->source,
-                                        bb->company, bb->installtime}),
-              std::vector<std::string>({"1.36.1", "r5", "apk",
-                                        "Size optimized toolbox of many common UNIX utilities", "busybox",
-                                        "Soren Tempel <soeren+alpine@example.org>", ""}));
-    EXPECT_EQ(bb->size, 946176u);
-    EXPECT_EQ(by_name(out, "alpine-baselayout")->size, 0u);
+    // The record without P: is dropped; a size that is not a number is none.
+    EXPECT_EQ(text_of(out),
+              R"(busybox|1.36.1|r5|apk|Size optimized toolbox of many common UNIX utilities|busybox|)"
+              R"(Soren Tempel <soeren+alpine@example.org>||946176|-
+alpine-baselayout|3.4.3|r1|apk|Alpine base dir structure|alpine-baselayout|Natanael Copa <ncopa@example.org>||0|-
+tzdata|2024a|r0|apk||tzdata|||3000|-
+)");
 
     std::string text;
     ASSERT_EQ(read_file(root.path("/lib/apk/db/installed"), text), 0);
@@ -163,10 +145,10 @@ TEST(Collector, NoDatabaseIsENOENT) {
 // (second letter of the abbreviation: i, t or W, no error flag).
 TEST(Collector, MatchesDpkgQueryOnThisHost) {
     if (access("/var/lib/dpkg/status", R_OK) != 0) GTEST_SKIP() << "no dpkg database on this host";
-    const std::string listing =
-        run("dpkg-query -W -f "
-            "'${Package}\\t${Version}\\t${db:Status-Abbrev}\\t${Installed-Size}\\t${binary:Summary}\\n' "
-            "2>/dev/null");
+    const std::string listing = amtest::run(
+        "dpkg-query -W -f "
+        "'${Package}\\t${Version}\\t${db:Status-Abbrev}\\t${Installed-Size}\\t${binary:Summary}\\n' "
+        "2>/dev/null");
     ASSERT_FALSE(listing.empty());
     std::multiset<std::string> expected;
     std::map<std::string, uint64_t> sizes;
