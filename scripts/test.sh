@@ -25,7 +25,7 @@ cmake --build build-asan -j"$jobs"
 (cd build-asan && ctest --output-on-failure)
 
 cmake -S . -B build-tsan -DASSETMAN_SANITIZE=thread -DASSETMAN_BENCH=OFF >/dev/null
-cmake --build build-tsan -j"$jobs" --target facade_tests svc_test_process_warm
+cmake --build build-tsan -j"$jobs" --target facade_tests svc_test_process_warm svc_library
 (cd build-tsan && ctest --output-on-failure -L tsan)
 
 # Every parser of the service under libFuzzer with ASan and UBSan (clang): a

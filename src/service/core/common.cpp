@@ -367,13 +367,14 @@ struct IdTable {
 };
 
 std::string lookup_id(const HostRoot& root, const char* host_path, uint32_t id) {
-    static std::mutex mu;
-    static std::map<std::string, IdTable> tables;
+    // Never destroyed: a collection may still run while the process exits.
+    static std::mutex* const mu = new std::mutex();
+    static auto* const tables = new std::map<std::string, IdTable>();
     struct stat st;
     if (stat_host(root, host_path, st) != 0) return std::string();
     const std::string file = root.path(host_path);  // the cache key only
-    std::lock_guard<std::mutex> lock(mu);
-    IdTable& t = tables[file];
+    std::lock_guard<std::mutex> lock(*mu);
+    IdTable& t = (*tables)[file];
     if (t.mtime != st.st_mtime || t.size != st.st_size) {
         t.names.clear();
         t.mtime = st.st_mtime;

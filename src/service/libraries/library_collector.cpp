@@ -310,9 +310,14 @@ private:
             stop("entries", where);
         else if (found_.size() >= lim_.max_records)
             stop("records", where);
-        else if ((stats_.entries & 255) == 0 && std::chrono::steady_clock::now() >= deadline_)
+        else if ((stats_.entries & 255) == 0 && out_of_time())
             stop("time", where);
         return !stopped();
+    }
+
+    bool out_of_time() const {
+        return std::chrono::steady_clock::now() >= deadline_ ||
+               (lim_.cancel && lim_.cancel->load(std::memory_order_relaxed));
     }
 
     void walk_dir(int dfd, std::string& path, const struct stat& dst, int depth);
@@ -425,7 +430,7 @@ void Walker::settle() {
             stop("records", dir);
             break;
         }
-        if ((i & 63) == 0 && std::chrono::steady_clock::now() >= deadline_) {
+        if ((i & 63) == 0 && out_of_time()) {
             stop("time", dir);
             break;
         }

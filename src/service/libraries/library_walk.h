@@ -5,6 +5,7 @@
 
 #include <stddef.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,9 @@ struct LibraryLimits {
     // when `with_process_dirs`.
     std::vector<std::string> roots;
     bool with_process_dirs = true;
+    // Set by another thread to end the walk early, as if its time were up
+    // (the service's background collection, when its round ends).
+    const std::atomic<bool>* cancel = nullptr;
 };
 
 struct LibraryStats {

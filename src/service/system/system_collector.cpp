@@ -298,7 +298,7 @@ std::map<std::string, std::string> parse_route_v4(std::string_view text) {
 std::map<std::string, std::string> parse_route_v6(std::string_view text) {
     std::map<std::string, std::string> out;
     std::map<std::string, uint32_t> best_metric;
-    static const std::string kZero(32, '0');
+    constexpr std::string_view kZero = "00000000000000000000000000000000";
     for (std::string_view line : split_lines(text)) {
         const auto f = split_ws(line);
         if (f.size() < 10) continue;
