@@ -15,69 +15,16 @@ using amtest::run;
 
 namespace {
 
-// Maps each file with execute permission, then writes its pid to `pidfile`
-// (in one write). With "chroot DIR" it
-// chroots into DIR first; with "swap A B SECS" it then exchanges A and B by
-// renameat2(RENAME_EXCHANGE) for SECS seconds.
-// "zero" maps /dev/zero privately and shared, shared anonymous memory (shown
-// as "/dev/zero (deleted)") and a memfd, all executable.
-const char kHelper[] = R"(
-#define _GNU_SOURCE
-#include <fcntl.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
-#include <time.h>
-#include <unistd.h>
-static void map(const char* p, int flags) {
-    int fd = open(p, O_RDONLY);
-    if (fd < 0 || mmap(0, 4096, PROT_READ | PROT_EXEC, flags, fd, 0) == MAP_FAILED) { perror(p); exit(1); }
-}
-int main(int argc, char** argv) {
-    int i = 2;
-    if (!strcmp(argv[2], "zero")) {
-        map("/dev/zero", MAP_PRIVATE);
-        map("/dev/zero", MAP_SHARED);
-        if (mmap(0, 4096, PROT_READ | PROT_EXEC, MAP_SHARED | MAP_ANONYMOUS, -1, 0) == MAP_FAILED) exit(1);
-        int m = memfd_create("amtest", 0);
-        if (m < 0 || ftruncate(m, 4096) || mmap(0, 4096, PROT_READ | PROT_EXEC, MAP_SHARED, m, 0) == MAP_FAILED) exit(1);
-        i = 3;
-    } else {
-        for (; i < argc && strcmp(argv[i], "swap") && strcmp(argv[i], "chroot"); ++i) map(argv[i], MAP_PRIVATE);
-    }
-    int pf = open(argv[1], O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (pf < 0 || (i + 1 < argc && !strcmp(argv[i], "chroot") && (chroot(argv[i + 1]) || chdir("/")))) exit(1);
-    dprintf(pf, "%d\n", (int)getpid());
-    close(pf);
-    if (i + 3 < argc && !strcmp(argv[i], "swap")) {
-        time_t end = time(0) + atoi(argv[i + 3]);
-        while (time(0) < end) syscall(SYS_renameat2, AT_FDCWD, argv[i + 1], AT_FDCWD, argv[i + 2], 2);
-    }
-    for (;;) pause();
-}
-)";
-
-// A scratch directory nobody can enter, with `u/` owned by nobody, the helper
-// compiled in it, and the attacker's processes in one process group.
+// A scratch directory nobody can enter, with `u/` owned by nobody, the
+// helper program (fixtures/helper.c) built in it, and the attacker's
+// processes, ended with the process group they run in.
 class Attack {
 public:
     Attack() : dir_("amhostile") {
         chmod(dir_.path.c_str(), 0755);
         dir_.mkdir("/u");
         chown((dir_.path + "/u").c_str(), 65534, 65534);
-        dir_.file("/helper.c", kHelper);
-        int st = 0;
-        run("cc -O1 -o '" + dir_.path + "/helper' '" + dir_.path + "/helper.c' 2>&1", &st);
-        ok_ = st == 0;
-    }
-    ~Attack() {
-        if (pgid_ > 0) {
-            kill(-pgid_, SIGKILL);
-            while (waitpid(pgid_, nullptr, 0) < 0 && errno == EINTR) {
-            }
-        }
+        ok_ = build_helper(dir_.path + "/helper");
     }
     bool ok() const { return ok_; }
     const std::string& dir() const { return dir_.path; }
@@ -92,17 +39,12 @@ public:
     // helper, $D: the directory), and waits (at most 20 s) for `ready`
     // (relative to the directory) to appear. The pid written in it.
     pid_t start(const std::string& script, const std::string& ready, bool userns = true) {
-        const std::string full = "H='" + dir_.path + "/helper'; D='" + dir_.path + "'; " + script;
-        std::vector<const char*> argv = {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"};
+        std::vector<std::string> argv = {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"};
         if (userns) argv.insert(argv.end(), {"/usr/bin/unshare", "-Urm"});
-        argv.insert(argv.end(), {"/bin/sh", "-c", full.c_str(), nullptr});
-        pgid_ = fork();
-        if (pgid_ == 0) {
-            setpgid(0, 0);
-            execv("/usr/bin/setpriv", const_cast<char**>(argv.data()));
-            _exit(127);
-        }
-        setpgid(pgid_, pgid_);
+        argv.insert(argv.end(),
+                    {"/bin/sh", "-c", "H='" + dir_.path + "/helper'; D='" + dir_.path + "'; " + script});
+        spawn(reaper_, "/usr/bin/setpriv", argv, {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"},
+              [] { return setpgid(0, 0) == 0; });
         pid_t pid = 0;
         wait_until([&] { return std::ifstream(dir_.path + "/" + ready) >> pid && pid > 0; }, 2000);
         return pid;
@@ -110,8 +52,8 @@ public:
 
 private:
     amtest::TempDir dir_;
+    Reaper reaper_;  // ends the processes before the directory goes
     bool ok_ = false;
-    pid_t pgid_ = 0;
 };
 
 bool can_attack() {
@@ -246,7 +188,7 @@ TEST(ProcessHostile, DevicesAndSharedMemoryNotOpened) {
         }
     }
     EXPECT_GT(lines, 10);
-    const std::string got = slurp(listed);
+    const std::string got = read_text(listed);
     for (const char* listed_undigested :
          {"/dev/zero=;", "/dev/zero (deleted)=;", "/memfd:amtest (deleted)=;"})
         EXPECT_NE(got.find(listed_undigested), std::string::npos) << got;
@@ -284,7 +226,7 @@ TEST(ProcessBudget, CollectionsContinueWhereTheLastStopped) {
         }
         const Reaper reap{{child}};
         const std::string maps = "/proc/" + std::to_string(child) + "/maps";
-        ASSERT_TRUE(wait_until([&] { return slurp(maps).find(files.back()) != std::string::npos; }));
+        ASSERT_TRUE(wait_until([&] { return read_text(maps).find(files.back()) != std::string::npos; }));
         set_digest_budget(limits);
         std::set<size_t> done;
         int collections = 0;
