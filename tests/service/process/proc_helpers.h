@@ -65,11 +65,6 @@ inline std::string text(const std::vector<AM::ProcessInfo>& all) {
 
 inline std::string cmdline(pid_t pid) { return read_text("/proc/" + std::to_string(pid) + "/cmdline"); }
 
-// A copy of /bin/sleep at `to`, made distinct by trailing bytes (ELF ignores them).
-inline void copy_sleep(const std::string& to, const std::string& mark) {
-    amtest::write_file(to, read_text("/bin/sleep") + mark, 0755);
-}
-
 // Compiles the tests' own program (fixtures/helper.c) to `out`; whether it built.
 inline bool build_helper(const std::string& out) {
     int st = 0;

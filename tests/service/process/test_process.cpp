@@ -62,7 +62,8 @@ TEST(ProcessParse, StatusBtimeAndNulLists) {
 }
 
 TEST(ProcessParse, QueryMatchesText) {
-    // The ioctl and the text must name the same files in the same order.
+    // The ioctl and the text must name the same files in the same order. (On
+    // a plain file it fails: the fixture trees below read the text.)
     std::string text;
     ASSERT_EQ(read_file("/proc/self/maps", text), 0);
     const std::vector<Mapping> parsed = parse_maps(text);
@@ -76,12 +77,6 @@ TEST(ProcessParse, QueryMatchesText) {
     ASSERT_EQ(queried.size(), parsed.size());
     auto key = [](const Mapping& m) { return std::tie(m.path, m.start, m.end, m.inode, m.dev_major); };
     for (size_t i = 0; i < parsed.size(); ++i) EXPECT_EQ(key(queried[i]), key(parsed[i])) << parsed[i].path;
-    const int nfd = open("/etc/hostname", O_RDONLY | O_CLOEXEC);
-    if (nfd >= 0) {
-        EXPECT_LT(query_maps(nfd, queried), 0);  // not a maps file: the caller falls back to the text
-        EXPECT_TRUE(queried.empty());
-        close(nfd);
-    }
 }
 
 // --- fixture /proc tree ----------------------------------------------------
@@ -180,7 +175,7 @@ bool printable(const std::string& s) {
 TEST(ProcessLive, ChildrenAndPs) {
     amtest::TempDir dir;
     const std::string copy = dir.path + "/amtest-sleep";
-    copy_sleep(copy, "made distinct");
+    amtest::write_file(copy, read_text("/bin/sleep") + "made distinct", 0755);  // ELF ignores trailing bytes
     const std::string copy_md5 = sum(copy), copy_sha = sum(copy, "sha256sum");
 
     Reaper reap;
