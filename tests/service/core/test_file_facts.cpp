@@ -1,4 +1,4 @@
-// Digests of host files: known vectors, agreement with coreutils, files that
+// Digests of host files: agreement with coreutils for every kind, files that
 // must never be read (FIFO, device, refused symlink), and the identity cache.
 #include <fcntl.h>
 
