@@ -62,10 +62,9 @@ TEST_F(Facade, SystemAndDockerWithoutVersionOrStorageDriverAreNotKept) {
     fake_am::set("docker", {0, 1});
     EXPECT_EQ(4, assetman::collect_system_asset_fast(&s));
     EXPECT_EQ(0, assetman::collect_docker_asset_fast(d));
+    // The third call is answered from the cache (what it hands out: the Lua collector tests).
     EXPECT_EQ(0, assetman::collect_system_asset_fast(&t));
     EXPECT_EQ(0, assetman::collect_docker_asset_fast(e));
-    EXPECT_EQ(3u, t.disk.size());
-    EXPECT_EQ("overlay2", e.storage_driver);
     EXPECT_EQ(2, fake_am::calls("system"));
     EXPECT_EQ(2, fake_am::calls("docker"));
 }

@@ -27,7 +27,7 @@ run() {
 # A process whose command line holds a byte that is not UTF-8, a quote, a
 # backslash and a newline, as any user may start one.
 start_odd_process() {
-    (exec -a "$(printf 'odd\377"q\\b\nl')" sleep 60) &
+    (exec -a "$(printf 'odd\377"q\\b\nl')" sleep 900) &
     odd_pid=$!
     trap 'kill $odd_pid 2>/dev/null; rm -rf "$tmp"' EXIT
     sleep 0.2
@@ -52,9 +52,9 @@ inventory)
     if grep -Eq '^process +rc=0 ' "$tmp/out"; then
         grep -q "pid=$$ " "$tmp/out" || fail "the test's own shell (pid $$) is not in the process report"
         # One line per record: control bytes are escaped, quotes too.
-        LC_ALL=C grep -aq "pid=$odd_pid .*cmd_line=\"odd.\\\\\"q\\\\\\\\b\\\\nl 60\"" "$tmp/out" ||
+        LC_ALL=C grep -aq "pid=$odd_pid .*cmd_line=\"odd.\\\\\"q\\\\\\\\b\\\\nl 900\"" "$tmp/out" ||
             fail "the odd command line is not shown escaped on its record's line"
-        ! grep -aq '^l 60' "$tmp/out" || fail "a newline in a value breaks the record's line"
+        ! grep -aq '^l 900' "$tmp/out" || fail "a newline in a value breaks the record's line"
     fi
     run "$examples/inventory.lua" --kind=nosuchkind
     [ $? -ne 0 ] || fail "an unknown kind is not refused"
@@ -89,7 +89,7 @@ if procs["rc"] == 0:
         bad.append("process records without a modules list")
     # Text survives exactly, but for the byte that is not UTF-8.
     odd = [p for p in procs["records"] if p.get("pid") == odd_pid]
-    if len(odd) != 1 or odd[0].get("cmd_line") != 'odd\ufffd"q\\b\nl 60':
+    if len(odd) != 1 or odd[0].get("cmd_line") != 'odd\ufffd"q\\b\nl 900':
         bad.append("the odd process's command line: %r" % [p.get("cmd_line") for p in odd])
 for b in bad:
     print("FAIL: " + b)

@@ -84,9 +84,8 @@ TEST(PluginSetupPoint, NamesTheModuleAndHandsOutOneObject) {
     EXPECT_STREQ(point->name, "assetman");
     ASSERT_NE(point->entry, nullptr);
     EXPECT_EQ(reinterpret_cast<void*>(point->entry), module_symbol<void*>("get_cplug_api_point"));
-    luacall::ICPLUGIN_API* first = point->entry();
+    luacall::ICPLUGIN_API* first = point->entry();  // the same each time: see the threads below
     ASSERT_NE(first, nullptr);
-    EXPECT_EQ(first, point->entry());
 
     // The object's run-time type: plugin, with ICPLUGIN_API as its one public base.
     const std::type_info& dynamic = typeid(*first);
@@ -99,10 +98,9 @@ TEST(PluginSetupPoint, NamesTheModuleAndHandsOutOneObject) {
 TEST(PluginSetup, InstallsWhatLuaopenInstallsOnceOrAgain) {
     luacall::ICPLUGIN_API* api = plugin_object();
     ASSERT_NE(api, nullptr);
-    // Exported only under its decorated name: luaopen_assetman(lua_State*).
+    // Exported under its decorated name only (module_exports checks the whole list).
     const auto luaopen = module_symbol<int (*)(lua_State*)>("_Z16luaopen_assetmanP9lua_State");
     ASSERT_NE(luaopen, nullptr);
-    EXPECT_EQ(module_symbol<void*>("luaopen_assetman"), nullptr) << "no bare entry symbol";
 
     State via_plugin, via_luaopen;
     const std::pair<lua_State*, std::function<bool(lua_State*)>> ways[] = {
@@ -178,11 +176,9 @@ void* limited_alloc(void* ud, void* ptr, size_t old_size, size_t new_size) {
     return realloc(ptr, new_size);
 }
 
-bool g_installed = false;
-
+// Installs the plug-in, its result in the bool that lua_cpcall passes.
 int install(lua_State* L) {
-    lua_pop(L, 1);  // lua_cpcall's argument
-    g_installed = plugin_object()->setup_capi(L);
+    *static_cast<bool*>(lua_touserdata(L, 1)) = plugin_object()->setup_capi(L);
     return 0;
 }
 
@@ -196,10 +192,10 @@ TEST(PluginSetup, OutOfMemoryIsALuaErrorInTheHostState) {
         size_t left = budget;
         lua_State* L = lua_newstate(limited_alloc, &left);
         if (!L) continue;
-        g_installed = false;
-        const int rc = lua_cpcall(L, install, nullptr);
+        bool done = false;
+        const int rc = lua_cpcall(L, install, &done);
         if (rc == 0) {
-            EXPECT_TRUE(g_installed);
+            EXPECT_TRUE(done);
             installed = true;
         } else {
             EXPECT_EQ(rc, LUA_ERRMEM);

@@ -32,11 +32,8 @@ inline std::string run(const std::string& cmd, int* status = nullptr) {
 
 // Whether every one of the space-separated commands is on PATH.
 inline bool have_tools(const std::string& names) {
-    std::istringstream in(names);
-    std::string name;
-    while (in >> name)
-        if (system(("command -v '" + name + "' >/dev/null 2>&1").c_str()) != 0) return false;
-    return true;
+    const std::string check = "for t in " + names + "; do command -v \"$t\" >/dev/null 2>&1 || exit 1; done";
+    return system(check.c_str()) == 0;
 }
 
 // Writes `text` at `path`, creating the directories above it.

@@ -1,5 +1,5 @@
 // What the process tests share: their includes, finding a process or module
-// in a collection, a tool's digest of a file, a file's bytes, and children
+// in a collection, a record as text, a tool's digest of a file, and children
 // started, awaited and killed at scope end.
 #pragma once
 
@@ -10,7 +10,7 @@
 
 #include <chrono>
 #include <functional>
-#include <iterator>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -23,6 +23,7 @@ namespace amproc {
 
 namespace fs = std::filesystem;
 using amsvc::AM;
+using amtest::read_text;
 
 inline const AM::ProcessInfo* find_pid(const std::vector<AM::ProcessInfo>& all, int pid) {
     for (const AM::ProcessInfo& p : all)
@@ -43,16 +44,32 @@ inline std::string sum(const std::string& path, const char* tool = "md5sum") {
     return out.substr(0, out.find_first_of(" \n"));
 }
 
-inline std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+// Processes as text, a field a line ("-" when empty), to compare whole
+// records; a command line longer than a line by its size.
+inline std::string text(const std::vector<AM::ProcessInfo>& all) {
+    const auto dash = [](const std::string& s) { return s.empty() ? std::string("-") : s; };
+    std::ostringstream o;
+    for (const AM::ProcessInfo& p : all) {
+        const std::string& cmd = p.cmd_line;
+        o << "pid " << p.pid << "\nppid " << p.ppid << "\nuser " << dash(p.user) << "\nname " << dash(p.name)
+          << "\nstime " << dash(p.stime) << "\nrtime " << dash(p.rtime) << "\npath " << dash(p.path)
+          << "\ncwd " << dash(p.current_dir) << "\ncmd "
+          << (cmd.size() > 100 ? std::to_string(cmd.size()) + " bytes" : dash(cmd)) << "\nenv " << dash(p.env)
+          << "\n";
+        for (const AM::ProcessModuleInfo& m : p.modules)
+            o << "module " << m.path << " md5 " << dash(m.md5) << " sha256 " << dash(m.sha256) << " company "
+              << dash(m.company) << (m.verified ? " verified\n" : "\n");
+    }
+    return o.str();
 }
 
-inline std::string cmdline(pid_t pid) { return slurp("/proc/" + std::to_string(pid) + "/cmdline"); }
+inline std::string cmdline(pid_t pid) { return read_text("/proc/" + std::to_string(pid) + "/cmdline"); }
 
-// A copy of /bin/sleep at `to`, made distinct by trailing bytes (ELF ignores them).
-inline void copy_sleep(const std::string& to, const std::string& mark) {
-    amtest::write_file(to, slurp("/bin/sleep") + mark, 0755);
+// Compiles the tests' own program (fixtures/helper.c) to `out`; whether it built.
+inline bool build_helper(const std::string& out) {
+    int st = 0;
+    amtest::run("cc -O1 -o '" + out + "' '" ASSETMAN_FIXTURES "/helper.c' 2>&1", &st);
+    return st == 0;
 }
 
 // Polls `done` every 10 ms, `tries` times at most; whether it came true.
@@ -64,12 +81,14 @@ inline bool wait_until(const std::function<bool()>& done, int tries = 500) {
     return done();
 }
 
-// Kills and reaps its children when the test ends, however it ends.
+// Kills and reaps its children, and the process groups they lead, when the
+// test ends, however it ends.
 struct Reaper {
     std::vector<pid_t> pids;
     ~Reaper() {
         for (pid_t p : pids) {
             if (p <= 0) continue;
+            if (getpgid(p) == p) kill(-p, SIGKILL);
             kill(p, SIGKILL);
             waitpid(p, nullptr, 0);
         }

@@ -4,7 +4,7 @@
 // memory), a per-collection digest budget, and secrets in environments.
 #include <sys/mman.h>
 
-#include <set>
+#include <algorithm>
 
 #include "core/digest_cache.h"
 #include "proc_helpers.h"
@@ -15,103 +15,35 @@ using amtest::run;
 
 namespace {
 
-// Maps each file with execute permission, then writes its pid to `pidfile`
-// (in one write). With "chroot DIR" it
-// chroots into DIR first; with "swap A B SECS" it then exchanges A and B by
-// renameat2(RENAME_EXCHANGE) for SECS seconds.
-// "zero" maps /dev/zero privately and shared, shared anonymous memory (shown
-// as "/dev/zero (deleted)") and a memfd, all executable.
-const char kHelper[] = R"(
-#define _GNU_SOURCE
-#include <fcntl.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
-#include <time.h>
-#include <unistd.h>
-static void map(const char* p, int flags) {
-    int fd = open(p, O_RDONLY);
-    if (fd < 0 || mmap(0, 4096, PROT_READ | PROT_EXEC, flags, fd, 0) == MAP_FAILED) { perror(p); exit(1); }
-}
-int main(int argc, char** argv) {
-    int i = 2;
-    if (!strcmp(argv[2], "zero")) {
-        map("/dev/zero", MAP_PRIVATE);
-        map("/dev/zero", MAP_SHARED);
-        if (mmap(0, 4096, PROT_READ | PROT_EXEC, MAP_SHARED | MAP_ANONYMOUS, -1, 0) == MAP_FAILED) exit(1);
-        int m = memfd_create("amtest", 0);
-        if (m < 0 || ftruncate(m, 4096) || mmap(0, 4096, PROT_READ | PROT_EXEC, MAP_SHARED, m, 0) == MAP_FAILED) exit(1);
-        i = 3;
-    } else {
-        for (; i < argc && strcmp(argv[i], "swap") && strcmp(argv[i], "chroot"); ++i) map(argv[i], MAP_PRIVATE);
-    }
-    int pf = open(argv[1], O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (pf < 0 || (i + 1 < argc && !strcmp(argv[i], "chroot") && (chroot(argv[i + 1]) || chdir("/")))) exit(1);
-    dprintf(pf, "%d\n", (int)getpid());
-    close(pf);
-    if (i + 3 < argc && !strcmp(argv[i], "swap")) {
-        time_t end = time(0) + atoi(argv[i + 3]);
-        while (time(0) < end) syscall(SYS_renameat2, AT_FDCWD, argv[i + 1], AT_FDCWD, argv[i + 2], 2);
-    }
-    for (;;) pause();
-}
-)";
+// A scratch directory nobody can enter, with `u/` owned by nobody, the
+// helper program (fixtures/helper.c) built in it, and the attacker's
+// processes, ended with the process group they run in.
+struct Attack {
+    amtest::TempDir tmp{"amhostile"};
+    Reaper reaper;  // ends the processes before the directory goes
+    bool ok = false;
 
-// A scratch directory nobody can enter, with `u/` owned by nobody, the helper
-// compiled in it, and the attacker's processes in one process group.
-class Attack {
-public:
-    Attack() : dir_("amhostile") {
-        chmod(dir_.path.c_str(), 0755);
-        dir_.mkdir("/u");
-        chown((dir_.path + "/u").c_str(), 65534, 65534);
-        dir_.file("/helper.c", kHelper);
-        int st = 0;
-        run("cc -O1 -o '" + dir_.path + "/helper' '" + dir_.path + "/helper.c' 2>&1", &st);
-        ok_ = st == 0;
-    }
-    ~Attack() {
-        if (pgid_ > 0) {
-            kill(-pgid_, SIGKILL);
-            while (waitpid(pgid_, nullptr, 0) < 0 && errno == EINTR) {
-            }
-        }
-    }
-    bool ok() const { return ok_; }
-    const std::string& dir() const { return dir_.path; }
-    std::string file(const std::string& rel, const std::string& text, mode_t mode = 0644,
-                     bool nobody = false) {
-        const std::string p = dir_.file(rel, text, mode);
-        if (nobody) chown(p.c_str(), 65534, 65534);
-        return p;
+    Attack() {
+        chmod(tmp.path.c_str(), 0755);
+        tmp.mkdir("/u");
+        chown((tmp.path + "/u").c_str(), 65534, 65534);
+        ok = build_helper(tmp.path + "/helper");
     }
 
     // Runs `script` as nobody in new user and mount namespaces ($H: the
     // helper, $D: the directory), and waits (at most 20 s) for `ready`
     // (relative to the directory) to appear. The pid written in it.
     pid_t start(const std::string& script, const std::string& ready, bool userns = true) {
-        const std::string full = "H='" + dir_.path + "/helper'; D='" + dir_.path + "'; " + script;
-        std::vector<const char*> argv = {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"};
+        std::vector<std::string> argv = {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"};
         if (userns) argv.insert(argv.end(), {"/usr/bin/unshare", "-Urm"});
-        argv.insert(argv.end(), {"/bin/sh", "-c", full.c_str(), nullptr});
-        pgid_ = fork();
-        if (pgid_ == 0) {
-            setpgid(0, 0);
-            execv("/usr/bin/setpriv", const_cast<char**>(argv.data()));
-            _exit(127);
-        }
-        setpgid(pgid_, pgid_);
+        argv.insert(argv.end(),
+                    {"/bin/sh", "-c", "H='" + tmp.path + "/helper'; D='" + tmp.path + "'; " + script});
+        spawn(reaper, "/usr/bin/setpriv", argv, {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"},
+              [] { return setpgid(0, 0) == 0; });
         pid_t pid = 0;
-        wait_until([&] { return std::ifstream(dir_.path + "/" + ready) >> pid && pid > 0; }, 2000);
+        wait_until([&] { return std::ifstream(tmp.path + "/" + ready) >> pid && pid > 0; }, 2000);
         return pid;
     }
-
-private:
-    amtest::TempDir dir_;
-    bool ok_ = false;
-    pid_t pgid_ = 0;
 };
 
 bool can_attack() {
@@ -146,12 +78,13 @@ TEST(ProcessHostile, MappedFileReplacedAtItsPath) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         Attack a;
-        ASSERT_TRUE(a.ok());
-        const std::string lib = a.file("/u/lib.so", "evil library " + std::string(c.name), 0644, true);
-        a.file("/secret", "root only: the digest of this must stay here", 0600);
-        a.file("/benign.so", "benign library", 0644);
+        ASSERT_TRUE(a.ok);
+        const std::string lib = a.tmp.file("/u/lib.so", "evil library " + std::string(c.name));
+        chown(lib.c_str(), 65534, 65534);
+        a.tmp.file("/secret", "root only: the digest of this must stay here", 0600);
+        a.tmp.file("/benign.so", "benign library", 0644);
         const std::string want = sum(lib);
-        a.file("/u/jail" + a.dir() + "/u/lib.so", "benign library", 0644);
+        a.tmp.file("/u/jail" + a.tmp.path + "/u/lib.so", "benign library", 0644);
         const pid_t pid = a.start("$H $D/u/pid $D/u/lib.so " + std::string(c.helper_args) +
                                       " & while [ ! -s $D/u/pid ]; do sleep 0.01; done; " +
                                       std::string(c.script) + " && cp $D/u/pid $D/u/ready; wait",
@@ -178,15 +111,14 @@ TEST(ProcessHostile, MappedFileReplacedAtItsPath) {
 TEST(ProcessHostile, RenameExchangeRace) {
     if (!can_attack()) GTEST_SKIP() << "needs root, cc, setpriv and unprivileged user namespaces";
     Attack a;
-    ASSERT_TRUE(a.ok());
-    a.file("/u/a/lib.so", "the user's own library", 0644, true);
-    chown((a.dir() + "/u/a").c_str(), 65534, 65534);
-    const std::string secret = a.file("/root/lib.so", "root-only library content", 0600);
-    chmod((a.dir() + "/root").c_str(), 0700);
-    ASSERT_EQ(symlink((a.dir() + "/root").c_str(), (a.dir() + "/u/b").c_str()), 0);
-    lchown((a.dir() + "/u/b").c_str(), 65534, 65534);
-    const std::string bad = sum(secret);
-    const pid_t pid = a.start("$H $D/u/pid $D/u/a/lib.so swap $D/u/a $D/u/b 4", "u/pid", false);
+    ASSERT_TRUE(a.ok);
+    const std::string bad = sum(a.tmp.file("/root/lib.so", "root-only library content", 0600));
+    chmod((a.tmp.path + "/root").c_str(), 0700);
+    // The user's own library in u/a, and u/b a link to the root-only directory.
+    const pid_t pid = a.start(
+        "mkdir $D/u/a && echo mine >$D/u/a/lib.so && ln -s $D/root $D/u/b && "
+        "exec $H $D/u/pid $D/u/a/lib.so swap $D/u/a $D/u/b 4",
+        "u/pid", false);
     ASSERT_GT(pid, 0);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
     int runs = 0, seen = 0;
@@ -213,17 +145,15 @@ TEST(ProcessHostile, DevicesAndSharedMemoryNotOpened) {
         ASSERT_EQ(collect_processes(HostRoot("/"), all), 0);
         const AM::ProcessInfo* p = find_pid(all, atoi(getenv("AMTEST_COLLECT_ONCE")));
         ASSERT_NE(p, nullptr);
-        std::string listed;
-        for (const AM::ProcessModuleInfo& m : p->modules) listed += m.path + "=" + m.md5 + ";";
-        std::ofstream(getenv("AMTEST_LISTED")) << listed;
+        std::ofstream(getenv("AMTEST_LISTED")) << text({*p});
         return;
     }
     if (!can_attack() || !amtest::have_tools("strace")) GTEST_SKIP() << "needs strace and user namespaces";
     Attack a;
-    ASSERT_TRUE(a.ok());
+    ASSERT_TRUE(a.ok);
     const pid_t pid = a.start("exec $H $D/u/pid zero", "u/pid");
     ASSERT_GT(pid, 0);
-    const std::string log = a.dir() + "/strace.log", listed = a.dir() + "/listed";
+    const std::string log = a.tmp.path + "/strace.log", listed = a.tmp.path + "/listed";
     int st = 0;
     const std::string out =
         run("ASAN_OPTIONS=detect_leaks=0 AMTEST_COLLECT_ONCE=" + std::to_string(pid) +
@@ -233,23 +163,16 @@ TEST(ProcessHostile, DevicesAndSharedMemoryNotOpened) {
             &st);
     ASSERT_EQ(st, 0) << out;
     // One file per thread (-ff): a call is never split across lines there.
-    int lines = 0;
-    for (const auto& e : fs::directory_iterator(a.dir())) {
-        if (e.path().filename().string().rfind("strace.log.", 0) != 0) continue;
-        std::ifstream in(e.path());
-        std::string line;
-        while (std::getline(in, line)) {
-            ++lines;
-            if (line.find("O_PATH") != std::string::npos) continue;
-            for (const char* never : {"<char 1:5>", "/dev/zero (deleted)", "memfd:amtest"})
-                EXPECT_EQ(line.find(never), std::string::npos) << line;
-        }
+    const std::string calls = run("cat '" + log + "'.*");
+    EXPECT_GT(split_lines(calls).size(), 10u);
+    for (std::string_view line : split_lines(calls)) {
+        if (line.find("O_PATH") != std::string::npos) continue;
+        for (const char* never : {"<char 1:5>", "/dev/zero (deleted)", "memfd:amtest"})
+            EXPECT_EQ(line.find(never), std::string::npos) << line;
     }
-    EXPECT_GT(lines, 10);
-    const std::string got = slurp(listed);
-    for (const char* listed_undigested :
-         {"/dev/zero=;", "/dev/zero (deleted)=;", "/memfd:amtest (deleted)=;"})
-        EXPECT_NE(got.find(listed_undigested), std::string::npos) << got;
+    const std::string got = read_text(listed);
+    for (const char* path : {"/dev/zero", "/dev/zero (deleted)", "/memfd:amtest (deleted)"})
+        EXPECT_NE(got.find(std::string("\nmodule ") + path + " md5 - sha256 - "), std::string::npos) << got;
 }
 
 // Sparse files mapped by a process, more than one collection's budget can
@@ -284,32 +207,26 @@ TEST(ProcessBudget, CollectionsContinueWhereTheLastStopped) {
         }
         const Reaper reap{{child}};
         const std::string maps = "/proc/" + std::to_string(child) + "/maps";
-        ASSERT_TRUE(wait_until([&] { return slurp(maps).find(files.back()) != std::string::npos; }));
+        ASSERT_TRUE(wait_until([&] { return read_text(maps).find(files.back()) != std::string::npos; }));
         set_digest_budget(limits);
-        std::set<size_t> done;
-        int collections = 0;
-        for (; collections < 6 && done.size() < files.size(); ++collections) {
+        // Per file: '+' hashed, '-' no digest at all (not an empty file's).
+        std::string was(files.size(), '-');
+        for (size_t collection = 1; collection <= 6 && was.find('-') != std::string::npos; ++collection) {
             const uint64_t before = digest_stats().bytes_hashed;
             ASSERT_EQ(collect_processes(HostRoot("/"), all), 0);
             EXPECT_LE(digest_stats().bytes_hashed - before, (50ull << 20) + (41ull << 20));
-            const AM::ProcessInfo* p = find_pid(all, child);
-            ASSERT_NE(p, nullptr);
-            size_t now = 0;
+            std::string now;
             for (size_t i = 0; i < files.size(); ++i) {
-                const AM::ProcessModuleInfo* m = find_module(p, files[i]);
+                const AM::ProcessModuleInfo* m = find_module(find_pid(all, child), files[i]);
                 ASSERT_NE(m, nullptr);
-                if (m->md5.empty()) {
-                    EXPECT_EQ(m->sha256, "");
-                    EXPECT_EQ(done.count(i), 0u) << "a hashed file stays hashed";
-                    continue;
-                }
-                EXPECT_EQ(m->md5, want[i]);
-                if (done.insert(i).second) ++now;
+                now += m->md5 == want[i] ? '+' : m->md5.empty() && m->sha256.empty() ? '-' : '!';
+                EXPECT_TRUE(was[i] != '+' || now[i] == '+') << "a hashed file stays hashed";
             }
-            // More is reading past the budget, none is not continuing.
-            EXPECT_EQ(now, 1u) << "collection " << collections;
+            // One more each time: more is reading past the budget, none is not continuing.
+            EXPECT_EQ(static_cast<size_t>(std::count(now.begin(), now.end(), '+')), collection) << now;
+            was = now;
         }
-        EXPECT_EQ(done.size(), files.size());
+        EXPECT_EQ(was, std::string(files.size(), '+'));
         set_digest_budget(saved);
     }
 }
