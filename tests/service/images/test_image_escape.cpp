@@ -55,11 +55,9 @@ TEST(ImageEscape, NoFactOfTheRunningMachine) {
 
     const std::string sum_image = amimg::tree_sum(image.path), sum_canary = amimg::tree_sum(c);
     const std::string inv = amimg::inventory(HostRoot(image.path));
-    EXPECT_EQ(std::string::npos, inv.find(token)) << inv;
-    EXPECT_EQ(std::string::npos, inv.find("amtest-")) << inv;
-    for (const char* want :
-         {"deb dpkg 0image [] ", "== processes -2\n", "== netlinks -2\n", "== system -2\n|||||||0|0\n"})
-        EXPECT_NE(std::string::npos, inv.find(want)) << inv;
+    // escape.expected: no canary token, no package of the machine's rpm
+    // database, the image's own dpkg entry without an install time.
+    EXPECT_EQ(inv, amtest::read_text(ASSETMAN_FIXTURES "/escape.expected"));
     EXPECT_EQ(sum_image, amimg::tree_sum(image.path));
     EXPECT_EQ(sum_canary, amimg::tree_sum(c));
 
@@ -70,11 +68,7 @@ TEST(ImageEscape, NoFactOfTheRunningMachine) {
         top.link(d, d);
     const std::string inv_top = amimg::inventory(HostRoot(top.path));
     // Each link is a loop inside the image: no kind finds a record.
-    for (const char* kind :
-         {"processes", "netlinks", "packages", "users", "crons", "modules", "autoruns", "system"})
-        EXPECT_NE(std::string::npos, inv_top.find(std::string("== ") + kind + " -")) << kind << "\n"
-                                                                                     << inv_top;
-    EXPECT_NE(std::string::npos, inv_top.find("\n|||||||0|0\n")) << inv_top;
+    EXPECT_EQ(inv_top, amtest::read_text(ASSETMAN_FIXTURES "/escape_top.expected"));
 }
 
 }  // namespace
