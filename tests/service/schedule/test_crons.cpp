@@ -107,11 +107,10 @@ protected:
         (void)!system("userdel amtest_cron >/dev/null 2>&1");
         ASSERT_EQ(system("useradd -M -s /bin/sh amtest_cron"), 0);
         had_root_tab = system(("crontab -u root -l > " + tmp.path + "/saved 2>/dev/null").c_str()) == 0;
-        tmp.file("/user", "MAILTO=\"\"\n# every five minutes\n*/5 * * * * /usr/bin/amtest-poll --quiet\n");
-        ASSERT_EQ(system(("crontab -u amtest_cron " + tmp.path + "/user").c_str()), 0);
-        tmp.file("/root", "@reboot /usr/local/bin/amtest-boot\n");
-        ASSERT_EQ(system(("crontab -u root " + tmp.path + "/root").c_str()), 0);
-        write_file("/etc/cron.d/amtest_job", "# cleanup\n30 1 * * 0 nobody /usr/bin/amtest-clean\n");
+        // The tables of fixtures/live; live.expected holds their records.
+        for (const char* user : {"amtest_cron", "root"})
+            ASSERT_EQ(system(("crontab -u " + std::string(user) + " " + kLive + user).c_str()), 0);
+        write_file("/etc/cron.d/amtest_job", amtest::read_text(kLive + "amtest_job"));
     }
     void TearDown() override {
         if (geteuid() != 0) return;
@@ -121,6 +120,7 @@ protected:
         unlink("/etc/cron.d/amtest_job");
     }
     static constexpr const char* kSpool = "/var/spool/cron/crontabs/";
+    const std::string kLive = ASSETMAN_FIXTURES "/live/";
     TempDir tmp;
     bool had_root_tab = false;
 };
@@ -128,18 +128,10 @@ protected:
 TEST_F(CronHost, InstalledCrontabs) {
     std::vector<AM::CronInfo> v;
     ASSERT_EQ(amsvc::collect_crons(amsvc::HostRoot("/"), v), 0);
-    std::vector<std::string> mine;
+    std::vector<AM::CronInfo> mine;
     for (const auto& c : v)
-        if (c.cmd_line.find("amtest-") != std::string::npos) mine.push_back(row(c));
-    EXPECT_EQ(
-        mine,
-        (std::vector<std::string>{
-            "nobody | 30 1 * * 0 | amtest-clean | /usr/bin/amtest-clean | cleanup | "
-            "/etc/cron.d/amtest_job",
-            "amtest_cron | */5 * * * * | amtest-poll | /usr/bin/amtest-poll --quiet | every five "
-            "minutes | /var/spool/cron/crontabs/amtest_cron",
-            "root | @reboot | amtest-boot | /usr/local/bin/amtest-boot |  | /var/spool/cron/crontabs/root",
-        }));
+        if (c.cmd_line.find("amtest-") != std::string::npos) mine.push_back(c);
+    EXPECT_EQ(text(mine), amtest::read_text(ASSETMAN_FIXTURES "/live.expected"));
 
     // Every job line crontab -l shows for each spool user is one record of ours.
     for (const auto& e : fs::directory_iterator(kSpool)) {
