@@ -30,13 +30,7 @@ TEST(LibParse, MetadataFiles) {
         {mf, "Manifest-Version: 1.0\n\nName: x/\nImplementation-Title: other\n", ""},
         {mf, "Created-By: 17 (Debian)\n", ""},
         {mf, "Implementation-Version: 3\nBundle-SymbolicName: b\n", "b|3"},
-        {py, "Metadata-Version: 2.1\nName: requests\nVersion: 2.31.0\nSummary: x\n\nName: not-me\n",
-         "requests|2.31.0"},
-        {py, "Metadata-Version: 1.0\r\nName: old\r\nVersion: 0.1\r\n", "old|0.1"},
         {py, "\nName: body-only\n", ""},
-        {pkg, R"({"version":"1.0.0","dependencies":{"name":"x","version":"9"},"name":"@scope/pkg"})",
-         "@scope/pkg|1.0.0"},
-        {pkg, R"({"name": "yallist", "version": "4.0.0", "files": ["a"]})", "yallist|4.0.0"},
         {pkg, R"({"version": "1"})", ""},
         {pkg, R"(["name", "x"])", ""},
         {pkg, "{\"name\": \"cut", ""},
@@ -75,20 +69,14 @@ TEST(LibParse, FileAndSharedObjectNames) {
     }
 }
 
-TEST(LibParse, ComposerInstalled) {
-    const char* v2 = R"({"packages": [
-        {"name": "monolog/monolog", "version": "2.3.5", "require": {"name": "no"}, "install-path": "../monolog/monolog"},
-        {"name": "psr/log", "version": "1.1.4", "install-path": "../psr/log"}], "dev": true})";
-    const char* v1 = R"([{"name": "symfony/yaml", "version": "v4.4.0"}, {"version": "1"}])";
-    // Version 1 names no install path: the vendor directory's layout gives it.
-    for (const auto& [text, want] :
-         {std::pair(v2, "monolog/monolog|2.3.5|../monolog/monolog\npsr/log|1.1.4|../psr/log\n"),
-          std::pair(v1, "symfony/yaml|v4.4.0|../symfony/yaml\n")}) {
-        std::string got;
-        for (const LibId& l : parse_composer_installed(text))
-            got += l.name + "|" + l.version + "|" + l.where + "\n";
-        EXPECT_EQ(got, want);
-    }
+// Version 1 of installed.json names no install path: the vendor directory's
+// layout gives it. (Version 2 is in the ecosystem tree.)
+TEST(LibParse, ComposerInstalledVersion1) {
+    std::string got;
+    for (const LibId& l :
+         parse_composer_installed(R"([{"name": "symfony/yaml", "version": "v4.4.0"}, {"version": "1"}])"))
+        got += l.name + "|" + l.version + "|" + l.where + "\n";
+    EXPECT_EQ(got, "symfony/yaml|v4.4.0|../symfony/yaml\n");
 }
 
 TEST(LibParse, GoModinfo) {
