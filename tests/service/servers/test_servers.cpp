@@ -56,11 +56,6 @@ std::string text(const std::vector<AM::ServiceInfo>& v) {
     return out;
 }
 
-// The records fixtures/<name>.expected holds, as text() writes them.
-std::string expected(const std::string& name) {
-    return amtest::read_text(ASSETMAN_FIXTURES "/" + name + ".expected");
-}
-
 // "port host" of each site of the records.
 std::set<std::string> site_keys(std::initializer_list<const AM::ServiceInfo*> records) {
     std::set<std::string> k;
@@ -98,7 +93,7 @@ TEST(Servers, IdleServersOfAnImageWithHostileFiles) {
     int32_t rc = -1;
     const std::string got = text(collect(t.path, &rc));
     EXPECT_EQ(rc, 0);
-    EXPECT_EQ(got, expected("image"));
+    EXPECT_EQ(got, amtest::read_text(ASSETMAN_FIXTURES "/image.expected"));
 }
 
 // One listening process per product, each with its configuration in the
@@ -122,7 +117,7 @@ TEST(Servers, ProductsAndAContainerUnderAFakeProc) {
     t.file("/containers/c1/usr/sbin/nginx",
            amtest::elf_header(183) + std::string(100, 'x') + BYTES("nginx/1.25.3\0"));
 
-    EXPECT_EQ(text(collect(t.path)), expected("products"));
+    EXPECT_EQ(text(collect(t.path)), amtest::read_text(ASSETMAN_FIXTURES "/products.expected"));
 }
 
 // An unprivileged user's listener that calls itself nginx and names a
