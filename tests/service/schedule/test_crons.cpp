@@ -27,14 +27,12 @@ using amtest::run;
 using amtest::TempDir;
 using amtest::write_file;
 
-std::string row(const CronInfo& c) {
-    return c.user + " | " + c.timer + " | " + c.name + " | " + c.cmd_line + " | " + c.comment + " | " +
-           c.file;
-}
-
+// A line per job: "user | timer | name | command | comment | file".
 std::string text(const std::vector<CronInfo>& v) {
     std::string out;
-    for (const auto& c : v) out += row(c) + "\n";
+    for (const auto& c : v)
+        out += c.user + " | " + c.timer + " | " + c.name + " | " + c.cmd_line + " | " + c.comment + " | " +
+               c.file + "\n";
     return out;
 }
 
