@@ -220,7 +220,7 @@ inline std::string inventory(const amsvc::HostRoot& root) {
                 [](const auto& c) { return words(c.user, c.file, c.cmd_line, c.comment); }) +
            kind("modules", amsvc::collect_kernel_modules, root, [](const auto& m) { return m.name; }) +
            kind("autoruns", amsvc::collect_autoruns, root,
-                [](const auto& a) { return words(a.name, a.script_path, a.status, a.comment); }) +
+                [](const auto& a) { return words(a.name, a.script_path, a.status, a.level, a.comment); }) +
            kind("servers", amsvc::collect_servers, root,
                 [](const auto& v) { return words(v.name, v.install_path, v.configure_path); }) +
            "== libraries " + to_string(lib_rc) + "\n" + to_string(libs.size()) + "\n== system " +

@@ -13,8 +13,6 @@ TEST(LibParse, MetadataFiles) {
     const Parse pom = parse_pom_properties, mf = manifest_library, py = parse_python_metadata,
                 pkg = parse_package_json, gem = parse_gemspec;
     const std::tuple<Parse, std::string, const char*> cases[] = {
-        {pom, "#Generated\ngroupId=org.apache.logging.log4j\nartifactId=log4j-core\nversion=2.14.1\n",
-         "org.apache.logging.log4j:log4j-core|2.14.1"},
         {pom, "version = 1.0 \r\nartifactId : a\r\n", "a|1.0"},
         {pom, "groupId=g\nversion=1\n", ""},
         {pom, "", ""},
@@ -32,21 +30,13 @@ TEST(LibParse, MetadataFiles) {
         {mf, "Manifest-Version: 1.0\n\nName: x/\nImplementation-Title: other\n", ""},
         {mf, "Created-By: 17 (Debian)\n", ""},
         {mf, "Implementation-Version: 3\nBundle-SymbolicName: b\n", "b|3"},
-        {py, "Metadata-Version: 2.1\nName: requests\nVersion: 2.31.0\nSummary: x\n\nName: not-me\n",
-         "requests|2.31.0"},
-        {py, "Metadata-Version: 1.0\r\nName: old\r\nVersion: 0.1\r\n", "old|0.1"},
         {py, "\nName: body-only\n", ""},
-        {pkg, R"({"version":"1.0.0","dependencies":{"name":"x","version":"9"},"name":"@scope/pkg"})",
-         "@scope/pkg|1.0.0"},
-        {pkg, R"({"name": "yallist", "version": "4.0.0", "files": ["a"]})", "yallist|4.0.0"},
         {pkg, R"({"version": "1"})", ""},
         {pkg, R"(["name", "x"])", ""},
         {pkg, "{\"name\": \"cut", ""},
         // Nesting as deep as the text allows builds no tree and no recursion:
         // what came before the cut stands.
         {pkg, "{\"name\":\"d\",\"x\":" + std::string(200000, '[') + std::string(200000, ']') + "}", "d|"},
-        {gem, "Gem::Specification.new do |s|\n  s.name = \"rake\".freeze\n  s.version = \"13.0.6\"\n",
-         "rake|13.0.6"},
         {gem, "Gem::Specification.new do |spec|\n spec.name = %q{json}\n spec.version = '2.6.1'\n",
          "json|2.6.1"},
         {gem, "s.required_rubygems_version = Gem::Requirement.new(\">= 0\")\n", ""},
@@ -79,26 +69,19 @@ TEST(LibParse, FileAndSharedObjectNames) {
     }
 }
 
-TEST(LibParse, ComposerInstalled) {
-    const char* v2 = R"({"packages": [
-        {"name": "monolog/monolog", "version": "2.3.5", "require": {"name": "no"}, "install-path": "../monolog/monolog"},
-        {"name": "psr/log", "version": "1.1.4", "install-path": "../psr/log"}], "dev": true})";
-    const char* v1 = R"([{"name": "symfony/yaml", "version": "v4.4.0"}, {"version": "1"}])";
-    // Version 1 names no install path: the vendor directory's layout gives it.
-    for (const auto& [text, want] :
-         {std::pair(v2, "monolog/monolog|2.3.5|../monolog/monolog\npsr/log|1.1.4|../psr/log\n"),
-          std::pair(v1, "symfony/yaml|v4.4.0|../symfony/yaml\n")}) {
-        std::string got;
-        for (const LibId& l : parse_composer_installed(text))
-            got += l.name + "|" + l.version + "|" + l.where + "\n";
-        EXPECT_EQ(got, want);
-    }
+// Version 1 of installed.json names no install path: the vendor directory's
+// layout gives it. (Version 2 is in the ecosystem tree.)
+TEST(LibParse, ComposerInstalledVersion1) {
+    std::string got;
+    for (const LibId& l :
+         parse_composer_installed(R"([{"name": "symfony/yaml", "version": "v4.4.0"}, {"version": "1"}])"))
+        got += l.name + "|" + l.version + "|" + l.where + "\n";
+    EXPECT_EQ(got, "symfony/yaml|v4.4.0|../symfony/yaml\n");
 }
 
 TEST(LibParse, GoModinfo) {
     const std::vector<LibId> mods = parse_go_modinfo(
         "path\texample.com/app/cmd/x\n"
-        "mod\texample.com/app\t(devel)\t\n"
         "dep\tgolang.org/x/text\tv0.3.7\th1:abc=\n"
         "dep\tgithub.com/a/b\tv1.0.0\th1:x=\n"
         "=>\tgithub.com/fork/b\tv1.0.1\th1:y=\n"
@@ -107,8 +90,7 @@ TEST(LibParse, GoModinfo) {
         "build\t-compiler=gc\n");
     std::vector<std::string> got;
     for (const LibId& m : mods) got.push_back(m.name + " " + m.version);
-    EXPECT_EQ(got, (std::vector<std::string>{"example.com/app (devel)", "golang.org/x/text v0.3.7",
-                                             "github.com/fork/b v1.0.1",
+    EXPECT_EQ(got, (std::vector<std::string>{"golang.org/x/text v0.3.7", "github.com/fork/b v1.0.1",
                                              "example.com/local v0.0.0-00010101000000-000000000000"}));
 }
 

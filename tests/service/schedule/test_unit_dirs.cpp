@@ -70,23 +70,16 @@ TEST(UnitDirs, DropinLinksAndATreeThatChanges) {
     ASSERT_EQ(mkfifo((t.path + kLib + "/f.service.d").c_str(), 0644), 0);
     std::filesystem::remove_all(t.path + kLib + "/g.service.d");
     t.link(kLib + "/g.service.d", host.path + "/conf");
-    const struct {
-        const char* unit;
-        std::vector<std::string> want;
-    } kCases[] = {
-        {"a.service", {"/srv/d/10-in.conf"}},
-        {"b.service", {"/srv/d/10-in.conf"}},
-        {"c.service", {}},
-        {"d.service", {}},
-        {"e.service", {}},
-        {"f.service", {}},
-        {"g.service", {}},
-    };
-    for (const auto& c : kCases) {
-        EXPECT_EQ(find_dropins(dirs, {c.unit}), c.want) << c.unit;
+    // Only a and b reach the image's drop-in directory.
+    for (const char* unit :
+         {"a.service", "b.service", "c.service", "d.service", "e.service", "f.service", "g.service"}) {
+        const bool in = unit[0] <= 'b';
+        EXPECT_EQ(find_dropins(dirs, {unit}),
+                  in ? std::vector<std::string>{"/srv/d/10-in.conf"} : std::vector<std::string>{})
+            << unit;
         UnitKeys keys;
-        apply_dropins(dirs, {c.unit}, keys);
-        EXPECT_EQ(unit_last(keys, "Unit.Description"), c.want.empty() ? "" : "in the image") << c.unit;
+        apply_dropins(dirs, {unit}, keys);
+        EXPECT_EQ(unit_last(keys, "Unit.Description"), in ? "in the image" : "") << unit;
     }
 }
 

@@ -21,12 +21,8 @@
 
 namespace amlive {
 
-inline int sh(const std::string& cmd) { return system(cmd.c_str()); }
-
 // The number a shell command prints, 0 when none.
 inline pid_t pid_of(const std::string& cmd) { return static_cast<pid_t>(atol(amtest::run(cmd).c_str())); }
-
-inline pid_t pid_from(const std::string& file) { return pid_of("cat " + file + " 2>/dev/null"); }
 
 // The pid that ss reports as owning the listener on 127.0.0.1:`port`, so a
 // server whose pid file did not appear is still stopped.
@@ -37,12 +33,9 @@ inline pid_t listener_pid(int port) {
 
 // Waits (bounded) until `port` on 127.0.0.1 is listened on.
 inline bool wait_port(int port) {
-    for (int i = 0; i < 100; ++i) {
-        const std::string cmd = "ss -Htln 'sport = :" + std::to_string(port) + "' | grep -q LISTEN";
-        if (sh(cmd) == 0) return true;
+    for (int i = 0; i < 100 && listener_pid(port) <= 0; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return false;
+    return listener_pid(port) > 0;
 }
 
 // Ends a server: SIGTERM, then SIGKILL after two seconds.
@@ -86,11 +79,11 @@ struct LiveServers {
     // from the listener (its parent when `parent`, for nginx and Apache).
     bool launch(const char* what, const std::string& cmd, int port, const std::string& pidfile, bool parent,
                 pid_t& pid) {
-        if (sh(cmd) != 0 || !wait_port(port)) {
+        if (system(cmd.c_str()) != 0 || !wait_port(port)) {
             log += std::string(what) + " did not start; ";
             return false;
         }
-        for (int i = 0; i < 40 && (pid = pid_from(pidfile)) <= 0; ++i)
+        for (int i = 0; i < 40 && (pid = pid_of("cat " + pidfile + " 2>/dev/null")) <= 0; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         if (pid <= 0) pid = parent ? main_pid(listener_pid(port)) : listener_pid(port);
         return pid > 0;

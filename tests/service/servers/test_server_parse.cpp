@@ -88,17 +88,37 @@ TEST(ServerParse, GlobAndHostPort) {
     }
 }
 
-TEST(ServerParse, NginxSitesIncludesAndInheritance) {
-    const WebConfig c = parse_nginx(conf_tree(), "/etc/nginx/nginx.conf", "/usr/share/nginx");
-    EXPECT_EQ(sites_text(c.sites),
-              "0.0.0.0:80 a.test /srv/a /var/log/nginx/snip.log\n"
-              "0.0.0.0:80 b.test /srv/a /var/log/nginx/snip.log\n"
-              ":::8080 a.test /srv/a /var/log/nginx/snip.log\n"
-              ":::8080 b.test /srv/a /var/log/nginx/snip.log\n"
-              "127.0.0.1:81 c.test  /var/log/nginx/snip.log\n"
-              "10.0.0.1:80  /usr/share/nginx/html \n");
-    EXPECT_EQ(c.error_log, "/usr/share/nginx/logs/err.log");
-    EXPECT_FALSE(c.truncated);
+// Every parser on the tree of fixtures/conf, as conf.expected shows it: nginx
+// includes and inherited paths; Apache's envvars, defines, conditions and
+// virtual hosts; my.cnf with !includedir, PostgreSQL, Redis, both MongoDB
+// layouts, and Tomcat's server.xml.
+TEST(ServerParse, ConfigurationTree) {
+    const WebConfig n = parse_nginx(conf_tree(), "/etc/nginx/nginx.conf", "/usr/share/nginx");
+    std::string got = "nginx " + n.error_log + (n.truncated ? " truncated\n" : "\n") + sites_text(n.sites);
+    ApacheInput in;
+    in.server_root = "/etc/apache2";
+    in.conf = "apache2.conf";
+    in.env = parse_envvars(read_conf("/etc/apache2/envvars"));
+    in.defines = {"FROMCMD"};
+    const WebConfig a = parse_apache(conf_tree(), in);
+    got += "apache " + a.error_log + " pid file " + in.env.at("APACHE_PID_FILE") + "\n" + sites_text(a.sites);
+    for (const auto& l : a.listens) got += "listen " + l.first + ":" + std::to_string(l.second) + "\n";
+    const std::pair<const char*, ServerConf> dbs[] = {
+        {"mysql", parse_mycnf(conf_tree(), "/etc/mysql/my.cnf")},
+        {"postgresql", parse_postgresql(conf_tree(), "/etc/postgresql/15/main/postgresql.conf")},
+        {"redis", parse_redis(conf_tree(), "/etc/redis/redis.conf")},
+        {"mongod", parse_mongod(read_conf("/etc/mongod.conf"))},
+        {"mongodb", parse_mongod(read_conf("/etc/mongodb.conf"))},
+    };
+    for (const auto& [name, c] : dbs) {
+        got += std::string(name) + " " + c.bind;
+        for (uint32_t port : c.ports) got += " " + std::to_string(port);
+        got += " " + c.data_path + " " + c.log_path + "\n";
+    }
+    const TomcatConf t = parse_server_xml(read_conf("/etc/tomcat/server.xml"));
+    got += "tomcat\n" + sites_text(t.sites);
+    for (uint32_t port : t.ports) got += "port " + std::to_string(port) + "\n";
+    EXPECT_EQ(got, amtest::read_text(ASSETMAN_FIXTURES "/conf.expected"));
 }
 
 // Loops, a chain deeper than the bound, deep nesting, and one large file
@@ -154,31 +174,6 @@ TEST(ServerParse, ApacheDefinesConditionsAndVhosts) {
     for (const auto& l : c.listens) listens += l.first + ":" + std::to_string(l.second) + " ";
     EXPECT_EQ(listens, "*:80 *:443 ::1:8080 ");
     EXPECT_EQ(c.error_log, "/var/log/apache2/error.log");
-}
-
-TEST(ServerParse, DatabaseAndCacheConfigs) {
-    EXPECT_EQ(parse_mycnf(conf_tree(), "/etc/mysql/my.cnf").bind, "127.0.0.1");
-    struct {
-        ServerConf got;
-        uint32_t port;
-        const char* data;
-        const char* log;
-    } want[] = {
-        {parse_mycnf(conf_tree(), "/etc/mysql/my.cnf"), 3307, "/data/mysql", "/data/mysql/err.log"},
-        {parse_postgresql(conf_tree(), "/etc/postgresql/15/main/postgresql.conf"), 5433,
-         "/var/lib/postgresql/15/main", "/var/lib/postgresql/15/main/it's"},
-        {parse_redis(conf_tree(), "/etc/redis/redis.conf"), 6380, "/var/lib/redis", "/var/log/redis/r.log"},
-        {parse_mongod(read_conf("/etc/mongod.conf")), 27018, "/var/lib/mongodb",
-         "/var/log/mongodb/mongod.log"},
-        {parse_mongod(read_conf("/etc/mongodb.conf")), 27019, "/data/db", "/var/log/m.log"},
-    };
-    for (const auto& w : want) {
-        EXPECT_EQ(w.got.ports, std::vector<uint32_t>{w.port});
-        EXPECT_EQ(w.got.data_path + " " + w.got.log_path, std::string(w.data) + " " + w.log);
-    }
-    const TomcatConf t = parse_server_xml(read_conf("/etc/tomcat/server.xml"));
-    EXPECT_EQ(t.ports, (std::vector<uint32_t>{8080, 8009}));
-    EXPECT_EQ(sites_text(t.sites), "*:8080 localhost webapps logs\n127.0.0.1:8009 localhost webapps logs\n");
 }
 
 TEST(ServerParse, ExecutableFacts) {
