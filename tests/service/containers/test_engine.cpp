@@ -1,16 +1,12 @@
 // The container engine: the engine's answers read into the record, a fake
 // engine on a unix socket that misbehaves in every way a stuck or hostile
 // engine can, and the search for engine sockets under a root.
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
 #include <map>
 #include <thread>
 
@@ -106,11 +102,9 @@ TEST(EngineParse, RefusedAndOddAnswers) {
     for (const char* v : {"1.41/../../x", "", "1.", ".1", "1", "1.4a", "1234567.1", "1.2.3"})
         EXPECT_FALSE(engine::is_api_version(v)) << v;
     EXPECT_TRUE(engine::is_api_version("1.43"));
-    for (const auto& [text, pid] :
-         {std::pair{R"({"State":{"Pid":4242}})", 4242}, {R"({"State":{"Pid":"4242"}})", -1}}) {
-        ASSERT_EQ(0, engine::parse_json(text, j));
-        EXPECT_EQ(pid, engine::inspect_pid(j)) << text;
-    }
+    // A pid as text is none (a good one: Engine.AnswersFillTheRecord).
+    ASSERT_EQ(0, engine::parse_json(R"({"State":{"Pid":"4242"}})", j));
+    EXPECT_EQ(-1, engine::inspect_pid(j));
 }
 
 sockaddr_un unix_address(const std::string& path) {
@@ -315,9 +309,8 @@ TEST_F(Engine, MisbehavingEnginesFailWithTheirCodeAndLeaveNothingBehind) {
         {"HTTP 500", Mode::Raw, "/info", e500, -EPROTO},
         {"HTTP 500 on inspection", Mode::Raw, "/containers/" + kPodmanRunning, e500, -EPROTO},
         {"not HTTP", Mode::Raw, "/_ping", "SSH-2.0-OpenSSH_9.2\r\n\r\n\r\n", -EPROTO},
+        // Other refused answers: EngineParse.RefusedAndOddAnswers.
         {"malformed JSON", Mode::Normal, "/images/json", R"([{"Id": "sha256:1", )", -EPROTO},
-        {"deeply nested JSON", Mode::Normal, "/containers/json?all=1", std::string(100000, '['), -EPROTO},
-        {"info not an object", Mode::Normal, "/info", "[]", -EPROTO},
         {"not an engine", Mode::Normal, "/_ping", "", -EPROTO},
     };
     NoLeaks no_leaks;

@@ -1,14 +1,9 @@
 // The collector against Podman's real API service, as root and rootless, on a
 // private storage with an image imported offline; compared with what the
 // podman client itself reports for the same storage.
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <set>
 #include <thread>
 
@@ -148,7 +143,6 @@ void compare_with_client(PodmanEngine& p) {
         for (const Json& n : im["Names"]) names.insert(n.get<std::string>());
     }
     EXPECT_EQ(names, ours[0]["tags"].get<std::set<std::string>>());
-    EXPECT_EQ(2u, names.size());
 
     // podman ps -a: the same containers, names, states, main processes and
     // images; ports published only by root's running one.
