@@ -22,7 +22,6 @@ bool build_module(const std::string& dir, const std::string& name, const std::ve
     write_file(dir + "/" + name + ".c", c);  // makes the directory
     int st = 0;
     run("gcc -c -o '" + dir + "/" + name + ".ko' '" + dir + "/" + name + ".c' 2>&1", &st);
-    unlink((dir + "/" + name + ".c").c_str());
     return st == 0;
 }
 

@@ -1,5 +1,6 @@
 // System facts: parsers on fixture text, then the live host against hostname,
 // uname, ip and df.
+#include <arpa/inet.h>
 #include <sched.h>
 
 #include <cmath>
@@ -53,9 +54,7 @@ std::vector<std::string> cards_of(const json& ip) {
                 continue;
             }
             add(v4, local);
-            const uint32_t m = plen ? ~uint32_t(0) << (32 - plen) : 0;
-            add(masks, std::to_string(m >> 24) + "." + std::to_string((m >> 16) & 255) + "." +
-                           std::to_string((m >> 8) & 255) + "." + std::to_string(m & 255));
+            add(masks, inet_ntoa(in_addr{htonl(plen ? ~uint32_t(0) << (32 - plen) : 0)}));
             if (a.contains("broadcast")) add(broads, a["broadcast"]);
         }
         out.push_back(link.value("ifname", "") + "|" + v4 + "|" + masks + "|" + broads + "|" + v6 + "|" +
