@@ -107,19 +107,14 @@ TEST(EngineParse, RefusedAndOddAnswers) {
     EXPECT_EQ(-1, engine::inspect_pid(j));
 }
 
-sockaddr_un unix_address(const std::string& path) {
+// A unix socket bound at `path`, or -1; closed without listen, it is a stale one left behind.
+int bound_socket(const std::string& path) {
+    const int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
     snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
-    return a;
-}
-
-// A unix socket bound without listen, as a stale one left behind is.
-void bound_socket(const std::string& path) {
-    const int s = socket(AF_UNIX, SOCK_STREAM, 0);
-    const sockaddr_un a = unix_address(path);
-    ASSERT_EQ(0, bind(s, reinterpret_cast<const sockaddr*>(&a), sizeof a));
-    close(s);
+    unlink(path.c_str());
+    return bind(s, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0 ? s : (close(s), -1);
 }
 
 // An engine's answer with its body.
@@ -141,12 +136,8 @@ public:
     FakeEngine(const std::string& path, std::map<std::string, std::string> routes, Mode mode = Mode::Normal,
                std::string bad = "", std::string head = "")
         : routes_(std::move(routes)), mode_(mode), bad_(std::move(bad)), head_(std::move(head)) {
-        listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const sockaddr_un a = unix_address(path);
-        unlink(path.c_str());
-        if (bind(listen_fd_, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0 ||
-            listen(listen_fd_, 8) != 0)
-            ADD_FAILURE() << "cannot listen on " << path;
+        listen_fd_ = bound_socket(path);
+        if (listen_fd_ < 0 || listen(listen_fd_, 8) != 0) ADD_FAILURE() << "cannot listen on " << path;
         stop_fd_ = eventfd(0, EFD_CLOEXEC);
         thread_ = std::thread([this] {
             while (wait(listen_fd_, POLLIN)) {
@@ -327,7 +318,7 @@ TEST_F(Engine, MisbehavingEnginesFailWithTheirCodeAndLeaveNothingBehind) {
 }
 
 TEST_F(Engine, FirstEngineThatAnswersFillsTheRecord) {
-    bound_socket(sock("stale.sock"));  // nobody listening: refused
+    ASSERT_EQ(0, close(bound_socket(sock("stale.sock"))));  // nobody listening: refused
     FakeEngine hung(sock("hung.sock"), routes("podman"), Mode::Silent, "/_ping");
     FakeEngine good(sock("good.sock"), routes("podman"));
     struct Case {
@@ -363,7 +354,7 @@ TEST_F(Engine, UnprivilegedCallerIsRefused) {
 TEST_F(Engine, SocketsAreFoundInsideTheRootOnly) {
     auto make_socket = [&](const std::string& rel, uid_t owner) {
         dir.mkdir(rel.substr(0, rel.rfind('/')));
-        bound_socket(dir.path + rel);
+        ASSERT_EQ(0, close(bound_socket(dir.path + rel)));
         ASSERT_EQ(0, lchown((dir.path + rel).c_str(), owner, owner));
     };
     amtest::TempDir outside{"amsvc_engine_host"};
