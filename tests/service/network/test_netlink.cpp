@@ -175,13 +175,10 @@ TEST(NetlinkDiag, DumpMessagesEndingsAndHostileBuffers) {
         diag(std::vector<unsigned char>(buf.begin(), buf.begin() + static_cast<long>(len)), out, err);
         EXPECT_LE(out.size(), len / (NLMSG_HDRLEN + sizeof a));
     }
-    out.clear();
-    EXPECT_EQ(nl::parse_diag_buffer(nullptr, 0, 7, Proto::kTcp, out, err), nl::DiagStatus::kMore);
     // The ceiling stops the list, not the parse.
+    out.clear();
     EXPECT_EQ(diag(buf, out, err, 1), nl::DiagStatus::kMore);
     EXPECT_EQ(out.size(), 1u);
-    Sock s;
-    EXPECT_FALSE(nl::parse_diag_msg(nullptr, 100, Proto::kTcp, s));
 }
 
 // ---------------------------------------------------------------- snapshot host root
@@ -368,7 +365,7 @@ TEST(NetlinkLiveHost, OwnAndChildSocketsMatchSs) {
         connect_to(c, AF_INET, pc);
         int copies = 0;
         while (dup(s) >= 0) ++copies;
-        return std::to_string(port_of(c)) + " " + std::to_string(copies);
+        return std::to_string(copies);
     });
     ASSERT_GT(child.pid, 0);
     // Per family: a listener with a connection to it accepted, a bound and a
@@ -384,9 +381,7 @@ TEST(NetlinkLiveHost, OwnAndChildSocketsMatchSs) {
         const int icmp = fam == AF_INET ? int{IPPROTO_ICMP} : int{IPPROTO_ICMPV6};
         raws += fds.keep(socket(fam, SOCK_RAW | SOCK_CLOEXEC, icmp)) >= 0;
     }
-    int cc = 0, copies = 0;
-    ASSERT_EQ(sscanf(child.report.c_str(), "%d %d", &cc, &copies), 2);
-    EXPECT_GT(copies, 1000);
+    EXPECT_GT(std::atoi(child.report.c_str()), 1000) << child.report;  // copies of its listener
     ASSERT_GE(fds.keep(accept4(lc, nullptr, nullptr, SOCK_CLOEXEC)), 0);
 
     std::vector<AM::NetLinkInfo> out;
@@ -402,13 +397,6 @@ TEST(NetlinkLiveHost, OwnAndChildSocketsMatchSs) {
         EXPECT_EQ(r.proc_name, r.pid == me ? comm : "nl_child");
         EXPECT_EQ(r.proc_path, exe);
     }
-    // The connection between parent and child is the child's on one end and
-    // the parent's on the other.
-    auto owner = [&](const std::string& c) { return mine.count(c) ? mine.at(c)->pid : -1; };
-    const std::string c = std::to_string(cc), p = std::to_string(pc);
-    EXPECT_EQ(owner("tcp 127.0.0.1:" + c + " 127.0.0.1:" + p + " ESTABLISHED"), kid);
-    EXPECT_EQ(owner("tcp 127.0.0.1:" + p + " 127.0.0.1:" + c + " ESTABLISHED"), me);
-
     // The /proc tables give the same sockets of ours as the dumps.
     std::vector<AM::NetLinkInfo> from_proc;
     nl::Options files;
@@ -421,7 +409,8 @@ TEST(NetlinkLiveHost, OwnAndChildSocketsMatchSs) {
     EXPECT_EQ(a, b);
     EXPECT_EQ(a.size(), 15u + raws);  // 12 of ours, 3 of the child's
 
-    // And ss, sockets and owners alike.
+    // And ss, sockets and owners alike (the connection between parent and
+    // child is the child's on one end and the parent's on the other).
     ASSERT_EQ(std::system("ss -V >/dev/null 2>&1"), 0) << "ss (iproute2, installed by scripts/setup.sh)";
     std::set<std::string> want;
     for (const auto& [conn, pids] : ss_sockets({me, kid})) {
