@@ -1,12 +1,10 @@
 // Network connections: the table, netlink and link parsers on fixture text and
 // bytes, a snapshot host root, and the live host checked against ss.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
 #include <sched.h>
-#include <signal.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -247,32 +245,6 @@ TEST(NetlinkSnapshot, HugeTableIsStreamed) {
 
 // ---------------------------------------------------------------- live host
 
-// Runs `fn` in a child that reports over a pipe, then stays until the test ends.
-class Child {
-public:
-    template <class F>
-    explicit Child(F fn) {
-        int p[2];
-        if (pipe2(p, O_CLOEXEC) != 0) return;
-        if ((pid = fork()) == 0) {
-            const std::string msg = fn();
-            if (write(p[1], msg.data(), msg.size()) < 0) _exit(1);
-            close(p[1]);
-            pause();
-            _exit(0);
-        }
-        close(p[1]);
-        char buf[256];
-        for (ssize_t n; (n = read(p[0], buf, sizeof buf)) > 0;) report.append(buf, static_cast<size_t>(n));
-        close(p[0]);
-    }
-    ~Child() {
-        if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
-    }
-    pid_t pid = -1;
-    std::string report;
-};
-
 int port_of(int fd) {
     sockaddr_in6 a;  // sin_port and sin6_port share their place
     socklen_t len = sizeof a;
@@ -353,7 +325,7 @@ TEST(NetlinkLiveHost, OwnAndChildSocketsMatchSs) {
     rlimit lim;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &lim), 0);
     const rlim_t most = std::min<rlim_t>(lim.rlim_max, 100000);
-    Child child([lc, pc, most] {
+    amtest::Child child([lc, pc, most] {
         prctl(PR_SET_NAME, "nl_child");
         close(lc);
         const rlimit l = {most, most};
@@ -422,7 +394,7 @@ TEST(NetlinkLiveHost, OwnAndChildSocketsMatchSs) {
 
 TEST(NetlinkLiveNamespace, SocketInAnotherNamespaceAppearsOnce) {
     const auto before = std::filesystem::read_symlink("/proc/thread-self/ns/net");
-    Child child([] {
+    amtest::Child child([] {
         prctl(PR_SET_NAME, "nl_netns");
         if (unshare(CLONE_NEWNET) != 0) return std::string("unshare: ") + strerror(errno);
         if (std::system("ip link set lo up") != 0) return std::string("ip link set lo up failed");

@@ -242,27 +242,19 @@ TEST(LiveHost, MatchesFacter) {
 // In a private network namespace (the host stays untouched): an address with
 // a label and one with a broadcast on lo, against `ip -j addr` there.
 TEST(SystemCollect, LabelsAndLoopbackBroadcastMatchIpInNetns) {
-    amtest::TempDir t("amsysns");
-    const std::string result = t.path + "/result.json";
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        if (unshare(CLONE_NEWNET) != 0) _exit(77);
+    const amtest::Child child([] {
+        if (unshare(CLONE_NEWNET) != 0) return std::string("unshare");
         if (system("ip link set lo up && ip addr add 10.254.253.1/24 dev lo label lo:fld && "
                    "ip addr add 10.254.252.1/24 brd + dev lo && ip addr add fd00:fe::1/64 dev lo") != 0)
-            _exit(78);
+            return std::string("namespace setup failed");
         AM::SystemInfo si;
         const int rc = collect_system_facts(HostRoot("/"), si);
         const json ip = json::parse(run("ip -j addr"), nullptr, false);
-        std::ofstream(result) << json{{"rc", rc}, {"cards", cards_of(si.network_card)}, {"ip", cards_of(ip)}};
-        _exit(0);
-    }
-    int st = 0;
-    waitpid(pid, &st, 0);
-    if (WIFEXITED(st) && WEXITSTATUS(st) == 77) GTEST_SKIP() << "no network namespaces here";
-    ASSERT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << "namespace setup failed: " << st;
-    std::ifstream in(result);
-    const json j = json::parse(in);
+        return json{{"rc", rc}, {"cards", cards_of(si.network_card)}, {"ip", cards_of(ip)}}.dump();
+    });
+    if (child.report == "unshare") GTEST_SKIP() << "no network namespaces here";
+    const json j = json::parse(child.report, nullptr, false);
+    ASSERT_TRUE(j.is_object()) << child.report;
     ASSERT_EQ(j["rc"], 0);
     EXPECT_EQ(j["cards"], j["ip"]);  // no interface "lo:fld"
     // lo holds all three IPv4 addresses, the labelled one too, and the one broadcast.
