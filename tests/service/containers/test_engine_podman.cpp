@@ -25,9 +25,7 @@ public:
     // `user` empty: root; else the engine runs as that user (rootless).
     explicit PodmanEngine(const std::string& user) : rootless_(!user.empty()), user_(user) {
         const std::string d = dir_.path;
-        dir_.mkdir("/xdg");
-        dir_.mkdir("/data");
-        dir_.mkdir("/rootfs/bin");
+        for (const char* sub : {"/xdg", "/data", "/rootfs/bin"}) dir_.mkdir(sub);
         chmod(d.c_str(), 0755);
         chmod((d + "/xdg").c_str(), 0700);
         // A tiny root file system: sleep and a shell with the libraries they load.
