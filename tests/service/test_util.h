@@ -120,3 +120,38 @@ inline int as_nobody(const std::function<int()>& fn) {
 }
 
 }  // namespace amtest
+
+// A child process for the network and system tests.
+#include <fcntl.h>
+#include <signal.h>
+
+namespace amtest {
+
+// Runs `fn` in a child that reports its text over a pipe, then stays until
+// this object ends it (its sockets and namespace live as long).
+class Child {
+public:
+    template <class F>
+    explicit Child(F fn) {
+        int p[2];
+        if (pipe2(p, O_CLOEXEC) != 0) return;
+        if ((pid = fork()) == 0) {
+            const std::string msg = fn();
+            if (write(p[1], msg.data(), msg.size()) < 0) _exit(1);
+            close(p[1]);
+            pause();
+            _exit(0);
+        }
+        close(p[1]);
+        char buf[256];
+        for (ssize_t n; (n = read(p[0], buf, sizeof buf)) > 0;) report.append(buf, static_cast<size_t>(n));
+        close(p[0]);
+    }
+    ~Child() {
+        if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
+    }
+    pid_t pid = -1;
+    std::string report;
+};
+
+}  // namespace amtest

@@ -1,16 +1,12 @@
 // The container engine: the engine's answers read into the record, a fake
 // engine on a unix socket that misbehaves in every way a stuck or hostile
 // engine can, and the search for engine sockets under a root.
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
 #include <map>
 #include <thread>
 
@@ -106,26 +102,19 @@ TEST(EngineParse, RefusedAndOddAnswers) {
     for (const char* v : {"1.41/../../x", "", "1.", ".1", "1", "1.4a", "1234567.1", "1.2.3"})
         EXPECT_FALSE(engine::is_api_version(v)) << v;
     EXPECT_TRUE(engine::is_api_version("1.43"));
-    for (const auto& [text, pid] :
-         {std::pair{R"({"State":{"Pid":4242}})", 4242}, {R"({"State":{"Pid":"4242"}})", -1}}) {
-        ASSERT_EQ(0, engine::parse_json(text, j));
-        EXPECT_EQ(pid, engine::inspect_pid(j)) << text;
-    }
+    // A pid as text is none (a good one: Engine.AnswersFillTheRecord).
+    ASSERT_EQ(0, engine::parse_json(R"({"State":{"Pid":"4242"}})", j));
+    EXPECT_EQ(-1, engine::inspect_pid(j));
 }
 
-sockaddr_un unix_address(const std::string& path) {
+// A unix socket bound at `path`, or -1; closed without listen, it is a stale one left behind.
+int bound_socket(const std::string& path) {
+    const int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
     snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
-    return a;
-}
-
-// A unix socket bound without listen, as a stale one left behind is.
-void bound_socket(const std::string& path) {
-    const int s = socket(AF_UNIX, SOCK_STREAM, 0);
-    const sockaddr_un a = unix_address(path);
-    ASSERT_EQ(0, bind(s, reinterpret_cast<const sockaddr*>(&a), sizeof a));
-    close(s);
+    unlink(path.c_str());
+    return bind(s, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0 ? s : (close(s), -1);
 }
 
 // An engine's answer with its body.
@@ -147,12 +136,8 @@ public:
     FakeEngine(const std::string& path, std::map<std::string, std::string> routes, Mode mode = Mode::Normal,
                std::string bad = "", std::string head = "")
         : routes_(std::move(routes)), mode_(mode), bad_(std::move(bad)), head_(std::move(head)) {
-        listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const sockaddr_un a = unix_address(path);
-        unlink(path.c_str());
-        if (bind(listen_fd_, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0 ||
-            listen(listen_fd_, 8) != 0)
-            ADD_FAILURE() << "cannot listen on " << path;
+        listen_fd_ = bound_socket(path);
+        if (listen_fd_ < 0 || listen(listen_fd_, 8) != 0) ADD_FAILURE() << "cannot listen on " << path;
         stop_fd_ = eventfd(0, EFD_CLOEXEC);
         thread_ = std::thread([this] {
             while (wait(listen_fd_, POLLIN)) {
@@ -315,9 +300,8 @@ TEST_F(Engine, MisbehavingEnginesFailWithTheirCodeAndLeaveNothingBehind) {
         {"HTTP 500", Mode::Raw, "/info", e500, -EPROTO},
         {"HTTP 500 on inspection", Mode::Raw, "/containers/" + kPodmanRunning, e500, -EPROTO},
         {"not HTTP", Mode::Raw, "/_ping", "SSH-2.0-OpenSSH_9.2\r\n\r\n\r\n", -EPROTO},
+        // Other refused answers: EngineParse.RefusedAndOddAnswers.
         {"malformed JSON", Mode::Normal, "/images/json", R"([{"Id": "sha256:1", )", -EPROTO},
-        {"deeply nested JSON", Mode::Normal, "/containers/json?all=1", std::string(100000, '['), -EPROTO},
-        {"info not an object", Mode::Normal, "/info", "[]", -EPROTO},
         {"not an engine", Mode::Normal, "/_ping", "", -EPROTO},
     };
     NoLeaks no_leaks;
@@ -334,7 +318,7 @@ TEST_F(Engine, MisbehavingEnginesFailWithTheirCodeAndLeaveNothingBehind) {
 }
 
 TEST_F(Engine, FirstEngineThatAnswersFillsTheRecord) {
-    bound_socket(sock("stale.sock"));  // nobody listening: refused
+    ASSERT_EQ(0, close(bound_socket(sock("stale.sock"))));  // nobody listening: refused
     FakeEngine hung(sock("hung.sock"), routes("podman"), Mode::Silent, "/_ping");
     FakeEngine good(sock("good.sock"), routes("podman"));
     struct Case {
@@ -370,7 +354,7 @@ TEST_F(Engine, UnprivilegedCallerIsRefused) {
 TEST_F(Engine, SocketsAreFoundInsideTheRootOnly) {
     auto make_socket = [&](const std::string& rel, uid_t owner) {
         dir.mkdir(rel.substr(0, rel.rfind('/')));
-        bound_socket(dir.path + rel);
+        ASSERT_EQ(0, close(bound_socket(dir.path + rel)));
         ASSERT_EQ(0, lchown((dir.path + rel).c_str(), owner, owner));
     };
     amtest::TempDir outside{"amsvc_engine_host"};

@@ -1,14 +1,9 @@
 // The collector against Podman's real API service, as root and rootless, on a
 // private storage with an image imported offline; compared with what the
 // podman client itself reports for the same storage.
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <set>
 #include <thread>
 
@@ -30,9 +25,7 @@ public:
     // `user` empty: root; else the engine runs as that user (rootless).
     explicit PodmanEngine(const std::string& user) : rootless_(!user.empty()), user_(user) {
         const std::string d = dir_.path;
-        dir_.mkdir("/xdg");
-        dir_.mkdir("/data");
-        dir_.mkdir("/rootfs/bin");
+        for (const char* sub : {"/xdg", "/data", "/rootfs/bin"}) dir_.mkdir(sub);
         chmod(d.c_str(), 0755);
         chmod((d + "/xdg").c_str(), 0700);
         // A tiny root file system: sleep and a shell with the libraries they load.
@@ -148,7 +141,6 @@ void compare_with_client(PodmanEngine& p) {
         for (const Json& n : im["Names"]) names.insert(n.get<std::string>());
     }
     EXPECT_EQ(names, ours[0]["tags"].get<std::set<std::string>>());
-    EXPECT_EQ(2u, names.size());
 
     // podman ps -a: the same containers, names, states, main processes and
     // images; ports published only by root's running one.
