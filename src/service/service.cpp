@@ -25,6 +25,46 @@ HostRoot root_from_environment() {
     return HostRoot(r && *r ? r : "/");
 }
 
+// One kind collected into its record(s), guarded: the same call for the
+// caller's own list and for the round's worker. `cancel` ends a library walk
+// early.
+int32_t collect_into(const HostRoot& r, std::vector<AM::ProcessInfo>& l) {
+    return guarded(l, [&] { return collect_processes(r, l); });
+}
+int32_t collect_into(const HostRoot& r, std::vector<AM::NetLinkInfo>& l) {
+    return guarded(l, [&] { return collect_netlinks(r, l); });
+}
+int32_t collect_into(const HostRoot& r, std::vector<AM::ServiceInfo>& l) {
+    return guarded(l, [&] { return collect_servers(r, l); });
+}
+int32_t collect_into(const HostRoot& r, std::vector<AM::UserInfo>& l) {
+    return guarded(l, [&] { return collect_users(r, l); });
+}
+int32_t collect_into(const HostRoot& r, std::vector<AM::SysInstallPackageInfo>& l) {
+    return guarded(l, [&] { return collect_packages(r, l); });
+}
+int32_t collect_into(const HostRoot& r, std::vector<AM::AutoRunServInfo>& l) {
+    return guarded(l, [&] { return collect_autoruns(r, l); });
+}
+int32_t collect_into(const HostRoot& r, std::vector<AM::CronInfo>& l) {
+    return guarded(l, [&] { return collect_crons(r, l); });
+}
+int32_t collect_into(const HostRoot& r, std::vector<AM::SysLoadModuleInfo>& l) {
+    return guarded(l, [&] { return collect_kernel_modules(r, l); });
+}
+int32_t collect_into(const HostRoot& r, AM::SystemInfo& info) {
+    return guarded([&] { return collect_system_facts(r, info); });
+}
+int32_t collect_into(const HostRoot& r, AM::DockerInfo& d) {
+    return guarded([&] { return collect_engine(r, d); });
+}
+int32_t collect_into(const HostRoot& r, std::vector<AM::ThirdPartDevLibInfo>& l,
+                     const std::atomic<bool>* cancel = nullptr) {
+    LibraryLimits lim;
+    lim.cancel = cancel;
+    return guarded(l, [&] { return collect_libraries(r, l, lim); });
+}
+
 // A collection round, from init to release: an agent takes its inventory
 // kind after kind from one script, so while it reads one answer, one
 // background worker makes the next. The worker goes through the kinds in the
@@ -135,31 +175,28 @@ private:
     int32_t collect(Kind kind) {
         Answers& a = answers_;
         switch (kind) {
-            case kLibraries: {
-                LibraryLimits lim;
-                lim.cancel = &cancel_;
-                return guarded(a.libraries, [&] { return collect_libraries(root_, a.libraries, lim); });
-            }
+            case kLibraries:
+                return collect_into(root_, a.libraries, &cancel_);
             case kAutoruns:
-                return guarded(a.autoruns, [&] { return collect_autoruns(root_, a.autoruns); });
+                return collect_into(root_, a.autoruns);
             case kServers:
-                return guarded(a.servers, [&] { return collect_servers(root_, a.servers); });
+                return collect_into(root_, a.servers);
             case kNetlinks:
-                return guarded(a.netlinks, [&] { return collect_netlinks(root_, a.netlinks); });
+                return collect_into(root_, a.netlinks);
             case kPackages:
-                return guarded(a.packages, [&] { return collect_packages(root_, a.packages); });
+                return collect_into(root_, a.packages);
             case kEngine:
-                return guarded([&] { return collect_engine(root_, a.engine); });
+                return collect_into(root_, a.engine);
             case kSystem:
-                return guarded([&] { return collect_system_facts(root_, a.system); });
+                return collect_into(root_, a.system);
             case kModules:
-                return guarded(a.modules, [&] { return collect_kernel_modules(root_, a.modules); });
+                return collect_into(root_, a.modules);
             case kCrons:
-                return guarded(a.crons, [&] { return collect_crons(root_, a.crons); });
+                return collect_into(root_, a.crons);
             case kUsers:
-                return guarded(a.users, [&] { return collect_users(root_, a.users); });
+                return collect_into(root_, a.users);
             case kProcesses:
-                return guarded(a.processes, [&] { return collect_processes(root_, a.processes); });
+                return collect_into(root_, a.processes);
             case kKinds:
                 break;
         }
@@ -216,54 +253,45 @@ public:
     }
 
     int32_t collect_process(std::vector<ProcessInfo>& l) override {
-        return from_round(Round::kProcesses, &Round::Answers::processes, l,
-                          [&] { return guarded(l, [&] { return collect_processes(root_, l); }); });
+        return from_round(Round::kProcesses, &Round::Answers::processes, l);
     }
     int32_t collect_netlink(std::vector<NetLinkInfo>& l) override {
-        return from_round(Round::kNetlinks, &Round::Answers::netlinks, l,
-                          [&] { return guarded(l, [&] { return collect_netlinks(root_, l); }); });
+        return from_round(Round::kNetlinks, &Round::Answers::netlinks, l);
     }
     int32_t collect_service(std::vector<ServiceInfo>& l) override {
-        return from_round(Round::kServers, &Round::Answers::servers, l,
-                          [&] { return guarded(l, [&] { return collect_servers(root_, l); }); });
+        return from_round(Round::kServers, &Round::Answers::servers, l);
     }
     int32_t collect_user(std::vector<UserInfo>& l) override {
-        return from_round(Round::kUsers, &Round::Answers::users, l,
-                          [&] { return guarded(l, [&] { return collect_users(root_, l); }); });
+        return from_round(Round::kUsers, &Round::Answers::users, l);
     }
     int32_t collect_sys_install_package(std::vector<SysInstallPackageInfo>& l) override {
-        return from_round(Round::kPackages, &Round::Answers::packages, l,
-                          [&] { return guarded(l, [&] { return collect_packages(root_, l); }); });
+        return from_round(Round::kPackages, &Round::Answers::packages, l);
     }
     int32_t collect_auto_run_serv(std::vector<AutoRunServInfo>& l) override {
-        return from_round(Round::kAutoruns, &Round::Answers::autoruns, l,
-                          [&] { return guarded(l, [&] { return collect_autoruns(root_, l); }); });
+        return from_round(Round::kAutoruns, &Round::Answers::autoruns, l);
     }
     int32_t collect_cron(std::vector<CronInfo>& l) override {
-        return from_round(Round::kCrons, &Round::Answers::crons, l,
-                          [&] { return guarded(l, [&] { return collect_crons(root_, l); }); });
+        return from_round(Round::kCrons, &Round::Answers::crons, l);
     }
     int32_t collect_sys_module(std::vector<SysLoadModuleInfo>& l) override {
-        return from_round(Round::kModules, &Round::Answers::modules, l,
-                          [&] { return guarded(l, [&] { return collect_kernel_modules(root_, l); }); });
+        return from_round(Round::kModules, &Round::Answers::modules, l);
     }
     int32_t collect_system(SystemInfo* info) override {
         if (!info) return -EINVAL;
-        return from_round(Round::kSystem, &Round::Answers::system, *info,
-                          [&] { return guarded([&] { return collect_system_facts(root_, *info); }); });
+        return from_round(Round::kSystem, &Round::Answers::system, *info);
     }
     int32_t collect_thirdpart_dev_lib(std::vector<ThirdPartDevLibInfo>& l) override {
-        return from_round(Round::kLibraries, &Round::Answers::libraries, l,
-                          [&] { return guarded(l, [&] { return collect_libraries(root_, l); }); });
+        return from_round(Round::kLibraries, &Round::Answers::libraries, l);
     }
     int32_t collect_docker(DockerInfo& d) override {
-        return from_round(Round::kEngine, &Round::Answers::engine, d,
-                          [&] { return guarded([&] { return collect_engine(root_, d); }); });
+        return from_round(Round::kEngine, &Round::Answers::engine, d);
     }
 
 private:
-    template <class T, class F>
-    int32_t from_round(Round::Kind kind, T Round::Answers::*member, T& out, F&& collect) {
+    // The round's answer of `kind` when it has one for this call, else a
+    // collection of the caller's own.
+    template <class T>
+    int32_t from_round(Round::Kind kind, T Round::Answers::*member, T& out) {
         std::shared_ptr<Round> round;
         {
             std::lock_guard<std::mutex> lock(mu_);
@@ -275,7 +303,7 @@ private:
         } catch (...) {
             // Out of memory while handing over: collect as without a round.
         }
-        return collect();
+        return collect_into(root_, out);
     }
 
     // Ends a round; one inherited from the parent process is left alone (its
