@@ -310,10 +310,14 @@ private:
     // worker thread does not exist here, there is nothing to join).
     static void finish(std::shared_ptr<Round> round) {
         if (!round) return;
-        if (round->here())
+        if (round->here()) {
             round->end();
-        else
-            new std::shared_ptr<Round>(std::move(round));  // never destroyed, on purpose
+            return;
+        }
+        // Kept, never destroyed: destroying it would join a thread this
+        // process does not have.
+        static auto* const inherited = new std::vector<std::shared_ptr<Round>>();
+        inherited->push_back(std::move(round));
     }
 
     static void end_at_exit();
