@@ -41,6 +41,7 @@ struct ProcessCacheEntry {
     // Identity of the file the exe link leads to (stat through the link).
     uint64_t exe_dev = 0, exe_ino = 0;
     uint32_t uid = 0;         // served when status is not re-read
+    std::string stime;        // the start time as reported
     std::string cwd;          // kernel threads only
     int64_t checked = 0;      // monotonic seconds of the last full read
     std::shared_ptr<const ProcessFixed> fixed;

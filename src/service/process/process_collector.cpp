@@ -12,10 +12,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <unordered_map>
 
 #include "collectors.h"
@@ -37,6 +40,11 @@ constexpr size_t kMaxArgs = 1u << 20;    // cmdline, environ
 constexpr size_t kArgsBudget = 32u << 20;
 constexpr size_t kMaxArgsTight = 64u << 10;
 constexpr size_t kMaxMaps = 16u << 20;
+// Pids are read in chunks that one reader, or two on a host of many
+// processes, take in turn: most of a collection is the kernel formatting
+// /proc files, and a second thread halves its wall time.
+constexpr size_t kChunk = 64;
+constexpr size_t kTwoReadersFrom = 256;
 
 // A read buffer reused for every /proc file of a collection, so reading a
 // process costs no allocation once the buffer has grown.
@@ -130,20 +138,22 @@ public:
         auto it = index_.find(key);
         if (it != index_.end()) {
             std::vector<std::string>& links = refs_[it->second].links;
-            if (!ref.links.empty() && links.size() < kMaxLinks) links.push_back(ref.links.front());
+            for (size_t l = 0; l < ref.links.size() && links.size() < kMaxLinks; ++l) links.push_back(ref.links[l]);
             return it->second;
         }
         const size_t i = refs_.size();
         refs_.push_back(ref);
-        index_.emplace(key, i);
+        keys_.push_back(&index_.emplace(key, i).first->first);
         return i;
     }
     const std::vector<FileRef>& refs() const { return refs_; }
+    const std::string& key(size_t i) const { return *keys_[i]; }
 
 private:
     static constexpr size_t kMaxLinks = 4;
     std::unordered_map<std::string, size_t> index_;
     std::vector<FileRef> refs_;
+    std::vector<const std::string*> keys_;  // into index_, whose nodes stay put
 };
 
 // The device of the kernel's internal tmpfs, where shared anonymous memory
@@ -171,11 +181,40 @@ struct Pending {
     std::vector<std::pair<std::string, size_t>> modules;  // shown path, index into ModuleFiles
 };
 
+// What one chunk of pids gave, and which reader's ModuleFiles its indices are of.
+struct Part {
+    std::vector<AM::ProcessInfo> out;
+    std::vector<Pending> pending;
+    int reader = 0;
+};
+
 class Collector {
 public:
     explicit Collector(const HostRoot& root) : root_(root) {
         const long t = ::sysconf(_SC_CLK_TCK);
         clk_tck_ = t > 0 ? t : 100;
+    }
+
+    // A second reader of the same collection: what `lead` found out about
+    // the procfs, with a buffer, module files and kept entries of its own.
+    struct Sibling {};
+    Collector(const Collector& lead, Sibling) : root_(lead.root_) {
+        clk_tck_ = lead.clk_tck_;
+        procfs_ = lead.procfs_;
+        use_query_ = lead.use_query_;
+        args_kept_ = lead.args_kept_;
+        have_btime_ = lead.have_btime_;
+        btime_ = lead.btime_;
+        proc_prefix_ = lead.proc_prefix_;
+        have_shm_dev_ = lead.have_shm_dev_;
+        shm_dev_ = lead.shm_dev_;
+        have_host_root_ = lead.have_host_root_;
+        host_root_dev_ = lead.host_root_dev_;
+        host_root_ino_ = lead.host_root_ino_;
+        cache_on_ = lead.cache_on_;
+        watched_ = lead.watched_;
+        proc_dev_ = lead.proc_dev_;
+        now_ = lead.now_;
     }
 
     int32_t run(std::vector<AM::ProcessInfo>& out) {
@@ -223,31 +262,66 @@ public:
         }
 
         const std::vector<int32_t> pids = list_pids(procfd.get());
-        std::vector<Pending> pending;
-        out.reserve(pids.size());
-        pending.reserve(pids.size());
-        for (int32_t pid : pids) {
-            AM::ProcessInfo rec;
-            Pending mods;
-            auto it = cache_on_ ? prev.find(pid) : prev.end();
-            if (it != prev.end()) {
-                const Warm w = read_warm(procfd.get(), pid, it->second, rec, mods);
-                if (w == Warm::gone) continue;
-                if (w == Warm::served) {
-                    keep(pid, std::move(it->second));
-                    out.push_back(std::move(rec));
-                    pending.push_back(std::move(mods));
-                    continue;
-                }
-                rec = AM::ProcessInfo();
-                mods = Pending();
+        const size_t chunks = (pids.size() + kChunk - 1) / kChunk;
+        std::vector<Part> parts(chunks);
+        std::atomic<size_t> next{0};
+        auto work = [&](Collector& c, int reader) {
+            for (size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < chunks;) {
+                parts[i].reader = reader;
+                const size_t end = std::min(pids.size(), (i + 1) * kChunk);
+                c.read_chunk(procfd.get(), pids.data() + i * kChunk, pids.data() + end, prev, parts[i]);
             }
-            ProcessCacheEntry entry;
-            bool cacheable = false;
-            if (!read_process(procfd.get(), pid, rec, mods, entry, cacheable)) continue;
-            if (cacheable) keep(pid, std::move(entry));
-            out.push_back(std::move(rec));
-            pending.push_back(std::move(mods));
+        };
+        std::unique_ptr<Collector> sibling;
+        std::thread second;
+        std::exception_ptr failed;
+        if (pids.size() >= kTwoReadersFrom && std::thread::hardware_concurrency() > 1) {
+            try {
+                sibling.reset(new Collector(*this, Sibling{}));
+                second = std::thread([&] {
+                    try {
+                        work(*sibling, 1);
+                    } catch (...) {
+                        failed = std::current_exception();
+                    }
+                });
+            } catch (const std::system_error&) {
+                // No thread to be had: this one reads every chunk.
+            }
+        }
+        {
+            struct Join {
+                std::thread& t;
+                ~Join() {
+                    if (t.joinable()) t.join();
+                }
+            } join{second};
+            work(*this, 0);
+        }
+        if (failed) std::rethrow_exception(failed);
+
+        // The second reader's module files are renumbered into this one's.
+        std::vector<size_t> renumber;
+        if (sibling) {
+            for (auto& kv : sibling->kept_) keep(kv.first, std::move(kv.second));
+            const std::vector<FileRef>& refs = sibling->files_.refs();
+            renumber.reserve(refs.size());
+            for (size_t j = 0; j < refs.size(); ++j) renumber.push_back(files_.add(sibling->files_.key(j), refs[j]));
+        }
+        size_t total = 0;
+        for (const Part& p : parts) total += p.out.size();
+        out.reserve(total);
+        std::vector<Pending> pending;
+        pending.reserve(total);
+        for (Part& p : parts) {
+            for (size_t k = 0; k < p.out.size(); ++k) {
+                if (p.reader == 1)
+                    for (auto& m : p.pending[k].modules)
+                        if (m.second < renumber.size()) m.second = renumber[m.second];
+                out.push_back(std::move(p.out[k]));
+                pending.push_back(std::move(p.pending[k]));
+            }
+            p = Part();
         }
         // Entries of processes gone are not carried over (kept_ has only
         // the processes listed now).
@@ -275,6 +349,40 @@ public:
 
 private:
     enum class Warm { served, gone, full };
+
+    // The pids [b, e): each a record, read in full or, remembered, warm.
+    // `prev` is only looked up (each pid is in one chunk), so two readers
+    // share it.
+    void read_chunk(int procfd, const int32_t* b, const int32_t* e, ProcessEntries& prev, Part& part) {
+        std::vector<AM::ProcessInfo>& out = part.out;
+        std::vector<Pending>& pending = part.pending;
+        out.reserve(static_cast<size_t>(e - b));
+        pending.reserve(static_cast<size_t>(e - b));
+        for (; b != e; ++b) {
+            const int32_t pid = *b;
+            AM::ProcessInfo rec;
+            Pending mods;
+            auto it = cache_on_ ? prev.find(pid) : prev.end();
+            if (it != prev.end()) {
+                const Warm w = read_warm(procfd, pid, it->second, rec, mods);
+                if (w == Warm::gone) continue;
+                if (w == Warm::served) {
+                    keep(pid, std::move(it->second));
+                    out.push_back(std::move(rec));
+                    pending.push_back(std::move(mods));
+                    continue;
+                }
+                rec = AM::ProcessInfo();
+                mods = Pending();
+            }
+            ProcessCacheEntry entry;
+            bool cacheable = false;
+            if (!read_process(procfd, pid, rec, mods, entry, cacheable)) continue;
+            if (cacheable) keep(pid, std::move(entry));
+            out.push_back(std::move(rec));
+            pending.push_back(std::move(mods));
+        }
+    }
 
     void keep(int32_t pid, ProcessCacheEntry&& e) {
         if (kept_.size() < kProcessCacheMax) kept_.emplace(pid, std::move(e));
@@ -324,14 +432,12 @@ private:
         rec.pid = pid;
         rec.ppid = st.ppid >= 0 && st.ppid <= INT32_MAX ? static_cast<int32_t>(st.ppid) : 0;
         rec.name = st.comm.empty() ? f.name : st.comm;
-        if (have_btime_)
-            rec.stime = format_time(
-                static_cast<time_t>(btime_ + static_cast<int64_t>(st.starttime / static_cast<uint64_t>(clk_tck_))));
+        rec.stime = e.stime;  // the start time is the entry's (checked above)
         rec.rtime = procfs::format_cpu_time(st.utime + st.stime, clk_tck_);
         rec.user = users_.of(uid);
         rec.path = f.path;
         rec.env = f.env;
-        args_kept_ += rec.cmd_line.size() + rec.env.size();
+        args_kept_->fetch_add(rec.cmd_line.size() + rec.env.size(), std::memory_order_relaxed);
         add_modules(f, mods);
         return Warm::served;
     }
@@ -370,7 +476,7 @@ private:
             entry.checked = now_;
             rec.ppid = st.ppid >= 0 && st.ppid <= INT32_MAX ? static_cast<int32_t>(st.ppid) : 0;
             if (have_btime_)
-                rec.stime = format_time(static_cast<time_t>(
+                rec.stime = entry.stime = format_time(static_cast<time_t>(
                     btime_ + static_cast<int64_t>(st.starttime / static_cast<uint64_t>(clk_tck_))));
             rec.rtime = procfs::format_cpu_time(st.utime + st.stime, clk_tck_);
         }
@@ -381,7 +487,7 @@ private:
         entry.uid = uid;
 
         if (read(dfd, "cmdline", args_cap(), true) == 0) rec.cmd_line = procfs::join_nul(buf_.view(), ' ');
-        args_kept_ += rec.cmd_line.size();
+        args_kept_->fetch_add(rec.cmd_line.size(), std::memory_order_relaxed);
 
         rec.current_dir = read_link_at(dfd, "cwd");
         // Kernel threads have no executable, environment or mappings.
@@ -397,7 +503,7 @@ private:
             rec.env = procfs::format_environ(buf_.view());
             fixed->env_raw = buf_.view().size();
         }
-        args_kept_ += rec.env.size();
+        args_kept_->fetch_add(rec.env.size(), std::memory_order_relaxed);
         rec.path = read_link_at(dfd, "exe");
         if (!rec.path.empty()) {
             std::string bare = rec.path;
@@ -583,7 +689,9 @@ private:
         return t;
     }
 
-    size_t args_cap() const { return args_kept_ < kArgsBudget ? kMaxArgs : kMaxArgsTight; }
+    size_t args_cap() const {
+        return args_kept_->load(std::memory_order_relaxed) < kArgsBudget ? kMaxArgs : kMaxArgsTight;
+    }
 
     int read(int dirfd, const char* name, size_t max, bool short_is_eof) {
         return buf_.read_at(dirfd, name, max, procfs_, short_is_eof);
@@ -594,7 +702,9 @@ private:
     long clk_tck_ = 100;
     bool procfs_ = false;  // a real procfs, not a fixture tree
     bool use_query_ = true;
-    size_t args_kept_ = 0;
+    // Command line and environment text kept by every reader of the collection.
+    std::atomic<size_t> args_total_{0};
+    std::atomic<size_t>* args_kept_ = &args_total_;
     std::vector<procfs::Mapping> maps_;
     bool have_btime_ = false;
     int64_t btime_ = 0;
