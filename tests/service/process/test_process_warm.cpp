@@ -119,10 +119,20 @@ TEST(ProcessWarm, ChangesSeenWithoutProcessEvents) {
     EXPECT_NE(out.find("[  PASSED  ] 1 test"), std::string::npos) << out;
 }
 
-// Collections from several threads at once, warm and fresh mixed: each
-// reports this very process with its executable and modules.
+// Collections from several threads at once, warm and fresh mixed, on more
+// processes than one reader takes: each reports this process and each child
+// of it with its executable, and the digest every reader found for it.
 TEST(ProcessWarm, ConcurrentCollections) {
     const std::string self = read_link("/proc/self/exe");
+    std::vector<pid_t> kids;
+    for (int i = 0; i < 300; ++i) {
+        const pid_t p = fork();
+        if (p == 0) {
+            pause();
+            _exit(0);
+        }
+        if (p > 0) kids.push_back(p);
+    }
     std::atomic<int> good{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
@@ -131,10 +141,20 @@ TEST(ProcessWarm, ConcurrentCollections) {
                 std::vector<AM::ProcessInfo> all;
                 if (collect_processes(HostRoot("/"), all) != 0) continue;
                 const AM::ProcessInfo* p = find_pid(all, getpid());
-                if (p && p->path == self && find_module(p, self)) ++good;
+                const AM::ProcessModuleInfo* m = p && p->path == self ? find_module(p, self) : nullptr;
+                if (!m || m->md5.size() != 32) continue;
+                size_t same = 0;
+                for (pid_t k : kids) {
+                    const AM::ProcessInfo* c = find_pid(all, k);
+                    const AM::ProcessModuleInfo* cm = c ? find_module(c, self) : nullptr;
+                    same += cm && cm->md5 == m->md5 && cm->sha256 == m->sha256;
+                }
+                if (same == kids.size()) ++good;
             }
         });
     for (std::thread& t : threads) t.join();
+    for (pid_t k : kids) kill(k, SIGKILL);
+    for (pid_t k : kids) waitpid(k, nullptr, 0);
     EXPECT_EQ(good.load(), 12);
 }
 
