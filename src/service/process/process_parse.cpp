@@ -147,20 +147,21 @@ std::string join_nul(std::string_view raw, char sep) {
 
 namespace {
 
-bool contains_ci(std::string_view hay, std::string_view upper) {
-    if (upper.size() > hay.size()) return false;
-    for (size_t i = 0; i + upper.size() <= hay.size(); ++i) {
-        size_t j = 0;
-        while (j < upper.size() &&
-               static_cast<char>(toupper(static_cast<unsigned char>(hay[i + j]))) == upper[j])
-            ++j;
-        if (j == upper.size()) return true;
+// Backslashes and newlines escaped, so that no value reads as another entry.
+void append_escaped(std::string& out, std::string_view s) {
+    if (std::memchr(s.data(), '\\', s.size()) == nullptr && std::memchr(s.data(), '\n', s.size()) == nullptr) {
+        out.append(s);
+        return;
     }
-    return false;
-}
-
-bool ends_ci(std::string_view s, std::string_view upper) {
-    return s.size() >= upper.size() && contains_ci(s.substr(s.size() - upper.size()), upper);
+    for (char c : s) {
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else {
+            out += c;
+        }
+    }
 }
 
 // Appends `v` to `out` with every URL password replaced.
@@ -193,10 +194,23 @@ bool secret_name(std::string_view name) {
                                                    "TOKEN",    "CREDENTIAL", "PRIVATE", "APIKEY",
                                                    "API_KEY",  "ACCESS_KEY", "COOKIE"};
     static constexpr std::string_view kEnd[] = {"_KEY", "_PWD", "_PASS", "_PW"};
+    // ASCII case folding only: the host's locale must not change what is a secret.
+    char small[128];
+    std::string large;
+    char* up = small;
+    if (name.size() > sizeof small) {
+        large.resize(name.size());
+        up = &large[0];
+    }
+    for (size_t i = 0; i < name.size(); ++i) {
+        const char c = name[i];
+        up[i] = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    }
+    const std::string_view upper(up, name.size());
     for (std::string_view w : kInside)
-        if (contains_ci(name, w)) return true;
+        if (upper.find(w) != std::string_view::npos) return true;
     for (std::string_view w : kEnd)
-        if (ends_ci(name, w)) return true;
+        if (upper.size() >= w.size() && upper.substr(upper.size() - w.size()) == w) return true;
     return false;
 }
 
@@ -209,26 +223,19 @@ std::string format_environ(std::string_view raw) {
         size_t nul = raw.find('\0', pos);
         if (nul == std::string_view::npos) nul = raw.size();
         const std::string_view e = raw.substr(pos, nul - pos);
-        entry.clear();
+        if (pos) out += '\n';
         const size_t eq = e.find('=');
         if (eq == std::string_view::npos) {
-            entry.assign(e);
+            append_escaped(out, e);
         } else if (secret_name(e.substr(0, eq))) {
-            entry.assign(e.substr(0, eq + 1));
-            entry.append(kRedacted);
+            append_escaped(out, e.substr(0, eq + 1));
+            out.append(kRedacted);
+        } else if (e.find("://", eq + 1) == std::string_view::npos) {
+            append_escaped(out, e);  // no URL, so no password in one
         } else {
             entry.assign(e.substr(0, eq + 1));
             append_without_url_passwords(e.substr(eq + 1), entry);
-        }
-        if (pos) out += '\n';
-        for (char c : entry) {
-            if (c == '\\') {
-                out += "\\\\";
-            } else if (c == '\n') {
-                out += "\\n";
-            } else {
-                out += c;
-            }
+            append_escaped(out, entry);
         }
         pos = nul + 1;
     }

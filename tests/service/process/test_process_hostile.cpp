@@ -249,6 +249,7 @@ TEST(ProcessEnv, RedactedAndEscaped) {
         {"U=https://host/a@b:c", "U=https://host/a@b:c"},
         {"MYSQL_PWD=a\nb", "MYSQL_PWD=<redacted>"},
         {"NOEQUALS\nX", "NOEQUALS\\nX"},
+        {std::string(200, 'a') + "_token=v", std::string(200, 'a') + "_token=<redacted>"},
     };
     for (const auto& r : rows) EXPECT_EQ(procfs::format_environ(r.first), r.second) << r.second;
 }
