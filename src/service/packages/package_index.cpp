@@ -214,6 +214,14 @@ struct ReadBuf {
         data.reset(new char[n]);
         cap = n;
     }
+    // Like reserve, keeping the first `len` bytes.
+    void grow(size_t n) {
+        if (n <= cap) return;
+        std::unique_ptr<char[]> d(new char[n]);
+        if (len) std::memcpy(d.get(), data.get(), len);
+        data = std::move(d);
+        cap = n;
+    }
     void unmap() {
         if (map) ::munmap(map, map_len);
         map = nullptr;
@@ -223,26 +231,40 @@ struct ReadBuf {
 
 constexpr size_t kMapAtLeast = 64u << 10;
 
-// Reads `name` in the directory `dir`: a regular file only, looked at before
-// it is opened (a device or FIFO is never opened) and checked to be the same
-// file after; no link followed.
-// `known_regular`: the directory listing said so already (d_type), which saves
-// a look per file when the lists of every package are read.
-int read_in_dir(int dir, const std::string& name, ReadBuf& out, size_t max_bytes, bool known_regular = false,
-                bool may_map = false) {
-    out.len = 0;
-    out.unmap();
-    struct stat before, st;
+// Opens `name` in the directory `dir` for reading: a regular file only,
+// looked at before it is opened (a device or FIFO is never opened) and
+// checked to be the same file after; no link followed. `known_regular`: the
+// directory listing said so already (d_type), which saves a look per file
+// when the lists of every package are read. A descriptor or -errno.
+int open_in_dir(int dir, const std::string& name, bool known_regular, struct stat& st) {
+    struct stat before;
     if (!known_regular) {
         if (::fstatat(dir, name.c_str(), &before, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
         if (!S_ISREG(before.st_mode)) return -EINVAL;
     }
     const int fd = ::openat(dir, name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW);
     if (fd < 0) return -errno;
-    Fd guard(fd);
-    if (::fstat(fd, &st) != 0) return -errno;
-    if (!S_ISREG(st.st_mode) || (!known_regular && (st.st_dev != before.st_dev || st.st_ino != before.st_ino)))
+    if (::fstat(fd, &st) != 0) {
+        const int e = errno;
+        ::close(fd);
+        return -e;
+    }
+    if (!S_ISREG(st.st_mode) || (!known_regular && (st.st_dev != before.st_dev || st.st_ino != before.st_ino))) {
+        ::close(fd);
         return -EINVAL;
+    }
+    return fd;
+}
+
+// Reads `name` in `dir` whole (see open_in_dir).
+int read_in_dir(int dir, const std::string& name, ReadBuf& out, size_t max_bytes, bool known_regular = false,
+                bool may_map = false) {
+    out.len = 0;
+    out.unmap();
+    struct stat st;
+    const int fd = open_in_dir(dir, name, known_regular, st);
+    if (fd < 0) return fd;
+    Fd guard(fd);
     if (may_map && st.st_uid == 0 && !(st.st_mode & 022) && static_cast<size_t>(st.st_size) >= kMapAtLeast &&
         static_cast<size_t>(st.st_size) <= max_bytes) {
         void* m = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
@@ -263,6 +285,68 @@ int read_in_dir(int dir, const std::string& name, ReadBuf& out, size_t max_bytes
         if (out.len < want) break;  // a short read of a regular file: its end
     }
     return 0;
+}
+
+constexpr size_t kPiece = 128u << 10;
+
+// Reads a text file of lines a piece at a time into `buf` (the same bytes
+// read_in_dir would give), calling fn(text, more) on whole lines: `text` ends
+// with a newline or the file; the `keep` last lines of a piece are held back
+// for the next one but are at hand up to `more`. A piece stays in the cache
+// between the copy and the scan, and no memory is faulted in per file.
+template <class F>
+int read_in_pieces(int dir, const std::string& name, bool known_regular, size_t max_bytes, ReadBuf& buf, int keep,
+                   F&& fn) {
+    buf.len = 0;
+    buf.unmap();
+    struct stat st;
+    const int fd = open_in_dir(dir, name, known_regular, st);
+    if (fd < 0) return fd;
+    Fd guard(fd);
+    // One byte more than the size, to see a file that grew meanwhile end.
+    const size_t limit = std::min<size_t>(static_cast<size_t>(st.st_size) + 1, max_bytes);
+    buf.grow(std::min(limit, kPiece));
+    size_t total = 0;
+    bool end = false;
+    while (true) {
+        if (!end) {
+            // A line longer than the buffer grows it, up to the file's bound.
+            if (buf.len == buf.cap) buf.grow(std::min(limit, buf.cap * 2));
+            const size_t want = std::min(buf.cap - buf.len, limit - total);
+            ssize_t n;
+            do {
+                n = ::read(fd, buf.data.get() + buf.len, want);
+            } while (n < 0 && errno == EINTR);
+            if (n <= 0) {
+                end = true;
+            } else {
+                buf.len += static_cast<size_t>(n);
+                total += static_cast<size_t>(n);
+                // A short read of a regular file: its end.
+                if (static_cast<size_t>(n) < want || total >= limit) end = true;
+            }
+        }
+        const char* const b = buf.data.get();
+        if (end) {
+            if (buf.len) fn(std::string_view(b, buf.len), b + buf.len);
+            buf.len = 0;
+            return 0;
+        }
+        // Hold back the last `keep` whole lines and the partial one.
+        const void* nl = ::memrchr(b, '\n', buf.len);
+        if (!nl) continue;
+        const char* more = static_cast<const char*>(nl) + 1;
+        const char* cut = more;
+        for (int k = 0; k < keep && cut; ++k) {
+            const void* p = ::memrchr(b, '\n', static_cast<size_t>(cut - 1 - b));
+            cut = p ? static_cast<const char*>(p) + 1 : nullptr;
+        }
+        if (!cut || cut == b) continue;
+        fn(std::string_view(b, static_cast<size_t>(cut - b)), more);
+        const size_t rest = buf.len - static_cast<size_t>(cut - b);
+        std::memmove(buf.data.get(), cut, rest);
+        buf.len = rest;
+    }
 }
 
 // Names of the regular files in `dir` that end with `suffix` (d_type from the
@@ -367,8 +451,6 @@ void scan_dpkg_part(const HostRoot& root, int info, const PackageIndex& index,
         for (uint32_t id = from; id < to; ++id) {
             const PackageIndex::Package& p = index.package(id);
             if (p.kind != PackageIndex::Kind::kDpkg) continue;
-            if (read_in_dir(info, p.stem + ".list", buf, kMaxList, p.list_regular, root.is_live_host()) != 0)
-                continue;
             auto one = [&](std::string_view path) {
                 std::string_view base = base_of(path);
                 if (!diverted_bases.empty() &&
@@ -377,8 +459,14 @@ void scan_dpkg_part(const HostRoot& root, int info, const PackageIndex& index,
                 if (!filter || filter->wants(base)) fn(id, base);
             };
             if (filter) {
-                filter->for_each_candidate(buf.view(), one);
+                if (read_in_pieces(info, p.stem + ".list", p.list_regular, kMaxList, buf, 1,
+                                   [&](std::string_view text, const char* more) {
+                                       filter->for_each_candidate(text, one, more);
+                                   }) != 0)
+                    continue;
             } else {
+                if (read_in_dir(info, p.stem + ".list", buf, kMaxList, p.list_regular, root.is_live_host()) != 0)
+                    continue;
                 for_each_listed_file(buf.view(), one);
             }
             for (const DpkgConffile& c : p.conffiles) {
@@ -588,22 +676,21 @@ void read_dpkg_records(const HostRoot& root, const PackageIndex& index, const Pa
         }
     };
     auto listed = [&](std::string_view path) { record(path, DigestAlgo::kNone, nullptr); };
-    if (read_in_dir(info.get(), p.stem + ".list", buf, kMaxList) == 0) {
-        if (filter) {
-            filter->for_each_candidate(buf.view(), listed);
-        } else {
-            for_each_listed_file(buf.view(), listed);
-        }
-    }
-    if (read_in_dir(info.get(), p.stem + ".md5sums", buf, kMaxList) == 0) {
-        const std::function<void(std::string_view, const unsigned char*)> md5 =
-            [&](std::string_view path, const unsigned char* digest) { record(path, DigestAlgo::kMd5, digest); };
-        if (filter) {
-            // A line ends with its path: most are passed over unparsed.
-            filter->for_each_maybe_line(buf.view(), [&](std::string_view line) { parse_md5sums(line, md5); });
-        } else {
-            parse_md5sums(buf.view(), md5);
-        }
+    const std::function<void(std::string_view, const unsigned char*)> md5 =
+        [&](std::string_view path, const unsigned char* digest) { record(path, DigestAlgo::kMd5, digest); };
+    if (filter) {
+        read_in_pieces(info.get(), p.stem + ".list", false, kMaxList, buf, 1,
+                       [&](std::string_view text, const char* more) {
+                           filter->for_each_candidate(text, listed, more);
+                       });
+        // A line ends with its path: most are passed over unparsed.
+        read_in_pieces(info.get(), p.stem + ".md5sums", false, kMaxList, buf, 0,
+                       [&](std::string_view text, const char*) {
+                           filter->for_each_maybe_line(text, [&](std::string_view line) { parse_md5sums(line, md5); });
+                       });
+    } else {
+        if (read_in_dir(info.get(), p.stem + ".list", buf, kMaxList) == 0) for_each_listed_file(buf.view(), listed);
+        if (read_in_dir(info.get(), p.stem + ".md5sums", buf, kMaxList) == 0) parse_md5sums(buf.view(), md5);
     }
     for (const DpkgConffile& c : p.conffiles) {
         unsigned char md5[16];

@@ -100,10 +100,12 @@ public:
     bool empty() const { return wanted_.empty(); }
     size_t size() const { return wanted_.size(); }
     // Calls fn(path) for the lines of a dpkg file list that for_each_listed_file
-    // would give and that may end in a name added or passed.
+    // would give and that may end in a name added or passed. `more`, for a part
+    // of a list read a piece at a time: where the bytes after `text` that are
+    // at hand end (its last line's successor decides whether it is a directory).
     template <class F>
-    void for_each_candidate(std::string_view text, F&& fn) const {
-        const char* const last = text.data() + text.size();
+    void for_each_candidate(std::string_view text, F&& fn, const char* more = nullptr) const {
+        const char* const last = more ? more : text.data() + text.size();
         for_each_line(text, [&](std::string_view l, const char* nl) {
             if (!maybe(l) || l == "/." || l == "/") return;
             // dpkg lists a directory right before its first entry.
