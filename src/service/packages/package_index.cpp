@@ -397,38 +397,75 @@ std::string_view diverted(const PackageIndex& index, const std::string& pkg, std
 // What the status file says: the installed packages that have a file list,
 // in database order. The lists themselves are read by scan_dpkg.
 void index_dpkg(const HostRoot& root, PackageIndex& index) {
-    std::vector<DpkgPackage> pkgs;
-    {
-        std::string text;
-        if (read_host_file(root, "/var/lib/dpkg/status", text) != 0) return;
-        pkgs = parse_dpkg_status(text);
-    }
-    index.diversions = read_diversions(root);
+    const Fd status(open_host_file(root, "/var/lib/dpkg/status"));
+    if (status.get() < 0) return;
     const Fd info(open_host(root, "/var/lib/dpkg/info", O_RDONLY | O_DIRECTORY));
-    if (info.get() < 0) return;
     std::unordered_map<std::string, bool> lists;  // name -> known to be a regular file
-    regular_names(info.get(), ".list", lists);
+    // The info directory is listed on another thread while the status file is
+    // read: in a fresh process each takes a few milliseconds.
+    std::thread lister;
+    bool list_failed = false;
+    if (info.get() >= 0 && std::thread::hardware_concurrency() >= 2) {
+        try {
+            lister = std::thread([&]() {
+                try {
+                    regular_names(info.get(), ".list", lists);
+                } catch (...) {
+                    list_failed = true;
+                }
+            });
+        } catch (...) {
+            // No thread to be had: listed below.
+        }
+    }
+    // What the index keeps of a stanza, until its .list is known.
+    struct Pending {
+        std::string name, arch, maintainer;
+        bool same = false;
+        std::vector<DpkgConffile> conffiles;
+    };
+    std::vector<Pending> pkgs;
+    int rc = 0;
+    try {
+        struct stat st;
+        if (::fstat(status.get(), &st) == 0) pkgs.reserve(static_cast<size_t>(st.st_size) / 768 + 4);
+        rc = read_dpkg_status_fd(status.get(), [&](DpkgPackage& p) {
+            if (!dpkg_is_installed(p.status) || !plain_name(p.name)) return;
+            pkgs.push_back(Pending{std::move(p.name), std::move(p.arch), std::move(p.maintainer),
+                                   p.multi_arch == "same", std::move(p.conffiles)});
+        });
+        if (rc == 0) index.diversions = read_diversions(root);
+    } catch (...) {
+        if (lister.joinable()) lister.join();
+        throw;
+    }
+    if (lister.joinable()) {
+        lister.join();
+    } else if (info.get() >= 0) {
+        regular_names(info.get(), ".list", lists);
+    }
+    if (list_failed) throw std::bad_alloc();
+    if (rc != 0 || info.get() < 0) return;
     index.reserve(pkgs.size(), 0);
-    for (DpkgPackage& p : pkgs) {
-        if (!dpkg_is_installed(p.status) || !plain_name(p.name)) continue;
-        const bool same = p.multi_arch == "same";
-        std::string stem;
-        bool regular = false;
-        for (bool with_arch : {same, !same}) {
-            stem = dpkg_info_name(p, with_arch);
+    std::string stem;
+    for (Pending& p : pkgs) {
+        bool regular = false, found = false;
+        for (bool with_arch : {p.same, !p.same}) {
+            stem = p.name;
+            if (with_arch && !p.arch.empty()) stem.append(":").append(p.arch);
             auto it = plain_name(stem) ? lists.find(stem + ".list") : lists.end();
             if (it != lists.end()) {
                 regular = it->second;
+                found = true;
                 break;
             }
-            stem.clear();
         }
-        if (stem.empty()) continue;
+        if (!found) continue;
         PackageIndex::Package pkg;
         pkg.name = std::move(p.name);
         pkg.company = std::move(p.maintainer);
         pkg.kind = PackageIndex::Kind::kDpkg;
-        pkg.stem = std::move(stem);
+        pkg.stem = stem;
         pkg.list_regular = regular;
         pkg.conffiles = std::move(p.conffiles);
         index.add_package(std::move(pkg));
