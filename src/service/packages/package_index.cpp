@@ -159,6 +159,12 @@ void NameFilter::mark(std::string_view base) {
     }
     const size_t k = key(base.data() + base.size());
     bits_[k >> 6] |= 1ull << (k & 63);
+    if (base.size() >= 8) {
+        uint64_t w;
+        std::memcpy(&w, base.data() + base.size() - 8, 8);
+        const size_t k8 = key8(w);
+        bits8_[k8 >> 6] |= 1ull << (k8 & 63);
+    }
 }
 
 void NameFilter::add(std::string_view base) {

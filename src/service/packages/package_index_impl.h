@@ -188,15 +188,30 @@ private:
         std::memcpy(&w, end - 4, 4);
         return (w * 0x9e3779b1u) >> 16;
     }
+    // The same over the last eight bytes, for names that long: shared library
+    // names end alike in four (".so.6") and differ in eight.
+    static size_t key8(uint64_t w) { return static_cast<size_t>((w * 0x9e3779b97f4a7c15ull) >> 48); }
+    static bool has_slash(uint64_t w) {
+        const uint64_t x = w ^ 0x2f2f2f2f2f2f2f2full;
+        return ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) != 0;
+    }
     bool maybe(std::string_view line) const {
         if (line.size() < 4) return true;
         const char* end = line.data() + line.size();
         if (short_ && std::memchr(end - 4, '/', 4)) return true;
         const size_t k = key(end);
-        return bits_[k >> 6] >> (k & 63) & 1;
+        if (!(bits_[k >> 6] >> (k & 63) & 1)) return false;
+        if (line.size() < 8) return true;
+        uint64_t w;
+        std::memcpy(&w, end - 8, 8);
+        // A base name shorter than eight bytes: its four were the test.
+        if (has_slash(w)) return true;
+        const size_t k8 = key8(w);
+        return bits8_[k8 >> 6] >> (k8 & 63) & 1;
     }
 
     std::vector<uint64_t> bits_ = std::vector<uint64_t>(1024);
+    std::vector<uint64_t> bits8_ = std::vector<uint64_t>(1024);
     std::unordered_set<std::string> wanted_;
     bool short_ = false;  // a name shorter than the four bytes tested
 };
