@@ -169,6 +169,7 @@ void NameFilter::mark(std::string_view base) {
 
 void NameFilter::add(std::string_view base) {
     if (base.empty() || !wanted_.emplace(base).second) return;
+    hashes_.insert(base_name_hash(base));
     mark(base);
 }
 
@@ -496,10 +497,17 @@ void scan_dpkg_part(const HostRoot& root, int info, const PackageIndex& index,
             if (p.kind != PackageIndex::Kind::kDpkg) continue;
             auto one = [&](std::string_view path) {
                 std::string_view base = base_of(path);
-                if (!diverted_bases.empty() &&
-                    std::binary_search(diverted_bases.begin(), diverted_bases.end(), base_name_hash(base)))
+                if (!filter && diverted_bases.empty()) {
+                    fn(id, base);
+                    return;
+                }
+                const uint32_t h = base_name_hash(base);
+                if (!diverted_bases.empty() && std::binary_search(diverted_bases.begin(), diverted_bases.end(), h)) {
                     base = base_of(diverted(index, p.name, path, key));
-                if (!filter || filter->wants(base)) fn(id, base);
+                    if (!filter || filter->wants(base)) fn(id, base);
+                } else if (!filter || filter->wants(base, h)) {
+                    fn(id, base);
+                }
             };
             if (filter) {
                 if (read_in_pieces(info, p.stem + ".list", p.list_regular, kMaxList, buf, 1,

@@ -100,7 +100,12 @@ class NameFilter {
 public:
     void add(std::string_view base);   // a name to find
     void pass(std::string_view base);  // a name let through the line test, not wanted (a diversion's source)
-    bool wants(std::string_view base) const { return wanted_.count(std::string(base)) != 0; }
+    bool wants(std::string_view base) const { return wants(base, base_name_hash(base)); }
+    // The same with base_name_hash(base) at hand: most names are told apart
+    // by it, without a string made to ask the set.
+    bool wants(std::string_view base, uint32_t hash) const {
+        return hashes_.count(hash) != 0 && wanted_.count(std::string(base)) != 0;
+    }
     bool empty() const { return wanted_.empty(); }
     size_t size() const { return wanted_.size(); }
     // Calls fn(path) for the lines of a dpkg file list that for_each_listed_file
@@ -198,7 +203,7 @@ private:
     bool maybe(std::string_view line) const {
         if (line.size() < 4) return true;
         const char* end = line.data() + line.size();
-        if (short_ && std::memchr(end - 4, '/', 4)) return true;
+        if (short_ && (end[-1] == '/' || end[-2] == '/' || end[-3] == '/' || end[-4] == '/')) return true;
         const size_t k = key(end);
         if (!(bits_[k >> 6] >> (k & 63) & 1)) return false;
         if (line.size() < 8) return true;
@@ -213,6 +218,7 @@ private:
     std::vector<uint64_t> bits_ = std::vector<uint64_t>(1024);
     std::vector<uint64_t> bits8_ = std::vector<uint64_t>(1024);
     std::unordered_set<std::string> wanted_;
+    std::unordered_set<uint32_t> hashes_;  // base_name_hash of each name in wanted_
     bool short_ = false;  // a name shorter than the four bytes tested
 };
 
