@@ -616,17 +616,61 @@ std::string file_signature(const HostRoot& root, const std::string& path) {
 
 const char* const kApkDb = "/lib/apk/db/installed";
 
+// Where the text after the last empty line of `b` begins (0: none): apk's
+// stanzas end there.
+size_t after_last_empty_line(const char* b, size_t n) {
+    for (const void* nl = ::memrchr(b, '\n', n); nl;) {
+        const size_t e = static_cast<size_t>(static_cast<const char*>(nl) - b);
+        if ((e >= 1 && b[e - 1] == '\n') || (e >= 2 && b[e - 1] == '\r' && b[e - 2] == '\n')) return e + 1;
+        nl = e ? ::memrchr(b, '\n', e) : nullptr;
+    }
+    return 0;
+}
+
+// Reads the file open at `fd` front to back a piece at a time, at most
+// `max_bytes` as read_host_file would, calling fn(text, offset, last) on whole
+// stanzas (text ends after an empty line, or at the end of the file when
+// `last`). A stanza longer than a piece grows the buffer.
+template <class F>
+void read_stanzas(int fd, size_t max_bytes, F&& fn) {
+    ReadBuf buf;
+    buf.grow(std::min(kPiece, std::max<size_t>(max_bytes, 1)));
+    uint64_t offset = 0;
+    size_t total = 0;
+    bool end = false;
+    while (!end) {
+        if (buf.len == buf.cap) buf.grow(std::min(buf.cap * 2, std::max(max_bytes, buf.cap + 1)));
+        const size_t want = std::min(buf.cap - buf.len, max_bytes - total);
+        const ssize_t n = want ? ::read(fd, buf.data.get() + buf.len, want) : 0;
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            end = true;
+        } else {
+            buf.len += static_cast<size_t>(n);
+            total += static_cast<size_t>(n);
+            end = total >= max_bytes;
+        }
+        const size_t cut = end ? buf.len : after_last_empty_line(buf.data.get(), buf.len);
+        if (cut == 0 && !end) continue;
+        fn(std::string_view(buf.data.get(), cut), offset, end);
+        std::memmove(buf.data.get(), buf.data.get() + cut, buf.len - cut);
+        buf.len -= cut;
+        offset += cut;
+    }
+}
+
 // apk keeps one text file: stanzas of P: (name), m: (maintainer), F: (a
 // directory) and R: (a file in it). Only the stanza's place is kept; with
-// `names`, the R: names go straight into the table.
+// `names`, the R: names go straight into the table. Read a piece at a time:
+// a large database is never held whole.
 void index_apk(const HostRoot& root, PackageIndex& index, bool names) {
-    std::string text;
-    if (read_host_file(root, kApkDb, text) != 0) return;
+    const Fd fd(open_host_file(root, kApkDb));
+    if (fd.get() < 0) return;
     index.apk_signature = file_signature(root, kApkDb);
     PackageIndex::Package cur;
-    std::vector<std::string_view> bases;
-    size_t start = 0, pos = 0;
-    auto flush = [&](size_t end) {
+    std::vector<std::string_view> bases;  // in the piece at hand: a stanza never spans two
+    uint64_t start = 0;
+    auto flush = [&](uint64_t end) {
         if (!cur.name.empty()) {
             cur.kind = PackageIndex::Kind::kApk;
             cur.apk_off = start;
@@ -637,46 +681,61 @@ void index_apk(const HostRoot& root, PackageIndex& index, bool names) {
         cur = PackageIndex::Package();
         bases.clear();
     };
-    while (pos < text.size()) {
-        const size_t nl = text.find('\n', pos);
-        const size_t end = nl == std::string::npos ? text.size() : nl;
-        std::string_view line(text.data() + pos, end - pos);
-        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-        if (line.empty()) {
-            flush(pos);
-            start = end + 1;
-        } else if (line.size() >= 2 && line[1] == ':') {
-            const std::string_view v = line.substr(2);
-            if (line[0] == 'P') cur.name.assign(v.data(), v.size());
-            if (line[0] == 'm') cur.company.assign(v.data(), v.size());
-            if (names && line[0] == 'R') bases.push_back(base_of(v));
+    read_stanzas(fd.get(), kDefaultMaxFile, [&](std::string_view text, uint64_t offset, bool last) {
+        size_t pos = 0;
+        while (pos < text.size()) {
+            const void* nl = std::memchr(text.data() + pos, '\n', text.size() - pos);
+            const size_t end = nl ? static_cast<size_t>(static_cast<const char*>(nl) - text.data()) : text.size();
+            std::string_view line(text.data() + pos, end - pos);
+            if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+            if (line.empty()) {
+                flush(offset + pos);
+                start = offset + end + 1;
+            } else if (line.size() >= 2 && line[1] == ':') {
+                const std::string_view v = line.substr(2);
+                if (line[0] == 'P') cur.name.assign(v.data(), v.size());
+                if (line[0] == 'm') cur.company.assign(v.data(), v.size());
+                if (names && line[0] == 'R') bases.push_back(base_of(v));
+            }
+            pos = end + 1;
         }
-        pos = end + 1;
-    }
-    flush(text.size());
+        if (last) flush(offset + text.size());
+    });
 }
 
 // The apk stanzas that list a wanted name: fn(id, base) per hit and
-// keep(id, stanza) once per such stanza, from one read of the database.
+// keep(id, stanza) once per such stanza, from one read of the database, a
+// piece at a time.
 template <class F, class K>
 void scan_apk(const HostRoot& root, const PackageIndex& index, const NameFilter& filter, F&& fn, K&& keep) {
     if (index.apk_signature.empty() || file_signature(root, kApkDb) != index.apk_signature) return;
-    std::string text;
-    if (read_host_file(root, kApkDb, text) != 0) return;
-    for (uint32_t id = 0; id < index.packages(); ++id) {
-        const PackageIndex::Package& p = index.package(id);
-        if (p.kind != PackageIndex::Kind::kApk || p.apk_off + p.apk_len > text.size()) continue;
-        const std::string_view stanza = std::string_view(text).substr(p.apk_off, p.apk_len);
-        bool hit = false;
-        for (std::string_view line : split_lines(stanza)) {
-            if (line.size() < 3 || line[0] != 'R' || line[1] != ':') continue;
-            const std::string_view base = base_of(line.substr(2));
-            if (!filter.wants(base)) continue;
-            hit = true;
-            fn(id, base);
+    const Fd fd(open_host_file(root, kApkDb));
+    if (fd.get() < 0) return;
+    uint32_t id = 0;  // apk's packages come last, in the file's order
+    while (id < index.packages() && index.package(id).kind != PackageIndex::Kind::kApk) ++id;
+    read_stanzas(fd.get(), kDefaultMaxFile, [&](std::string_view text, uint64_t offset, bool) {
+        for (; id < index.packages(); ++id) {
+            const PackageIndex::Package& p = index.package(id);
+            if (p.kind != PackageIndex::Kind::kApk || p.apk_off < offset) continue;
+            if (p.apk_off + p.apk_len > offset + text.size()) break;  // in a later piece
+            const std::string_view stanza = text.substr(p.apk_off - offset, p.apk_len);
+            bool hit = false;
+            for (size_t pos = 0; pos < stanza.size();) {
+                const void* nl = std::memchr(stanza.data() + pos, '\n', stanza.size() - pos);
+                const size_t end =
+                    nl ? static_cast<size_t>(static_cast<const char*>(nl) - stanza.data()) : stanza.size();
+                std::string_view line = stanza.substr(pos, end - pos);
+                pos = end + 1;
+                if (line.size() < 3 || line[0] != 'R' || line[1] != ':') continue;
+                if (line.back() == '\r') line.remove_suffix(1);
+                const std::string_view base = base_of(line.substr(2));
+                if (!filter.wants(base)) continue;
+                hit = true;
+                fn(id, base);
+            }
+            if (hit) keep(id, stanza);
         }
-        if (hit) keep(id, stanza);
-    }
+    });
 }
 
 // What the package databases looked like when a table was built.
