@@ -728,6 +728,7 @@ void scan_apk(const HostRoot& root, const PackageIndex& index, const NameFilter&
                 pos = end + 1;
                 if (line.size() < 3 || line[0] != 'R' || line[1] != ':') continue;
                 if (line.back() == '\r') line.remove_suffix(1);
+                if (!filter.maybe(line.substr(2))) continue;
                 const std::string_view base = base_of(line.substr(2));
                 if (!filter.wants(base)) continue;
                 hit = true;

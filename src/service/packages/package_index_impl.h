@@ -200,6 +200,9 @@ private:
         const uint64_t x = w ^ 0x2f2f2f2f2f2f2f2full;
         return ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) != 0;
     }
+public:
+    // Whether `line` may end in a name added or passed: false for most lines,
+    // without finding their base name.
     bool maybe(std::string_view line) const {
         if (line.size() < 4) return true;
         const char* end = line.data() + line.size();
@@ -214,6 +217,8 @@ private:
         const size_t k8 = key8(w);
         return bits8_[k8 >> 6] >> (k8 & 63) & 1;
     }
+
+private:
 
     std::vector<uint64_t> bits_ = std::vector<uint64_t>(1024);
     std::vector<uint64_t> bits8_ = std::vector<uint64_t>(1024);
