@@ -353,6 +353,39 @@ TEST(OwnerBatch, LongListsReadInPiecesAgreeWithSingleLookups) {
     }
 }
 
+// A long apk database, read in pieces cut at its empty lines (CRLF ones
+// too) by batches, gives every file what single lookups give.
+TEST(OwnerBatch, LongApkDatabaseInPiecesAgreesWithSingleLookups) {
+    std::string db;
+    std::vector<std::string> paths;
+    for (int i = 0; db.size() < (500u << 10); ++i) {
+        const char* eol = i % 7 ? "\n" : "\r\n";
+        db += "P:p" + std::to_string(i) + eol + "m:M" + std::to_string(i % 3) + eol + "F:usr/lib/p" +
+              std::to_string(i) + eol;
+        for (int f = 0; f < 1 + i % 9; ++f) {
+            const std::string name = "lib" + std::to_string(i % 50) + "_" + std::to_string(f) + ".so.1";
+            db += "R:" + name + eol;
+            if (f % 3) db += std::string("Z:Q1") + std::string(27, "ABCDEFGH"[(i + f) % 8]) + "=" + eol;
+            paths.push_back("/usr/lib/p" + std::to_string(i) + "/" + name);
+        }
+        db += eol;
+    }
+    TempDir one, many;
+    for (const TempDir* t : {&one, &many}) t->file("/lib/apk/db/installed", db);
+    const HostRoot root_one(one.path), root_many(many.path);
+    std::vector<FileOwner> got;
+    std::vector<char> owned;
+    package_owners(root_many, paths, got, owned);
+    for (size_t i = 0; i < paths.size(); ++i) {
+        FileOwner o;
+        ASSERT_TRUE(package_owner(root_one, paths[i], o)) << paths[i];
+        ASSERT_TRUE(owned[i]) << paths[i];
+        ASSERT_EQ(std::tie(got[i].package, got[i].company, got[i].algo), std::tie(o.package, o.company, o.algo))
+            << paths[i];
+        ASSERT_EQ(std::memcmp(got[i].digest, o.digest, 20), 0) << paths[i];
+    }
+}
+
 TEST(OwnerBatch, RealHostAgreesWithDpkgQuery) {
     if (!amtest::have_tools("dpkg-query")) GTEST_SKIP() << "no dpkg-query";
     std::set<std::string> mapped;
