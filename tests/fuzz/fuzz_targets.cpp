@@ -17,7 +17,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 }
 #else
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <vector>
 
@@ -86,8 +88,24 @@ void dpkg_list(std::string_view t) {
     });
 }
 
-// dpkg's status file.
+// dpkg's status file: read in small pieces it must give what its whole text gives.
 void dpkg_status(std::string_view t) {
+    std::string whole, pieces;
+    auto add = [](std::string& to) {
+        return [&to](DpkgPackage& p) {
+            to += p.name + '|' + p.version + '|' + p.status + '|' + p.summary + '|' + p.source + '|' +
+                  std::to_string(p.installed_size_kib) + '|' + std::to_string(p.conffiles.size()) + '\n';
+        };
+    };
+    for_each_dpkg_stanza(t, add(whole));
+    const int fd = memfd_create("status", MFD_CLOEXEC);
+    if (fd >= 0) {
+        if (write(fd, t.data(), t.size()) == static_cast<ssize_t>(t.size()) && lseek(fd, 0, SEEK_SET) == 0) {
+            read_dpkg_status_fd(fd, add(pieces), kDefaultMaxFile, 16 + t.size() % 61);
+            if (pieces != whole) __builtin_trap();
+        }
+        close(fd);
+    }
     for (const DpkgPackage& p : parse_dpkg_status(t)) {
         if (p.name.empty()) __builtin_trap();
         (void)dpkg_is_installed(p.status);

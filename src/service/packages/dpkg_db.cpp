@@ -2,8 +2,11 @@
 
 #include <errno.h>
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <memory>
 
 #include "core/common.h"
 
@@ -11,8 +14,7 @@ namespace amsvc {
 
 namespace {
 
-bool field_is(std::string_view name, const char* want) {
-    const size_t n = std::char_traits<char>::length(want);
+bool field_is(std::string_view name, const char* want, size_t n) {
     return name.size() == n && strncasecmp(name.data(), want, n) == 0;
 }
 
@@ -24,94 +26,224 @@ void parse_conffiles(std::string_view value, std::vector<DpkgConffile>& out) {
     }
 }
 
+enum class Field { kOther, kPackage, kStatus, kArch, kVersion, kMaintainer, kDescription, kMultiArch, kSource,
+                   kSize, kConffiles };
+
+// Which field a name is (case-insensitive), by its length first: most fields
+// of a stanza (Depends, Section, Homepage...) are passed over after one compare.
+Field field_of(std::string_view name) {
+    switch (name.size()) {
+        case 6:
+            if (field_is(name, "Status", 6)) return Field::kStatus;
+            if (field_is(name, "Source", 6)) return Field::kSource;
+            break;
+        case 7:
+            if (field_is(name, "Package", 7)) return Field::kPackage;
+            if (field_is(name, "Version", 7)) return Field::kVersion;
+            break;
+        case 9:
+            if (field_is(name, "Conffiles", 9)) return Field::kConffiles;
+            break;
+        case 10:
+            if (field_is(name, "Maintainer", 10)) return Field::kMaintainer;
+            if (field_is(name, "Multi-Arch", 10)) return Field::kMultiArch;
+            break;
+        case 11:
+            if (field_is(name, "Description", 11)) return Field::kDescription;
+            break;
+        case 12:
+            if (field_is(name, "Architecture", 12)) return Field::kArch;
+            break;
+        case 14:
+            if (field_is(name, "Installed-Size", 14)) return Field::kSize;
+            break;
+    }
+    return Field::kOther;
+}
+
 // Applies one complete field (value with continuation lines) to `p`.
-void apply_field(DpkgPackage& p, std::string_view name, std::string_view value) {
+void apply_field(DpkgPackage& p, Field f, std::string_view value) {
     // The first line is the value proper; continuation lines follow after '\n'.
     const size_t nl = value.find('\n');
     const std::string_view first = trim(value.substr(0, nl));
-    if (field_is(name, "Package")) {
-        p.name = std::string(first);
-    } else if (field_is(name, "Status")) {
-        p.status = std::string(first);
-    } else if (field_is(name, "Architecture")) {
-        p.arch = std::string(first);
-    } else if (field_is(name, "Version")) {
-        p.version = std::string(first);
-    } else if (field_is(name, "Maintainer")) {
-        p.maintainer = std::string(first);
-    } else if (field_is(name, "Description")) {
-        // As dpkg keeps it: blanks after the colon and at the very end of the
-        // whole value go, a trailing blank of the first line before more lines stays.
-        std::string_view v = value;
-        while (!v.empty() && (v.front() == ' ' || v.front() == '\t')) v.remove_prefix(1);
-        while (!v.empty() && (v.back() == ' ' || v.back() == '\t' || v.back() == '\n' || v.back() == '\r'))
-            v.remove_suffix(1);
-        p.summary = std::string(v.substr(0, v.find('\n')));
-    } else if (field_is(name, "Multi-Arch")) {
-        p.multi_arch = std::string(first);
-    } else if (field_is(name, "Source")) {
-        // "glibc (2.36-9)" when the source version differs from the binary's.
-        const size_t sp = first.find_first_of(" \t(");
-        p.source = std::string(trim(first.substr(0, sp)));
-    } else if (field_is(name, "Installed-Size")) {
-        uint64_t kib = 0;
-        if (parse_u64(first, kib) && kib <= (UINT64_MAX >> 10)) p.installed_size_kib = kib;
-    } else if (field_is(name, "Conffiles")) {
-        if (nl != std::string_view::npos) parse_conffiles(value.substr(nl + 1), p.conffiles);
+    switch (f) {
+        case Field::kOther:
+            break;
+        case Field::kPackage:
+            p.name.assign(first.data(), first.size());
+            break;
+        case Field::kStatus:
+            p.status.assign(first.data(), first.size());
+            break;
+        case Field::kArch:
+            p.arch.assign(first.data(), first.size());
+            break;
+        case Field::kVersion:
+            p.version.assign(first.data(), first.size());
+            break;
+        case Field::kMaintainer:
+            p.maintainer.assign(first.data(), first.size());
+            break;
+        case Field::kDescription: {
+            // As dpkg keeps it: blanks after the colon and at the very end of the
+            // whole value go, a trailing blank of the first line before more lines stays.
+            std::string_view v = value;
+            while (!v.empty() && (v.front() == ' ' || v.front() == '\t')) v.remove_prefix(1);
+            while (!v.empty() && (v.back() == ' ' || v.back() == '\t' || v.back() == '\n' || v.back() == '\r'))
+                v.remove_suffix(1);
+            v = v.substr(0, v.find('\n'));
+            p.summary.assign(v.data(), v.size());
+            break;
+        }
+        case Field::kMultiArch:
+            p.multi_arch.assign(first.data(), first.size());
+            break;
+        case Field::kSource: {
+            // "glibc (2.36-9)" when the source version differs from the binary's.
+            const size_t sp = first.find_first_of(" \t(");
+            const std::string_view src = trim(first.substr(0, sp));
+            p.source.assign(src.data(), src.size());
+            break;
+        }
+        case Field::kSize: {
+            uint64_t kib = 0;
+            if (parse_u64(first, kib) && kib <= (UINT64_MAX >> 10)) p.installed_size_kib = kib;
+            break;
+        }
+        case Field::kConffiles:
+            if (nl != std::string_view::npos) parse_conffiles(value.substr(nl + 1), p.conffiles);
+            break;
     }
 }
 
+// A line of nothing but blanks ends a stanza (its '\n' not included).
+bool blank_line(const char* b, size_t n) {
+    for (size_t i = 0; i < n; ++i)
+        if (!(b[i] == ' ' || b[i] == '\t' || b[i] == '\r' || b[i] == '\v' || b[i] == '\f')) return false;
+    return true;
+}
+
+// Where the text after the last blank line ending in '\n' begins, 0 when
+// there is none: the parser starts afresh there.
+size_t after_last_blank_line(const char* b, size_t n) {
+    const void* nl = ::memrchr(b, '\n', n);
+    while (nl) {
+        const size_t e = static_cast<size_t>(static_cast<const char*>(nl) - b);
+        const void* prev = e ? ::memrchr(b, '\n', e) : nullptr;
+        const size_t s = prev ? static_cast<size_t>(static_cast<const char*>(prev) - b) + 1 : 0;
+        if (blank_line(b + s, e - s)) return e + 1;
+        nl = prev;
+    }
+    return 0;
+}
+
+void clear_package(DpkgPackage& p) {
+    // Cleared, not replaced: the next stanza reuses what was allocated.
+    for (std::string* s : {&p.name, &p.arch, &p.version, &p.status, &p.maintainer, &p.summary, &p.source,
+                           &p.multi_arch})
+        s->clear();
+    p.installed_size_kib = 0;
+    p.conffiles.clear();
+}
+
 }  // namespace
+
+void for_each_dpkg_stanza(std::string_view text, const std::function<void(DpkgPackage&)>& fn) {
+    DpkgPackage cur;
+    bool in_stanza = false;
+    Field field = Field::kOther;  // field being read
+    const char* vstart = nullptr;
+    const char* vend = nullptr;
+    auto flush_field = [&]() {
+        if (vstart && field != Field::kOther)
+            apply_field(cur, field, std::string_view(vstart, static_cast<size_t>(vend - vstart)));
+        field = Field::kOther;
+        vstart = vend = nullptr;
+    };
+    auto flush_stanza = [&]() {
+        flush_field();
+        if (in_stanza && !cur.name.empty()) fn(cur);
+        if (in_stanza) clear_package(cur);
+        in_stanza = false;
+    };
+    const char* p = text.data();
+    const char* const last = p + text.size();
+    while (p < last) {
+        const char* nl = static_cast<const char*>(std::memchr(p, '\n', static_cast<size_t>(last - p)));
+        const char* const eol = nl ? nl : last;
+        const char* const line_begin = p;
+        size_t len = static_cast<size_t>(eol - p);
+        p = eol + 1;
+        if (len && line_begin[len - 1] == '\r') --len;
+        if (len == 0 || ((line_begin[0] == ' ' || line_begin[0] == '\t' || line_begin[0] == '\r' ||
+                          line_begin[0] == '\v' || line_begin[0] == '\f') &&
+                         blank_line(line_begin, len))) {
+            flush_stanza();
+            continue;
+        }
+        in_stanza = true;
+        if (line_begin[0] == ' ' || line_begin[0] == '\t') {
+            // Continuation: extend the current field's value over this line.
+            if (vstart) vend = line_begin + len;
+            continue;
+        }
+        flush_field();
+        const void* colon = std::memchr(line_begin, ':', len);
+        if (!colon || colon == line_begin) continue;  // junk line: ignored
+        const size_t at = static_cast<size_t>(static_cast<const char*>(colon) - line_begin);
+        field = field_of(std::string_view(line_begin, at));
+        vstart = line_begin + at + 1;
+        vend = line_begin + len;
+    }
+    flush_stanza();
+}
 
 std::vector<DpkgPackage> parse_dpkg_status(std::string_view text) {
     std::vector<DpkgPackage> out;
     // A stanza takes about a kilobyte: growing the vector would move every
     // package several times.
     out.reserve(text.size() / 768 + 4);
-    DpkgPackage cur;
-    bool in_stanza = false;
-    std::string_view fname;  // field being read
-    const char* vstart = nullptr;
-    const char* vend = nullptr;
-    auto flush_field = [&]() {
-        if (!fname.empty() && vstart)
-            apply_field(cur, fname, std::string_view(vstart, static_cast<size_t>(vend - vstart)));
-        fname = {};
-        vstart = vend = nullptr;
-    };
-    auto flush_stanza = [&]() {
-        flush_field();
-        if (in_stanza && !cur.name.empty()) out.push_back(std::move(cur));
-        cur = DpkgPackage();
-        in_stanza = false;
-    };
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t eol = text.find('\n', pos);
-        if (eol == std::string_view::npos) eol = text.size();
-        std::string_view line = text.substr(pos, eol - pos);
-        const char* line_begin = text.data() + pos;
-        pos = eol + 1;
-        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-        if (trim(line).empty()) {
-            flush_stanza();
-            continue;
-        }
-        in_stanza = true;
-        if (line[0] == ' ' || line[0] == '\t') {
-            // Continuation: extend the current field's value over this line.
-            if (vstart) vend = line_begin + line.size();
-            continue;
-        }
-        flush_field();
-        const size_t colon = line.find(':');
-        if (colon == std::string_view::npos || colon == 0) continue;  // junk line: ignored
-        fname = line.substr(0, colon);
-        vstart = line_begin + colon + 1;
-        vend = line_begin + line.size();
-    }
-    flush_stanza();
+    for_each_dpkg_stanza(text, [&](DpkgPackage& p) { out.push_back(std::move(p)); });
     return out;
+}
+
+int read_dpkg_status_fd(int fd, const std::function<void(DpkgPackage&)>& fn, size_t max_bytes, size_t piece) {
+    struct stat st;
+    if (::fstat(fd, &st) != 0) return -errno;
+    if (!S_ISREG(st.st_mode)) return -EINVAL;
+    piece = std::max<size_t>(piece, 1);
+    size_t cap = std::min(piece, std::max<size_t>(max_bytes, 1));
+    std::unique_ptr<char[]> buf(new char[cap]);
+    size_t len = 0, total = 0;
+    bool end = false;
+    while (!end) {
+        if (len == cap) {
+            // A stanza longer than the buffer grows it, up to the file's bound.
+            const size_t ncap = std::min(cap * 2, std::max(max_bytes, cap + 1));
+            std::unique_ptr<char[]> nbuf(new char[ncap]);
+            std::memcpy(nbuf.get(), buf.get(), len);
+            buf = std::move(nbuf);
+            cap = ncap;
+        }
+        const size_t want = std::min(cap - len, max_bytes - total);
+        ssize_t n = want ? ::read(fd, buf.get() + len, want) : 0;
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && total == 0) return -errno;
+        if (n <= 0) {
+            end = true;
+        } else {
+            len += static_cast<size_t>(n);
+            total += static_cast<size_t>(n);
+            end = total >= max_bytes;
+        }
+        // Whole stanzas now; the rest waits for more of the file.
+        const size_t cut = end ? len : after_last_blank_line(buf.get(), len);
+        if (cut == 0) continue;
+        for_each_dpkg_stanza(std::string_view(buf.get(), cut), fn);
+        std::memmove(buf.get(), buf.get() + cut, len - cut);
+        len -= cut;
+    }
+    return 0;
 }
 
 bool dpkg_is_installed(std::string_view status) {
@@ -169,14 +301,15 @@ void parse_md5sums(std::string_view text,
 int read_dpkg_db(const HostRoot& root, DpkgDb& db) {
     db = DpkgDb();
     std::string text;
-    int rc = read_host_file(root, "/var/lib/dpkg/status", text);
-    if (rc == 0) {
-        for (DpkgPackage& p : parse_dpkg_status(text)) {
-            if (!dpkg_is_installed(p.status)) continue;
+    int rc = open_host_file(root, "/var/lib/dpkg/status");
+    if (rc >= 0) {
+        const Fd fd(rc);
+        rc = read_dpkg_status_fd(fd.get(), [&](DpkgPackage& p) {
+            if (!dpkg_is_installed(p.status)) return;
             db.packages.push_back(std::move(p));
             db.sources.emplace_back("/var/lib/dpkg/status");
-        }
-        return 0;
+        });
+        if (rc == 0) return 0;
     }
     if (rc != -ENOENT) return rc;
     std::vector<std::string> names;

@@ -37,6 +37,14 @@ struct DpkgPackage {
 // skipped; a truncated last stanza keeps what it has. Never throws for
 // malformed input.
 std::vector<DpkgPackage> parse_dpkg_status(std::string_view text);
+// The same, one package at a time: fn may move from its argument.
+void for_each_dpkg_stanza(std::string_view text, const std::function<void(DpkgPackage&)>& fn);
+// The same for the status file open at `fd` (the caller closes it), read
+// `piece` bytes at a time and parsed up to each piece's last blank line, so
+// the file is never held whole; at most `max_bytes` are read, as
+// read_host_file would. 0, or -errno when nothing could be read.
+int read_dpkg_status_fd(int fd, const std::function<void(DpkgPackage&)>& fn, size_t max_bytes = kDefaultMaxFile,
+                        size_t piece = 128u << 10);
 
 // Whether a Status value means the package's files are on disk and configured:
 // error flag "ok" and state installed (or only awaiting trigger processing),

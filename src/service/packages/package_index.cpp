@@ -159,10 +159,17 @@ void NameFilter::mark(std::string_view base) {
     }
     const size_t k = key(base.data() + base.size());
     bits_[k >> 6] |= 1ull << (k & 63);
+    if (base.size() >= 8) {
+        uint64_t w;
+        std::memcpy(&w, base.data() + base.size() - 8, 8);
+        const size_t k8 = key8(w);
+        bits8_[k8 >> 6] |= 1ull << (k8 & 63);
+    }
 }
 
 void NameFilter::add(std::string_view base) {
     if (base.empty() || !wanted_.emplace(base).second) return;
+    hashes_.insert(base_name_hash(base));
     mark(base);
 }
 
@@ -214,6 +221,14 @@ struct ReadBuf {
         data.reset(new char[n]);
         cap = n;
     }
+    // Like reserve, keeping the first `len` bytes.
+    void grow(size_t n) {
+        if (n <= cap) return;
+        std::unique_ptr<char[]> d(new char[n]);
+        if (len) std::memcpy(d.get(), data.get(), len);
+        data = std::move(d);
+        cap = n;
+    }
     void unmap() {
         if (map) ::munmap(map, map_len);
         map = nullptr;
@@ -223,26 +238,40 @@ struct ReadBuf {
 
 constexpr size_t kMapAtLeast = 64u << 10;
 
-// Reads `name` in the directory `dir`: a regular file only, looked at before
-// it is opened (a device or FIFO is never opened) and checked to be the same
-// file after; no link followed.
-// `known_regular`: the directory listing said so already (d_type), which saves
-// a look per file when the lists of every package are read.
-int read_in_dir(int dir, const std::string& name, ReadBuf& out, size_t max_bytes, bool known_regular = false,
-                bool may_map = false) {
-    out.len = 0;
-    out.unmap();
-    struct stat before, st;
+// Opens `name` in the directory `dir` for reading: a regular file only,
+// looked at before it is opened (a device or FIFO is never opened) and
+// checked to be the same file after; no link followed. `known_regular`: the
+// directory listing said so already (d_type), which saves a look per file
+// when the lists of every package are read. A descriptor or -errno.
+int open_in_dir(int dir, const std::string& name, bool known_regular, struct stat& st) {
+    struct stat before;
     if (!known_regular) {
         if (::fstatat(dir, name.c_str(), &before, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
         if (!S_ISREG(before.st_mode)) return -EINVAL;
     }
     const int fd = ::openat(dir, name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW);
     if (fd < 0) return -errno;
-    Fd guard(fd);
-    if (::fstat(fd, &st) != 0) return -errno;
-    if (!S_ISREG(st.st_mode) || (!known_regular && (st.st_dev != before.st_dev || st.st_ino != before.st_ino)))
+    if (::fstat(fd, &st) != 0) {
+        const int e = errno;
+        ::close(fd);
+        return -e;
+    }
+    if (!S_ISREG(st.st_mode) || (!known_regular && (st.st_dev != before.st_dev || st.st_ino != before.st_ino))) {
+        ::close(fd);
         return -EINVAL;
+    }
+    return fd;
+}
+
+// Reads `name` in `dir` whole (see open_in_dir).
+int read_in_dir(int dir, const std::string& name, ReadBuf& out, size_t max_bytes, bool known_regular = false,
+                bool may_map = false) {
+    out.len = 0;
+    out.unmap();
+    struct stat st;
+    const int fd = open_in_dir(dir, name, known_regular, st);
+    if (fd < 0) return fd;
+    Fd guard(fd);
     if (may_map && st.st_uid == 0 && !(st.st_mode & 022) && static_cast<size_t>(st.st_size) >= kMapAtLeast &&
         static_cast<size_t>(st.st_size) <= max_bytes) {
         void* m = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
@@ -263,6 +292,68 @@ int read_in_dir(int dir, const std::string& name, ReadBuf& out, size_t max_bytes
         if (out.len < want) break;  // a short read of a regular file: its end
     }
     return 0;
+}
+
+constexpr size_t kPiece = 128u << 10;
+
+// Reads a text file of lines a piece at a time into `buf` (the same bytes
+// read_in_dir would give), calling fn(text, more) on whole lines: `text` ends
+// with a newline or the file; the `keep` last lines of a piece are held back
+// for the next one but are at hand up to `more`. A piece stays in the cache
+// between the copy and the scan, and no memory is faulted in per file.
+template <class F>
+int read_in_pieces(int dir, const std::string& name, bool known_regular, size_t max_bytes, ReadBuf& buf, int keep,
+                   F&& fn) {
+    buf.len = 0;
+    buf.unmap();
+    struct stat st;
+    const int fd = open_in_dir(dir, name, known_regular, st);
+    if (fd < 0) return fd;
+    Fd guard(fd);
+    // One byte more than the size, to see a file that grew meanwhile end.
+    const size_t limit = std::min<size_t>(static_cast<size_t>(st.st_size) + 1, max_bytes);
+    buf.grow(std::min(limit, kPiece));
+    size_t total = 0;
+    bool end = false;
+    while (true) {
+        if (!end) {
+            // A line longer than the buffer grows it, up to the file's bound.
+            if (buf.len == buf.cap) buf.grow(std::min(limit, buf.cap * 2));
+            const size_t want = std::min(buf.cap - buf.len, limit - total);
+            ssize_t n;
+            do {
+                n = ::read(fd, buf.data.get() + buf.len, want);
+            } while (n < 0 && errno == EINTR);
+            if (n <= 0) {
+                end = true;
+            } else {
+                buf.len += static_cast<size_t>(n);
+                total += static_cast<size_t>(n);
+                // A short read of a regular file: its end.
+                if (static_cast<size_t>(n) < want || total >= limit) end = true;
+            }
+        }
+        const char* const b = buf.data.get();
+        if (end) {
+            if (buf.len) fn(std::string_view(b, buf.len), b + buf.len);
+            buf.len = 0;
+            return 0;
+        }
+        // Hold back the last `keep` whole lines and the partial one.
+        const void* nl = ::memrchr(b, '\n', buf.len);
+        if (!nl) continue;
+        const char* more = static_cast<const char*>(nl) + 1;
+        const char* cut = more;
+        for (int k = 0; k < keep && cut; ++k) {
+            const void* p = ::memrchr(b, '\n', static_cast<size_t>(cut - 1 - b));
+            cut = p ? static_cast<const char*>(p) + 1 : nullptr;
+        }
+        if (!cut || cut == b) continue;
+        fn(std::string_view(b, static_cast<size_t>(cut - b)), more);
+        const size_t rest = buf.len - static_cast<size_t>(cut - b);
+        std::memmove(buf.data.get(), cut, rest);
+        buf.len = rest;
+    }
 }
 
 // Names of the regular files in `dir` that end with `suffix` (d_type from the
@@ -313,38 +404,75 @@ std::string_view diverted(const PackageIndex& index, const std::string& pkg, std
 // What the status file says: the installed packages that have a file list,
 // in database order. The lists themselves are read by scan_dpkg.
 void index_dpkg(const HostRoot& root, PackageIndex& index) {
-    std::vector<DpkgPackage> pkgs;
-    {
-        std::string text;
-        if (read_host_file(root, "/var/lib/dpkg/status", text) != 0) return;
-        pkgs = parse_dpkg_status(text);
-    }
-    index.diversions = read_diversions(root);
+    const Fd status(open_host_file(root, "/var/lib/dpkg/status"));
+    if (status.get() < 0) return;
     const Fd info(open_host(root, "/var/lib/dpkg/info", O_RDONLY | O_DIRECTORY));
-    if (info.get() < 0) return;
     std::unordered_map<std::string, bool> lists;  // name -> known to be a regular file
-    regular_names(info.get(), ".list", lists);
+    // The info directory is listed on another thread while the status file is
+    // read: in a fresh process each takes a few milliseconds.
+    std::thread lister;
+    bool list_failed = false;
+    if (info.get() >= 0 && std::thread::hardware_concurrency() >= 2) {
+        try {
+            lister = std::thread([&]() {
+                try {
+                    regular_names(info.get(), ".list", lists);
+                } catch (...) {
+                    list_failed = true;
+                }
+            });
+        } catch (...) {
+            // No thread to be had: listed below.
+        }
+    }
+    // What the index keeps of a stanza, until its .list is known.
+    struct Pending {
+        std::string name, arch, maintainer;
+        bool same = false;
+        std::vector<DpkgConffile> conffiles;
+    };
+    std::vector<Pending> pkgs;
+    int rc = 0;
+    try {
+        struct stat st;
+        if (::fstat(status.get(), &st) == 0) pkgs.reserve(static_cast<size_t>(st.st_size) / 768 + 4);
+        rc = read_dpkg_status_fd(status.get(), [&](DpkgPackage& p) {
+            if (!dpkg_is_installed(p.status) || !plain_name(p.name)) return;
+            pkgs.push_back(Pending{std::move(p.name), std::move(p.arch), std::move(p.maintainer),
+                                   p.multi_arch == "same", std::move(p.conffiles)});
+        });
+        if (rc == 0) index.diversions = read_diversions(root);
+    } catch (...) {
+        if (lister.joinable()) lister.join();
+        throw;
+    }
+    if (lister.joinable()) {
+        lister.join();
+    } else if (info.get() >= 0) {
+        regular_names(info.get(), ".list", lists);
+    }
+    if (list_failed) throw std::bad_alloc();
+    if (rc != 0 || info.get() < 0) return;
     index.reserve(pkgs.size(), 0);
-    for (DpkgPackage& p : pkgs) {
-        if (!dpkg_is_installed(p.status) || !plain_name(p.name)) continue;
-        const bool same = p.multi_arch == "same";
-        std::string stem;
-        bool regular = false;
-        for (bool with_arch : {same, !same}) {
-            stem = dpkg_info_name(p, with_arch);
+    std::string stem;
+    for (Pending& p : pkgs) {
+        bool regular = false, found = false;
+        for (bool with_arch : {p.same, !p.same}) {
+            stem = p.name;
+            if (with_arch && !p.arch.empty()) stem.append(":").append(p.arch);
             auto it = plain_name(stem) ? lists.find(stem + ".list") : lists.end();
             if (it != lists.end()) {
                 regular = it->second;
+                found = true;
                 break;
             }
-            stem.clear();
         }
-        if (stem.empty()) continue;
+        if (!found) continue;
         PackageIndex::Package pkg;
         pkg.name = std::move(p.name);
         pkg.company = std::move(p.maintainer);
         pkg.kind = PackageIndex::Kind::kDpkg;
-        pkg.stem = std::move(stem);
+        pkg.stem = stem;
         pkg.list_regular = regular;
         pkg.conffiles = std::move(p.conffiles);
         index.add_package(std::move(pkg));
@@ -367,18 +495,29 @@ void scan_dpkg_part(const HostRoot& root, int info, const PackageIndex& index,
         for (uint32_t id = from; id < to; ++id) {
             const PackageIndex::Package& p = index.package(id);
             if (p.kind != PackageIndex::Kind::kDpkg) continue;
-            if (read_in_dir(info, p.stem + ".list", buf, kMaxList, p.list_regular, root.is_live_host()) != 0)
-                continue;
             auto one = [&](std::string_view path) {
                 std::string_view base = base_of(path);
-                if (!diverted_bases.empty() &&
-                    std::binary_search(diverted_bases.begin(), diverted_bases.end(), base_name_hash(base)))
+                if (!filter && diverted_bases.empty()) {
+                    fn(id, base);
+                    return;
+                }
+                const uint32_t h = base_name_hash(base);
+                if (!diverted_bases.empty() && std::binary_search(diverted_bases.begin(), diverted_bases.end(), h)) {
                     base = base_of(diverted(index, p.name, path, key));
-                if (!filter || filter->wants(base)) fn(id, base);
+                    if (!filter || filter->wants(base)) fn(id, base);
+                } else if (!filter || filter->wants(base, h)) {
+                    fn(id, base);
+                }
             };
             if (filter) {
-                filter->for_each_candidate(buf.view(), one);
+                if (read_in_pieces(info, p.stem + ".list", p.list_regular, kMaxList, buf, 1,
+                                   [&](std::string_view text, const char* more) {
+                                       filter->for_each_candidate(text, one, more);
+                                   }) != 0)
+                    continue;
             } else {
+                if (read_in_dir(info, p.stem + ".list", buf, kMaxList, p.list_regular, root.is_live_host()) != 0)
+                    continue;
                 for_each_listed_file(buf.view(), one);
             }
             for (const DpkgConffile& c : p.conffiles) {
@@ -477,17 +616,61 @@ std::string file_signature(const HostRoot& root, const std::string& path) {
 
 const char* const kApkDb = "/lib/apk/db/installed";
 
+// Where the text after the last empty line of `b` begins (0: none): apk's
+// stanzas end there.
+size_t after_last_empty_line(const char* b, size_t n) {
+    for (const void* nl = ::memrchr(b, '\n', n); nl;) {
+        const size_t e = static_cast<size_t>(static_cast<const char*>(nl) - b);
+        if ((e >= 1 && b[e - 1] == '\n') || (e >= 2 && b[e - 1] == '\r' && b[e - 2] == '\n')) return e + 1;
+        nl = e ? ::memrchr(b, '\n', e) : nullptr;
+    }
+    return 0;
+}
+
+// Reads the file open at `fd` front to back a piece at a time, at most
+// `max_bytes` as read_host_file would, calling fn(text, offset, last) on whole
+// stanzas (text ends after an empty line, or at the end of the file when
+// `last`). A stanza longer than a piece grows the buffer.
+template <class F>
+void read_stanzas(int fd, size_t max_bytes, F&& fn) {
+    ReadBuf buf;
+    buf.grow(std::min(kPiece, std::max<size_t>(max_bytes, 1)));
+    uint64_t offset = 0;
+    size_t total = 0;
+    bool end = false;
+    while (!end) {
+        if (buf.len == buf.cap) buf.grow(std::min(buf.cap * 2, std::max(max_bytes, buf.cap + 1)));
+        const size_t want = std::min(buf.cap - buf.len, max_bytes - total);
+        const ssize_t n = want ? ::read(fd, buf.data.get() + buf.len, want) : 0;
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            end = true;
+        } else {
+            buf.len += static_cast<size_t>(n);
+            total += static_cast<size_t>(n);
+            end = total >= max_bytes;
+        }
+        const size_t cut = end ? buf.len : after_last_empty_line(buf.data.get(), buf.len);
+        if (cut == 0 && !end) continue;
+        fn(std::string_view(buf.data.get(), cut), offset, end);
+        std::memmove(buf.data.get(), buf.data.get() + cut, buf.len - cut);
+        buf.len -= cut;
+        offset += cut;
+    }
+}
+
 // apk keeps one text file: stanzas of P: (name), m: (maintainer), F: (a
 // directory) and R: (a file in it). Only the stanza's place is kept; with
-// `names`, the R: names go straight into the table.
+// `names`, the R: names go straight into the table. Read a piece at a time:
+// a large database is never held whole.
 void index_apk(const HostRoot& root, PackageIndex& index, bool names) {
-    std::string text;
-    if (read_host_file(root, kApkDb, text) != 0) return;
+    const Fd fd(open_host_file(root, kApkDb));
+    if (fd.get() < 0) return;
     index.apk_signature = file_signature(root, kApkDb);
     PackageIndex::Package cur;
-    std::vector<std::string_view> bases;
-    size_t start = 0, pos = 0;
-    auto flush = [&](size_t end) {
+    std::vector<std::string_view> bases;  // in the piece at hand: a stanza never spans two
+    uint64_t start = 0;
+    auto flush = [&](uint64_t end) {
         if (!cur.name.empty()) {
             cur.kind = PackageIndex::Kind::kApk;
             cur.apk_off = start;
@@ -498,46 +681,62 @@ void index_apk(const HostRoot& root, PackageIndex& index, bool names) {
         cur = PackageIndex::Package();
         bases.clear();
     };
-    while (pos < text.size()) {
-        const size_t nl = text.find('\n', pos);
-        const size_t end = nl == std::string::npos ? text.size() : nl;
-        std::string_view line(text.data() + pos, end - pos);
-        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-        if (line.empty()) {
-            flush(pos);
-            start = end + 1;
-        } else if (line.size() >= 2 && line[1] == ':') {
-            const std::string_view v = line.substr(2);
-            if (line[0] == 'P') cur.name.assign(v.data(), v.size());
-            if (line[0] == 'm') cur.company.assign(v.data(), v.size());
-            if (names && line[0] == 'R') bases.push_back(base_of(v));
+    read_stanzas(fd.get(), kDefaultMaxFile, [&](std::string_view text, uint64_t offset, bool last) {
+        size_t pos = 0;
+        while (pos < text.size()) {
+            const void* nl = std::memchr(text.data() + pos, '\n', text.size() - pos);
+            const size_t end = nl ? static_cast<size_t>(static_cast<const char*>(nl) - text.data()) : text.size();
+            std::string_view line(text.data() + pos, end - pos);
+            if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+            if (line.empty()) {
+                flush(offset + pos);
+                start = offset + end + 1;
+            } else if (line.size() >= 2 && line[1] == ':') {
+                const std::string_view v = line.substr(2);
+                if (line[0] == 'P') cur.name.assign(v.data(), v.size());
+                if (line[0] == 'm') cur.company.assign(v.data(), v.size());
+                if (names && line[0] == 'R') bases.push_back(base_of(v));
+            }
+            pos = end + 1;
         }
-        pos = end + 1;
-    }
-    flush(text.size());
+        if (last) flush(offset + text.size());
+    });
 }
 
 // The apk stanzas that list a wanted name: fn(id, base) per hit and
-// keep(id, stanza) once per such stanza, from one read of the database.
+// keep(id, stanza) once per such stanza, from one read of the database, a
+// piece at a time.
 template <class F, class K>
 void scan_apk(const HostRoot& root, const PackageIndex& index, const NameFilter& filter, F&& fn, K&& keep) {
     if (index.apk_signature.empty() || file_signature(root, kApkDb) != index.apk_signature) return;
-    std::string text;
-    if (read_host_file(root, kApkDb, text) != 0) return;
-    for (uint32_t id = 0; id < index.packages(); ++id) {
-        const PackageIndex::Package& p = index.package(id);
-        if (p.kind != PackageIndex::Kind::kApk || p.apk_off + p.apk_len > text.size()) continue;
-        const std::string_view stanza = std::string_view(text).substr(p.apk_off, p.apk_len);
-        bool hit = false;
-        for (std::string_view line : split_lines(stanza)) {
-            if (line.size() < 3 || line[0] != 'R' || line[1] != ':') continue;
-            const std::string_view base = base_of(line.substr(2));
-            if (!filter.wants(base)) continue;
-            hit = true;
-            fn(id, base);
+    const Fd fd(open_host_file(root, kApkDb));
+    if (fd.get() < 0) return;
+    uint32_t id = 0;  // apk's packages come last, in the file's order
+    while (id < index.packages() && index.package(id).kind != PackageIndex::Kind::kApk) ++id;
+    read_stanzas(fd.get(), kDefaultMaxFile, [&](std::string_view text, uint64_t offset, bool) {
+        for (; id < index.packages(); ++id) {
+            const PackageIndex::Package& p = index.package(id);
+            if (p.kind != PackageIndex::Kind::kApk || p.apk_off < offset) continue;
+            if (p.apk_off + p.apk_len > offset + text.size()) break;  // in a later piece
+            const std::string_view stanza = text.substr(p.apk_off - offset, p.apk_len);
+            bool hit = false;
+            for (size_t pos = 0; pos < stanza.size();) {
+                const void* nl = std::memchr(stanza.data() + pos, '\n', stanza.size() - pos);
+                const size_t end =
+                    nl ? static_cast<size_t>(static_cast<const char*>(nl) - stanza.data()) : stanza.size();
+                std::string_view line = stanza.substr(pos, end - pos);
+                pos = end + 1;
+                if (line.size() < 3 || line[0] != 'R' || line[1] != ':') continue;
+                if (line.back() == '\r') line.remove_suffix(1);
+                if (!filter.maybe(line.substr(2))) continue;
+                const std::string_view base = base_of(line.substr(2));
+                if (!filter.wants(base)) continue;
+                hit = true;
+                fn(id, base);
+            }
+            if (hit) keep(id, stanza);
         }
-        if (hit) keep(id, stanza);
-    }
+    });
 }
 
 // What the package databases looked like when a table was built.
@@ -588,22 +787,21 @@ void read_dpkg_records(const HostRoot& root, const PackageIndex& index, const Pa
         }
     };
     auto listed = [&](std::string_view path) { record(path, DigestAlgo::kNone, nullptr); };
-    if (read_in_dir(info.get(), p.stem + ".list", buf, kMaxList) == 0) {
-        if (filter) {
-            filter->for_each_candidate(buf.view(), listed);
-        } else {
-            for_each_listed_file(buf.view(), listed);
-        }
-    }
-    if (read_in_dir(info.get(), p.stem + ".md5sums", buf, kMaxList) == 0) {
-        const std::function<void(std::string_view, const unsigned char*)> md5 =
-            [&](std::string_view path, const unsigned char* digest) { record(path, DigestAlgo::kMd5, digest); };
-        if (filter) {
-            // A line ends with its path: most are passed over unparsed.
-            filter->for_each_maybe_line(buf.view(), [&](std::string_view line) { parse_md5sums(line, md5); });
-        } else {
-            parse_md5sums(buf.view(), md5);
-        }
+    const std::function<void(std::string_view, const unsigned char*)> md5 =
+        [&](std::string_view path, const unsigned char* digest) { record(path, DigestAlgo::kMd5, digest); };
+    if (filter) {
+        read_in_pieces(info.get(), p.stem + ".list", false, kMaxList, buf, 1,
+                       [&](std::string_view text, const char* more) {
+                           filter->for_each_candidate(text, listed, more);
+                       });
+        // A line ends with its path: most are passed over unparsed.
+        read_in_pieces(info.get(), p.stem + ".md5sums", false, kMaxList, buf, 0,
+                       [&](std::string_view text, const char*) {
+                           filter->for_each_maybe_line(text, [&](std::string_view line) { parse_md5sums(line, md5); });
+                       });
+    } else {
+        if (read_in_dir(info.get(), p.stem + ".list", buf, kMaxList) == 0) for_each_listed_file(buf.view(), listed);
+        if (read_in_dir(info.get(), p.stem + ".md5sums", buf, kMaxList) == 0) parse_md5sums(buf.view(), md5);
     }
     for (const DpkgConffile& c : p.conffiles) {
         unsigned char md5[16];

@@ -7,6 +7,10 @@
 
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <memory>
 #include <string>
 #include <string_view>
@@ -96,14 +100,21 @@ class NameFilter {
 public:
     void add(std::string_view base);   // a name to find
     void pass(std::string_view base);  // a name let through the line test, not wanted (a diversion's source)
-    bool wants(std::string_view base) const { return wanted_.count(std::string(base)) != 0; }
+    bool wants(std::string_view base) const { return wants(base, base_name_hash(base)); }
+    // The same with base_name_hash(base) at hand: most names are told apart
+    // by it, without a string made to ask the set.
+    bool wants(std::string_view base, uint32_t hash) const {
+        return hashes_.count(hash) != 0 && wanted_.count(std::string(base)) != 0;
+    }
     bool empty() const { return wanted_.empty(); }
     size_t size() const { return wanted_.size(); }
     // Calls fn(path) for the lines of a dpkg file list that for_each_listed_file
-    // would give and that may end in a name added or passed.
+    // would give and that may end in a name added or passed. `more`, for a part
+    // of a list read a piece at a time: where the bytes after `text` that are
+    // at hand end (its last line's successor decides whether it is a directory).
     template <class F>
-    void for_each_candidate(std::string_view text, F&& fn) const {
-        const char* const last = text.data() + text.size();
+    void for_each_candidate(std::string_view text, F&& fn, const char* more = nullptr) const {
+        const char* const last = more ? more : text.data() + text.size();
         for_each_line(text, [&](std::string_view l, const char* nl) {
             if (!maybe(l) || l == "/." || l == "/") return;
             // dpkg lists a directory right before its first entry.
@@ -134,10 +145,25 @@ private:
             if (!l.empty() && l.back() == '\r') l.remove_suffix(1);
             fn(l, nl);
         };
-        // Newlines eight bytes at a time: a call per line to find its end
+        // Newlines many bytes at a time: a call per line to find its end
         // costs more than the test that follows.
         const char* b = first;
         const char* p = first;
+#if defined(__SSE2__)
+        const __m128i nlv = _mm_set1_epi8('\n');
+        for (; p + 32 <= last; p += 32) {
+            const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+            const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+            uint32_t m = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(lo, nlv))) |
+                         static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(hi, nlv))) << 16;
+            while (m) {
+                const char* nl = p + __builtin_ctz(m);
+                line(b, nl);
+                b = nl + 1;
+                m &= m - 1;
+            }
+        }
+#endif
         for (; p + 8 <= last; p += 8) {
             uint64_t w;
             std::memcpy(&w, p, 8);
@@ -167,16 +193,37 @@ private:
         std::memcpy(&w, end - 4, 4);
         return (w * 0x9e3779b1u) >> 16;
     }
+    // The same over the last eight bytes, for names that long: shared library
+    // names end alike in four (".so.6") and differ in eight.
+    static size_t key8(uint64_t w) { return static_cast<size_t>((w * 0x9e3779b97f4a7c15ull) >> 48); }
+    static bool has_slash(uint64_t w) {
+        const uint64_t x = w ^ 0x2f2f2f2f2f2f2f2full;
+        return ((x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull) != 0;
+    }
+public:
+    // Whether `line` may end in a name added or passed: false for most lines,
+    // without finding their base name.
     bool maybe(std::string_view line) const {
         if (line.size() < 4) return true;
         const char* end = line.data() + line.size();
-        if (short_ && std::memchr(end - 4, '/', 4)) return true;
+        if (short_ && (end[-1] == '/' || end[-2] == '/' || end[-3] == '/' || end[-4] == '/')) return true;
         const size_t k = key(end);
-        return bits_[k >> 6] >> (k & 63) & 1;
+        if (!(bits_[k >> 6] >> (k & 63) & 1)) return false;
+        if (line.size() < 8) return true;
+        uint64_t w;
+        std::memcpy(&w, end - 8, 8);
+        // A base name shorter than eight bytes: its four were the test.
+        if (has_slash(w)) return true;
+        const size_t k8 = key8(w);
+        return bits8_[k8 >> 6] >> (k8 & 63) & 1;
     }
 
+private:
+
     std::vector<uint64_t> bits_ = std::vector<uint64_t>(1024);
+    std::vector<uint64_t> bits8_ = std::vector<uint64_t>(1024);
     std::unordered_set<std::string> wanted_;
+    std::unordered_set<uint32_t> hashes_;  // base_name_hash of each name in wanted_
     bool short_ = false;  // a name shorter than the four bytes tested
 };
 

@@ -308,6 +308,84 @@ TEST(OwnerBatch, LineFilterKeepsWhatTheListReaderGives) {
     }
 }
 
+// Long lists and md5sums are read by batches a piece at a time: every line
+// (directories among them, which own nothing) gets what the whole-file reader
+// of single lookups gives, a directory cut off from its first entry by the
+// end of the first 128 KiB piece included.
+TEST(OwnerBatch, LongListsReadInPiecesAgreeWithSingleLookups) {
+    std::string list = "/.\n", md5s;
+    std::vector<std::string> lines;
+    auto add_dir = [&](const std::string& dir) {
+        list += dir + "\n";
+        lines.push_back(dir);
+        for (int f = 0; f < 2; ++f) {
+            const std::string path = dir + "/f" + std::to_string(lines.size()) + std::string(lines.size() % 11, 'y');
+            list += path + (lines.size() % 5 ? "\n" : "\r\n");
+            lines.push_back(path);
+            md5s += std::string(31, "0123456789abcdef"[lines.size() % 16]) + "e  " + path.substr(1) + "\n";
+        }
+    };
+    for (int d = 0; list.size() < (600u << 10); ++d) {
+        const size_t piece_end = 128u << 10, pad_at = piece_end - 5;
+        if (list.size() + 15 < pad_at && list.size() + 200 > pad_at)
+            add_dir("/usr/share/pad" + std::string(pad_at - list.size() - 15, 'p'));  // ends 5 bytes short
+        else
+            add_dir("/usr/share/d" + std::to_string(d) + std::string(d % 37, 'x'));
+    }
+    ASSERT_EQ(list.find("p\n/usr/share/pad") + 2, (128u << 10) - 5);
+    TempDir one, many;
+    for (const TempDir* t : {&one, &many}) {
+        t->file("/var/lib/dpkg/status", "Package: big\nStatus: install ok installed\nMaintainer: B <b@example.org>\n");
+        t->file("/var/lib/dpkg/info/big.list", list);
+        t->file("/var/lib/dpkg/info/big.md5sums", md5s);
+    }
+    const HostRoot root_one(one.path), root_many(many.path);
+    std::vector<FileOwner> got;
+    std::vector<char> owned;
+    package_owners(root_many, lines, got, owned);
+    for (size_t i = 0; i < lines.size(); ++i) {
+        FileOwner o;
+        const bool single = package_owner(root_one, lines[i], o);
+        ASSERT_EQ(single, lines[i].find("/f") != std::string::npos) << lines[i];
+        ASSERT_EQ(owned[i] != 0, single) << lines[i];
+        ASSERT_EQ(std::tie(got[i].package, got[i].algo), std::tie(o.package, o.algo)) << lines[i];
+        ASSERT_EQ(std::memcmp(got[i].digest, o.digest, 16), 0) << lines[i];
+    }
+}
+
+// A long apk database, read in pieces cut at its empty lines (CRLF ones
+// too) by batches, gives every file what single lookups give.
+TEST(OwnerBatch, LongApkDatabaseInPiecesAgreesWithSingleLookups) {
+    std::string db;
+    std::vector<std::string> paths;
+    for (int i = 0; db.size() < (500u << 10); ++i) {
+        const char* eol = i % 7 ? "\n" : "\r\n";
+        db += "P:p" + std::to_string(i) + eol + "m:M" + std::to_string(i % 3) + eol + "F:usr/lib/p" +
+              std::to_string(i) + eol;
+        for (int f = 0; f < 1 + i % 9; ++f) {
+            const std::string name = "lib" + std::to_string(i % 50) + "_" + std::to_string(f) + ".so.1";
+            db += "R:" + name + eol;
+            if (f % 3) db += std::string("Z:Q1") + std::string(27, "ABCDEFGH"[(i + f) % 8]) + "=" + eol;
+            paths.push_back("/usr/lib/p" + std::to_string(i) + "/" + name);
+        }
+        db += eol;
+    }
+    TempDir one, many;
+    for (const TempDir* t : {&one, &many}) t->file("/lib/apk/db/installed", db);
+    const HostRoot root_one(one.path), root_many(many.path);
+    std::vector<FileOwner> got;
+    std::vector<char> owned;
+    package_owners(root_many, paths, got, owned);
+    for (size_t i = 0; i < paths.size(); ++i) {
+        FileOwner o;
+        ASSERT_TRUE(package_owner(root_one, paths[i], o)) << paths[i];
+        ASSERT_TRUE(owned[i]) << paths[i];
+        ASSERT_EQ(std::tie(got[i].package, got[i].company, got[i].algo), std::tie(o.package, o.company, o.algo))
+            << paths[i];
+        ASSERT_EQ(std::memcmp(got[i].digest, o.digest, 20), 0) << paths[i];
+    }
+}
+
 TEST(OwnerBatch, RealHostAgreesWithDpkgQuery) {
     if (!amtest::have_tools("dpkg-query")) GTEST_SKIP() << "no dpkg-query";
     std::set<std::string> mapped;

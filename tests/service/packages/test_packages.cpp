@@ -1,6 +1,8 @@
 // Installed packages: the dpkg and apk parsers on fixtures and hostile input,
 // and the collector against dpkg-query on this host.
 #include <errno.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <map>
 #include <set>
@@ -89,6 +91,45 @@ TEST(DpkgStatus, SummaryByteForByte) {
         const auto p = parse_dpkg_status(std::string("Package: p\n") + field);
         ASSERT_EQ(p.size(), 1u);
         EXPECT_EQ(p[0].summary, want) << field;
+    }
+}
+
+// The status file read a piece at a time gives what its whole text gives,
+// wherever the pieces end and wherever the byte bound cuts it.
+TEST(DpkgStatus, PiecesGiveWhatTheWholeTextGives) {
+    auto render = [](const DpkgPackage& p) {
+        std::string s = p.name + "|" + p.arch + "|" + p.version + "|" + p.status + "|" + p.maintainer + "|" +
+                        p.summary + "|" + p.source + "|" + p.multi_arch + "|" + std::to_string(p.installed_size_kib);
+        for (const DpkgConffile& c : p.conffiles) s += "|" + c.path + "=" + c.md5;
+        return s + "\n";
+    };
+    const std::string nul("Package: n\0l\nStatus: install ok installed\n\0\n\nPackage: after-nul\n", 60);
+    const std::vector<std::string> texts = {
+        // Continuation lines, a blank-only line ending a stanza inside a Description.
+        "Package: a\nStatus: install ok installed\nDescription: x\n more\n .\n \t\nPackage: b\nSource: s (1)\n",
+        // CRLF throughout, conffiles.
+        "Package: c\r\nMulti-Arch: same\r\nConffiles:\r\n /etc/c 0123\r\n\r\nPackage: d\r\nVersion: 1:2-3\r\n",
+        // No trailing newline; blank lines of every blank; junk and continuation first.
+        " lead\njunk\n:\nPackage: e\n\v\f\r\n\n\nPackage: f\nInstalled-Size: 12",
+        nul,
+        // A field far longer than a piece.
+        "Package: h\nDescription: " + std::string(300000, 'y') + "\n more\n\nPackage: i\nmaintainer: lower\n",
+    };
+    for (const std::string& text : texts) {
+        for (size_t max : {size_t(1) << 30, size_t(1), size_t(17), text.size() / 2}) {
+            std::string want;
+            for (const DpkgPackage& p : parse_dpkg_status(std::string_view(text).substr(0, max))) want += render(p);
+            for (size_t piece : {1, 2, 3, 7, 64, 4096, 1 << 20}) {
+                const int fd = memfd_create("status", MFD_CLOEXEC);
+                ASSERT_GE(fd, 0);
+                ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+                lseek(fd, 0, SEEK_SET);
+                std::string got;
+                EXPECT_EQ(read_dpkg_status_fd(fd, [&](DpkgPackage& p) { got += render(p); }, max, piece), 0);
+                close(fd);
+                EXPECT_EQ(got, want) << "piece " << piece << " max " << max << " text " << text.substr(0, 40);
+            }
+        }
     }
 }
 
