@@ -217,7 +217,7 @@ std::atomic<size_t> g_split_active{0};
 // the reader fills a buffer again only after the MD5 thread is done with it.
 class Md5Lane {
 public:
-    static constexpr size_t kChunk = 1u << 20, kSlots = 3;
+    static constexpr size_t kChunk = 256u << 10, kSlots = 4;
 
     explicit Md5Lane(EVP_MD_CTX* ctx) : ctx_(ctx), mem_(new unsigned char[kChunk * kSlots]) {}
     ~Md5Lane() { stop(); }
@@ -326,8 +326,12 @@ bool hash_fd(int fd, uint64_t size, DigestAlgo extra, const DigestBudget* budget
         }
     }
     if (!split) {
+        // One buffer per hashing thread, kept: a fresh one for every file
+        // would be mapped, faulted in and unmapped (with a TLB shootdown on
+        // every CPU of the process) each time.
         constexpr size_t kBuf = 128 * 1024;
-        std::unique_ptr<unsigned char[]> buf(new unsigned char[kBuf]);
+        thread_local std::unique_ptr<unsigned char[]> buf;
+        if (!buf) buf.reset(new unsigned char[kBuf]);
         ok = read_chunks(
             fd, kBuf, budget, bytes, timed_out, [&] { return buf.get(); },
             [&](const unsigned char* p, size_t n) {
