@@ -17,11 +17,11 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# libcurl and librpm are opened by soname when first needed, so dpkg-shlibdeps
+# libcurl, librpm and libsqlite3 are opened by soname when first needed, so dpkg-shlibdeps
 # does not see them: their dependencies are what the packages that ship them
 # declare in their shlibs files, as dpkg-shlibdeps would have used.
 set(_lazy_deps "")
-foreach(_so ASSETMAN_CURL_SONAME ASSETMAN_RPM_SONAME)
+foreach(_so ASSETMAN_CURL_SONAME ASSETMAN_RPM_SONAME ASSETMAN_SQLITE_SONAME)
   set(_dep "")
   execute_process(COMMAND dpkg-query -S ${${_so}_FILE} OUTPUT_VARIABLE _owner RESULT_VARIABLE _rc ERROR_QUIET)
   if(_rc EQUAL 0 AND _owner MATCHES "^([^ ,]+): ")

@@ -104,8 +104,33 @@ struct RpmApi {
     }
 };
 
-// Only reached once read_rpm_db has seen the library loaded.
+// Only reached once read_rpm_db has seen the libraries loaded.
 const RpmApi& rpm() { return *lazy_table<RpmApi>(); }
+
+// libsqlite3, for rpm's sqlite databases, opened with librpm.
+struct SqliteApi {
+    static constexpr const char* kSoname = ASSETMAN_SQLITE_SONAME;
+    decltype(&::sqlite3_close_v2) sqlite3_close_v2;
+    decltype(&::sqlite3_column_blob) sqlite3_column_blob;
+    decltype(&::sqlite3_column_bytes) sqlite3_column_bytes;
+    decltype(&::sqlite3_deserialize) sqlite3_deserialize;
+    decltype(&::sqlite3_finalize) sqlite3_finalize;
+    decltype(&::sqlite3_open_v2) sqlite3_open_v2;
+    decltype(&::sqlite3_prepare_v2) sqlite3_prepare_v2;
+    decltype(&::sqlite3_step) sqlite3_step;
+    void bind(SymbolBinder& b) {
+        b(sqlite3_close_v2, "sqlite3_close_v2");
+        b(sqlite3_column_blob, "sqlite3_column_blob");
+        b(sqlite3_column_bytes, "sqlite3_column_bytes");
+        b(sqlite3_deserialize, "sqlite3_deserialize");
+        b(sqlite3_finalize, "sqlite3_finalize");
+        b(sqlite3_open_v2, "sqlite3_open_v2");
+        b(sqlite3_prepare_v2, "sqlite3_prepare_v2");
+        b(sqlite3_step, "sqlite3_step");
+    }
+};
+
+const SqliteApi& sqlite() { return *lazy_table<SqliteApi>(); }
 
 std::mutex& rpm_mutex() {
     static std::mutex* m = new std::mutex();
@@ -299,28 +324,28 @@ int slurp(int fd, std::string& out, uint64_t max) {
 // Rows of the Packages table of an open database.
 int sqlite_rows(sqlite3* db, bool with_files, const std::function<void(RpmPackage&)>& fn, Tally& tally) {
     sqlite3_stmt* st = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT blob FROM Packages", -1, &st, nullptr) != SQLITE_OK) {
-        sqlite3_finalize(st);
+    if (sqlite().sqlite3_prepare_v2(db, "SELECT blob FROM Packages", -1, &st, nullptr) != SQLITE_OK) {
+        sqlite().sqlite3_finalize(st);
         return -EIO;
     }
     int rc = 0;
     try {
         for (;;) {
-            const int step = sqlite3_step(st);
+            const int step = sqlite().sqlite3_step(st);
             if (step == SQLITE_DONE) break;
             if (step != SQLITE_ROW) {
                 rc = -EIO;
                 break;
             }
-            const void* blob = sqlite3_column_blob(st, 0);
-            const int len = sqlite3_column_bytes(st, 0);
+            const void* blob = sqlite().sqlite3_column_blob(st, 0);
+            const int len = sqlite().sqlite3_column_bytes(st, 0);
             decode_blob(blob, len > 0 ? static_cast<size_t>(len) : 0, with_files, fn, tally);
         }
     } catch (...) {
-        sqlite3_finalize(st);
+        sqlite().sqlite3_finalize(st);
         throw;
     }
-    sqlite3_finalize(st);
+    sqlite().sqlite3_finalize(st);
     return rc;
 }
 
@@ -346,14 +371,14 @@ int read_sqlite(const HostRoot& root, const std::string& dir, int dbfd, bool wit
         if (rc != 0) return rc;
         if (image.size() < 100 || image.compare(0, 16, std::string("SQLite format 3\0", 16)) != 0) return -EIO;
         image[18] = image[19] = 1;  // a WAL-mode file read as a plain one: its log is empty
-        if (sqlite3_open_v2(":memory:", &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
-            sqlite3_close_v2(db);
+        if (sqlite().sqlite3_open_v2(":memory:", &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+            sqlite().sqlite3_close_v2(db);
             return -ENOMEM;
         }
-        if (sqlite3_deserialize(db, "main", reinterpret_cast<unsigned char*>(&image[0]),
+        if (sqlite().sqlite3_deserialize(db, "main", reinterpret_cast<unsigned char*>(&image[0]),
                                 static_cast<sqlite3_int64>(image.size()), static_cast<sqlite3_int64>(image.size()),
                                 SQLITE_DESERIALIZE_READONLY) != SQLITE_OK) {
-            sqlite3_close_v2(db);
+            sqlite().sqlite3_close_v2(db);
             return -EIO;
         }
     } else {
@@ -368,18 +393,18 @@ int read_sqlite(const HostRoot& root, const std::string& dir, int dbfd, bool wit
             const char legacy[2] = {1, 1};
             if (c.get() < 0 || ::pwrite(c.get(), legacy, 2, 18) != 2) return -EIO;
         }
-        if (sqlite3_open_v2(copy.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOFOLLOW, nullptr) != SQLITE_OK) {
-            sqlite3_close_v2(db);
+        if (sqlite().sqlite3_open_v2(copy.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOFOLLOW, nullptr) != SQLITE_OK) {
+            sqlite().sqlite3_close_v2(db);
             return -EIO;
         }
     }
     try {
         rc = sqlite_rows(db, with_files, fn, tally);
     } catch (...) {
-        sqlite3_close_v2(db);
+        sqlite().sqlite3_close_v2(db);
         throw;
     }
-    sqlite3_close_v2(db);
+    sqlite().sqlite3_close_v2(db);
     return rc;
 }
 
@@ -546,7 +571,8 @@ int read_rpm_db(const HostRoot& root, bool with_files, const std::function<void(
     DbFound db;
     int rc = find_db(root, db);
     if (rc != 0) return rc == -EACCES || rc == -EPERM ? -EACCES : rc;
-    if (!lazy_table<RpmApi>()) return -EIO;  // our librpm is not installed: unreadable
+    // Our librpm or libsqlite3 is not installed: the database is unreadable.
+    if (!lazy_table<RpmApi>() || !lazy_table<SqliteApi>()) return -EIO;
     std::lock_guard<std::mutex> lock(rpm_mutex());
     static bool configured = false;
     if (!configured) {

@@ -1,6 +1,6 @@
 // Libraries loaded on first use: a fresh process that meets no container
-// engine and no rpm database never maps libcurl or librpm, and a missing
-// library makes the kind fail with a result code, not a crash.
+// engine and no rpm database never maps libcurl, librpm or libsqlite3, and
+// a missing library makes the kind fail with a result code, not a crash.
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -69,8 +69,8 @@ int without_system_libraries(int (*body)()) {
 }  // namespace
 
 // First, before anything below could load them: the collections that meet
-// neither an engine socket nor an rpm database leave both unmapped.
-TEST(LazyLib, FreshCollectionsMapNeitherCurlNorRpm) {
+// neither an engine socket nor an rpm database leave those libraries unmapped.
+TEST(LazyLib, FreshCollectionsMapNoEngineOrRpmLibrary) {
     amsvc::HostRoot root("/");
     std::vector<amsvc::AM::ProcessInfo> procs;
     std::vector<amsvc::AM::SysInstallPackageInfo> pkgs;
@@ -84,6 +84,7 @@ TEST(LazyLib, FreshCollectionsMapNeitherCurlNorRpm) {
     const std::string m = maps();
     EXPECT_EQ(m.find("libcurl"), std::string::npos);
     EXPECT_EQ(m.find("librpm"), std::string::npos);
+    EXPECT_EQ(m.find("libsqlite3"), std::string::npos);
     EXPECT_EQ(m.find("libgnutls"), std::string::npos);
 }
 
