@@ -417,12 +417,17 @@ struct FileFactsBatch::Impl {
         }
     }
 
-    void close_and_join() {
+    // No more files: the workers finish what is queued and end.
+    void close() {
         {
             std::lock_guard<std::mutex> lock(mu);
             closed = true;
         }
         cv.notify_all();
+    }
+
+    void close_and_join() {
+        close();
         for (std::thread& t : workers) t.join();
         workers.clear();
     }
@@ -495,7 +500,10 @@ size_t FileFactsBatch::add(const FileRef& file) {
 
 std::vector<FileFacts> FileFactsBatch::finish() {
     Impl& m = *impl_;
-    m.close_and_join();
+    // The owners are asked on this thread while the workers still hash what
+    // is queued (the largest file last started is often still being read):
+    // ownership no longer adds its time after the last hash.
+    m.close();
     std::vector<FileFacts> out;
     try {
         out.resize(m.files.size());
@@ -503,6 +511,7 @@ std::vector<FileFacts> FileFactsBatch::finish() {
         std::vector<FileOwner> owners;
         std::vector<char> owned;
         owners_of(m.root, files, owners, owned);
+        m.close_and_join();
         RootFds fds;
         for (size_t i = 0; i < files.size(); ++i) {
             const DigestAlgo algo = owned[i] ? owners[i].algo : DigestAlgo::kNone;
@@ -521,6 +530,7 @@ std::vector<FileFacts> FileFactsBatch::finish() {
         // Out of memory mid-way: nothing is claimed.
         out.clear();
     }
+    m.close_and_join();  // a no-op unless owners_of threw
     return out;
 }
 
