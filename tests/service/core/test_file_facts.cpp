@@ -66,7 +66,7 @@ TEST(Digests, LargeFilesOnTwoThreadsAgree) {
         paths.push_back(dir.file("/big" + std::to_string(n), text));
     }
     std::vector<FileDigests> got(paths.size());
-    std::vector<bool> ok(paths.size());
+    std::vector<char> ok(paths.size());  // not vector<bool>: its bits share words across threads
     std::vector<std::thread> threads;
     for (size_t i = 0; i < paths.size(); ++i)
         threads.emplace_back([&, i] { ok[i] = digest_file(paths[i], true, DigestAlgo::kSha512, got[i]); });
