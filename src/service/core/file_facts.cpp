@@ -426,6 +426,14 @@ struct FileFactsBatch::Impl {
         cv.notify_all();
     }
 
+    void start_worker() {
+        try {
+            workers.emplace_back([this] { work(); });
+        } catch (...) {
+            // No thread to be had: what is left is hashed in finish().
+        }
+    }
+
     void close_and_join() {
         close();
         for (std::thread& t : workers) t.join();
@@ -485,21 +493,25 @@ size_t FileFactsBatch::add(const FileRef& file) {
     if (m.closed) return i;  // hashed in finish()
     q.index = i;
     m.pending.push_back(q);
-    const bool start = m.workers.size() < m.max_workers;
+    // While the caller is still finding files, one CPU is left to it: the
+    // largest file is hashed sooner when it is found sooner.
+    const bool start = m.workers.size() < std::max<size_t>(1, m.max_workers - 1);
     lock.unlock();
     m.cv.notify_one();
-    if (start) {
-        try {
-            m.workers.emplace_back([&m] { m.work(); });
-        } catch (...) {
-            // No thread to be had: what is left is hashed in finish().
-        }
-    }
+    if (start) m.start_worker();
     return i;
 }
 
 std::vector<FileFacts> FileFactsBatch::finish() {
     Impl& m = *impl_;
+    // Every file is known: all workers for what is queued.
+    {
+        std::unique_lock<std::mutex> lock(m.mu);
+        const size_t queued = m.pending.size();
+        lock.unlock();
+        const size_t have = m.workers.size();
+        for (size_t k = have; k < m.max_workers && k < have + queued; ++k) m.start_worker();
+    }
     // The owners are asked on this thread while the workers still hash what
     // is queued (the largest file last started is often still being read):
     // ownership no longer adds its time after the last hash.
