@@ -1,5 +1,6 @@
 # Debian packages through CPack: `cpack -G DEB` in a build configured with
-# -DCMAKE_INSTALL_PREFIX=/usr. Runtime dependencies come from dpkg-shlibdeps,
+# -DCMAKE_INSTALL_PREFIX=/usr. Runtime dependencies come from dpkg-shlibdeps
+# and, for the libraries opened at run time, from their packages' shlibs files,
 # never from a hand-kept list.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME assetman)
@@ -16,6 +17,31 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# libcurl, librpm and libsqlite3 are opened by soname when first needed, so dpkg-shlibdeps
+# does not see them: their dependencies are what the packages that ship them
+# declare in their shlibs files, as dpkg-shlibdeps would have used.
+set(_lazy_deps "")
+foreach(_so ASSETMAN_CURL_SONAME ASSETMAN_RPM_SONAME ASSETMAN_SQLITE_SONAME)
+  set(_dep "")
+  execute_process(COMMAND dpkg-query -S ${${_so}_FILE} OUTPUT_VARIABLE _owner RESULT_VARIABLE _rc ERROR_QUIET)
+  if(_rc EQUAL 0 AND _owner MATCHES "^([^ ,]+): ")
+    set(_pkg ${CMAKE_MATCH_1})                       # libcurl4:amd64
+    string(REGEX REPLACE ":.*" "" _dep "${_pkg}")    # libcurl4
+    execute_process(COMMAND dpkg-query --control-show ${_pkg} shlibs OUTPUT_VARIABLE _shlibs ERROR_QUIET)
+    if("${${_so}}" MATCHES "^(.+)\\.so\\.(.+)$")
+      string(REGEX MATCH "(^|\n)${CMAKE_MATCH_1} ${CMAKE_MATCH_2} ([^\n]+)" _line "${_shlibs}")
+      if(_line)
+        set(_dep "${CMAKE_MATCH_2}")                 # libcurl4 (>= 7.88.1)
+      endif()
+    endif()
+  endif()
+  if(_dep)
+    list(APPEND _lazy_deps "${_dep}")
+  else()
+    message(WARNING "no Debian package found for ${${_so}}: the package will not depend on it")
+  endif()
+endforeach()
+list(JOIN _lazy_deps ", " CPACK_DEBIAN_PACKAGE_DEPENDS)
 # The shared library's cache is refreshed by dpkg's ldconfig trigger, not by
 # maintainer scripts.
 configure_file(${CMAKE_CURRENT_LIST_DIR}/triggers ${CMAKE_BINARY_DIR}/packaging/triggers COPYONLY)

@@ -1,4 +1,6 @@
 // The container engine, asked over its API socket.
+// Calls go through a table of libcurl's functions (no argument type macros).
+#define CURL_DISABLE_TYPECHECK
 #include <curl/curl.h>
 #include <dirent.h>
 #include <errno.h>
@@ -14,6 +16,7 @@
 
 #include "collectors.h"
 #include "containers/engine.h"
+#include "core/lazy_lib.h"
 #include "core/root_open.h"
 
 namespace amsvc {
@@ -23,9 +26,45 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// libcurl, loaded when an engine socket is first met.
+struct CurlApi {
+    static constexpr const char* kSoname = ASSETMAN_CURL_SONAME;
+    decltype(&::curl_global_init) curl_global_init;
+    decltype(&::curl_easy_init) curl_easy_init;
+    decltype(&::curl_easy_setopt) curl_easy_setopt;
+    decltype(&::curl_easy_getinfo) curl_easy_getinfo;
+    decltype(&::curl_easy_cleanup) curl_easy_cleanup;
+    decltype(&::curl_multi_init) curl_multi_init;
+    decltype(&::curl_multi_setopt) curl_multi_setopt;
+    decltype(&::curl_multi_add_handle) curl_multi_add_handle;
+    decltype(&::curl_multi_remove_handle) curl_multi_remove_handle;
+    decltype(&::curl_multi_perform) curl_multi_perform;
+    decltype(&::curl_multi_poll) curl_multi_poll;
+    decltype(&::curl_multi_info_read) curl_multi_info_read;
+    decltype(&::curl_multi_cleanup) curl_multi_cleanup;
+    void bind(SymbolBinder& b) {
+        b(curl_global_init, "curl_global_init");
+        b(curl_easy_init, "curl_easy_init");
+        b(curl_easy_setopt, "curl_easy_setopt");
+        b(curl_easy_getinfo, "curl_easy_getinfo");
+        b(curl_easy_cleanup, "curl_easy_cleanup");
+        b(curl_multi_init, "curl_multi_init");
+        b(curl_multi_setopt, "curl_multi_setopt");
+        b(curl_multi_add_handle, "curl_multi_add_handle");
+        b(curl_multi_remove_handle, "curl_multi_remove_handle");
+        b(curl_multi_perform, "curl_multi_perform");
+        b(curl_multi_poll, "curl_multi_poll");
+        b(curl_multi_info_read, "curl_multi_info_read");
+        b(curl_multi_cleanup, "curl_multi_cleanup");
+    }
+};
+
+// Only reached once query_engines has seen the library loaded.
+const CurlApi& curl() { return *lazy_table<CurlApi>(); }
+
 void init_curl_once() {
     static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    std::call_once(once, [] { curl().curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
 // One request: its path, and what came back.
@@ -83,7 +122,7 @@ int result_of(Request& r, CURLcode rc) {
             return -ENOMEM;
         case CURLE_COULDNT_CONNECT: {
             long os_errno = 0;
-            curl_easy_getinfo(r.h, CURLINFO_OS_ERRNO, &os_errno);
+            curl().curl_easy_getinfo(r.h, CURLINFO_OS_ERRNO, &os_errno);
             return os_errno == EACCES || os_errno == EPERM ? -EACCES : -ECONNREFUSED;
         }
         case CURLE_GOT_NOTHING:
@@ -99,7 +138,7 @@ int result_of(Request& r, CURLcode rc) {
             return -EIO;
     }
     long status = 0;
-    curl_easy_getinfo(r.h, CURLINFO_RESPONSE_CODE, &status);
+    curl().curl_easy_getinfo(r.h, CURLINFO_RESPONSE_CODE, &status);
     if (status == 404) return -ENOENT;
     return status == 200 ? 0 : -EPROTO;
 }
@@ -111,12 +150,12 @@ public:
     Client(const std::string& socket_path, Clock::time_point deadline)
         : socket_(socket_path), deadline_(deadline) {
         init_curl_once();
-        m_ = curl_multi_init();
-        if (m_) curl_multi_setopt(m_, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(kParallel));
+        m_ = curl().curl_multi_init();
+        if (m_) curl().curl_multi_setopt(m_, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(kParallel));
     }
     ~Client() {
-        for (CURL* h : handles_) curl_easy_cleanup(h);
-        if (m_) curl_multi_cleanup(m_);
+        for (CURL* h : handles_) curl().curl_easy_cleanup(h);
+        if (m_) curl().curl_multi_cleanup(m_);
     }
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
@@ -130,7 +169,7 @@ public:
         if (left <= 0 || !m_ || reqs.size() > kParallel) return;
         const long total = cap_ms > 0 ? std::min(left, cap_ms) : left;
         while (handles_.size() < reqs.size()) {
-            CURL* h = curl_easy_init();
+            CURL* h = curl().curl_easy_init();
             if (!h) return;
             handles_.push_back(h);
         }
@@ -140,53 +179,53 @@ public:
             r->body.clear();
             r->too_big = r->failed_alloc = false;
             setup(h, "http://localhost" + r->path, total);
-            curl_easy_setopt(h, CURLOPT_WRITEDATA, r);
-            curl_easy_setopt(h, CURLOPT_HEADERDATA, r);
-            curl_easy_setopt(h, CURLOPT_PRIVATE, r);
+            curl().curl_easy_setopt(h, CURLOPT_WRITEDATA, r);
+            curl().curl_easy_setopt(h, CURLOPT_HEADERDATA, r);
+            curl().curl_easy_setopt(h, CURLOPT_PRIVATE, r);
             r->rc = -EIO;
-            curl_multi_add_handle(m_, h);
+            curl().curl_multi_add_handle(m_, h);
         }
         int running = 1;
         // The transfers' own timeouts end this loop; the clock check is a
         // guard should a transfer not honour its own.
         const Clock::time_point hard_stop = Clock::now() + std::chrono::milliseconds(total + 1000);
         while (running > 0 && Clock::now() < hard_stop) {
-            if (curl_multi_perform(m_, &running) != CURLM_OK) break;
-            if (running > 0 && curl_multi_poll(m_, nullptr, 0, 100, nullptr) != CURLM_OK) break;
+            if (curl().curl_multi_perform(m_, &running) != CURLM_OK) break;
+            if (running > 0 && curl().curl_multi_poll(m_, nullptr, 0, 100, nullptr) != CURLM_OK) break;
         }
         int queued;
-        while (CURLMsg* msg = curl_multi_info_read(m_, &queued)) {
+        while (CURLMsg* msg = curl().curl_multi_info_read(m_, &queued)) {
             if (msg->msg != CURLMSG_DONE) continue;
             char* priv = nullptr;
-            curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &priv);
+            curl().curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &priv);
             Request* r = reinterpret_cast<Request*>(priv);
             if (r) r->rc = result_of(*r, msg->data.result);
         }
         for (Request* r : reqs) {
             if (running > 0 && r->rc == -EIO) r->rc = -ETIMEDOUT;
-            curl_multi_remove_handle(m_, r->h);
+            curl().curl_multi_remove_handle(m_, r->h);
             r->h = nullptr;
         }
     }
 
 private:
     void setup(CURL* h, const std::string& url, long total_ms) {
-        curl_easy_setopt(h, CURLOPT_UNIX_SOCKET_PATH, socket_.c_str());
-        curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(h, CURLOPT_PROXY, "");  // never a proxy from the environment
-        curl_easy_setopt(h, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+        curl().curl_easy_setopt(h, CURLOPT_UNIX_SOCKET_PATH, socket_.c_str());
+        curl().curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+        curl().curl_easy_setopt(h, CURLOPT_PROXY, "");  // never a proxy from the environment
+        curl().curl_easy_setopt(h, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
 #if LIBCURL_VERSION_NUM >= 0x075500
-        curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http");
+        curl().curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http");
 #else
-        curl_easy_setopt(h, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP));
+        curl().curl_easy_setopt(h, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP));
 #endif
-        curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
-        curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxResponse));
-        curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &on_body);
-        curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &on_header);
-        curl_easy_setopt(h, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, total_ms);
-        curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, std::min(total_ms, static_cast<long>(kConnectMs)));
+        curl().curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
+        curl().curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxResponse));
+        curl().curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &on_body);
+        curl().curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &on_header);
+        curl().curl_easy_setopt(h, CURLOPT_URL, url.c_str());
+        curl().curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, total_ms);
+        curl().curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, std::min(total_ms, static_cast<long>(kConnectMs)));
     }
 
     std::string socket_;
@@ -270,6 +309,7 @@ int32_t query_one(const std::string& socket_path, Clock::time_point deadline, Do
 
 int32_t query_engines(const std::vector<std::string>& sockets, DockerInfo& out, int budget_ms) {
     if (sockets.empty()) return -ENOENT;
+    if (!lazy_table<CurlApi>()) return -EIO;  // our libcurl is not installed
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(budget_ms);
     int32_t first = 0;
     for (const std::string& path : sockets) {

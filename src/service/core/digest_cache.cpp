@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <sched.h>
 #include <openssl/evp.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -10,12 +11,14 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -162,28 +165,22 @@ struct Fd {
     }
 };
 
-// Reads the whole file once through every digest. False on a read error,
-// and when `budget` runs out of time first (`timed_out` then set).
-bool hash_fd(int fd, DigestAlgo extra, const DigestBudget* budget, FileDigests& out, uint64_t& bytes,
-             bool& timed_out) {
+// Reads `fd` to its end in chunks of at most `cap` bytes into the buffer that
+// `next` hands out, and gives each chunk to `take`. False on a read error, and
+// when `budget` runs out of time first (`timed_out` then set).
+template <class Next, class Take>
+bool read_chunks(int fd, size_t cap, const DigestBudget* budget, uint64_t& bytes, bool& timed_out, Next&& next,
+                 Take&& take) {
     timed_out = false;
-    MdCtx md5, sha256, more;
-    const EVP_MD* extra_md = md_of(extra);
-    if (!md5.ctx || !sha256.ctx || !more.ctx) return false;
-    if (EVP_DigestInit_ex(md5.ctx, EVP_md5(), nullptr) != 1 ||
-        EVP_DigestInit_ex(sha256.ctx, EVP_sha256(), nullptr) != 1)
-        return false;
-    if (extra_md && EVP_DigestInit_ex(more.ctx, extra_md, nullptr) != 1) return false;
-    constexpr size_t kBuf = 128 * 1024;
-    std::unique_ptr<unsigned char[]> buf(new unsigned char[kBuf]);
     bytes = 0;
     for (;;) {
-        const ssize_t n = ::read(fd, buf.get(), kBuf);
+        unsigned char* buf = next();
+        const ssize_t n = ::read(fd, buf, cap);
         if (n < 0) {
             if (errno == EINTR) continue;
             return false;
         }
-        if (n == 0) break;
+        if (n == 0) return true;
         // The clock is looked at every 2 MiB.
         if (budget && (bytes & ((2u << 20) - 1)) + static_cast<uint64_t>(n) >= (2u << 20) &&
             budget->expired()) {
@@ -193,9 +190,155 @@ bool hash_fd(int fd, DigestAlgo extra, const DigestBudget* budget, FileDigests& 
         bytes += static_cast<uint64_t>(n);
         // A file that grows while it is read must not keep us reading forever.
         if (bytes > kMaxHashedFileSize) return false;
-        EVP_DigestUpdate(md5.ctx, buf.get(), static_cast<size_t>(n));
-        EVP_DigestUpdate(sha256.ctx, buf.get(), static_cast<size_t>(n));
-        if (extra_md) EVP_DigestUpdate(more.ctx, buf.get(), static_cast<size_t>(n));
+        take(buf, static_cast<size_t>(n));
+    }
+}
+
+// Files from this size on are hashed on two threads when a second CPU is
+// ours: MD5 on one, SHA-256 (and an extra kind) on the other. MD5 is the
+// slowest kind, so a large program no longer costs the sum of both.
+constexpr uint64_t kSplitMinSize = 8u << 20;
+
+size_t usable_cpus() {
+    static const size_t n = [] {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        if (::sched_getaffinity(0, sizeof set, &set) != 0) return static_cast<size_t>(1);
+        return static_cast<size_t>(CPU_COUNT(&set));
+    }();
+    return n;
+}
+
+// Files hashed on two threads right now: at most one per two CPUs, so
+// concurrent hashing threads do not each add a helper to a full machine.
+std::atomic<size_t> g_split_active{0};
+
+// The reader's chunks handed to the MD5 thread through a ring of buffers;
+// the reader fills a buffer again only after the MD5 thread is done with it.
+class Md5Lane {
+public:
+    static constexpr size_t kChunk = 256u << 10, kSlots = 4;
+
+    explicit Md5Lane(EVP_MD_CTX* ctx) : ctx_(ctx), mem_(new unsigned char[kChunk * kSlots]) {}
+    ~Md5Lane() { stop(); }
+    Md5Lane(const Md5Lane&) = delete;
+    Md5Lane& operator=(const Md5Lane&) = delete;
+
+    // False when no thread could be started (the caller hashes alone).
+    bool start() {
+        try {
+            thread_ = std::thread([this] { run(); });
+            return true;
+        } catch (...) {
+            return false;
+        }
+    }
+    // The buffer for the next chunk, once the MD5 thread is done with its last use.
+    unsigned char* next() {
+        std::unique_lock<std::mutex> lock(mu_);
+        cv_.wait(lock, [&] { return produced_ < consumed_ + kSlots; });
+        return mem_.get() + (produced_ % kSlots) * kChunk;
+    }
+    void push(size_t n) {
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            len_[produced_ % kSlots] = n;
+            ++produced_;
+        }
+        cv_.notify_all();
+    }
+    // Waits for every chunk pushed to be hashed and ends the thread.
+    void stop() {
+        if (!thread_.joinable()) return;
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            ending_ = true;
+        }
+        cv_.notify_all();
+        thread_.join();
+    }
+
+private:
+    void run() {
+        std::unique_lock<std::mutex> lock(mu_);
+        for (;;) {
+            cv_.wait(lock, [&] { return consumed_ < produced_ || ending_; });
+            if (consumed_ == produced_) return;  // ending, nothing left
+            const size_t slot = consumed_ % kSlots, n = len_[slot];
+            lock.unlock();
+            EVP_DigestUpdate(ctx_, mem_.get() + slot * kChunk, n);
+            lock.lock();
+            ++consumed_;
+            cv_.notify_all();
+        }
+    }
+
+    EVP_MD_CTX* ctx_;
+    std::unique_ptr<unsigned char[]> mem_;
+    size_t len_[kSlots] = {};
+    uint64_t produced_ = 0, consumed_ = 0;  // chunks
+    bool ending_ = false;
+    std::mutex mu_;
+    std::condition_variable cv_;
+    std::thread thread_;
+};
+
+// Reads the whole file once through every digest. False on a read error,
+// and when `budget` runs out of time first (`timed_out` then set). `size`
+// (from fstat) only chooses between one thread and two.
+bool hash_fd(int fd, uint64_t size, DigestAlgo extra, const DigestBudget* budget, FileDigests& out,
+             uint64_t& bytes, bool& timed_out) {
+    timed_out = false;
+    MdCtx md5, sha256, more;
+    const EVP_MD* extra_md = md_of(extra);
+    if (!md5.ctx || !sha256.ctx || !more.ctx) return false;
+    if (EVP_DigestInit_ex(md5.ctx, EVP_md5(), nullptr) != 1 ||
+        EVP_DigestInit_ex(sha256.ctx, EVP_sha256(), nullptr) != 1)
+        return false;
+    if (extra_md && EVP_DigestInit_ex(more.ctx, extra_md, nullptr) != 1) return false;
+    const auto others = [&](const unsigned char* p, size_t n) {
+        EVP_DigestUpdate(sha256.ctx, p, n);
+        if (extra_md) EVP_DigestUpdate(more.ctx, p, n);
+    };
+    bool ok = false, split = false;
+    if (size >= kSplitMinSize && usable_cpus() >= 2) {
+        const size_t cap = std::max<size_t>(1, usable_cpus() / 2);
+        size_t active = g_split_active.load();
+        while (active < cap && !g_split_active.compare_exchange_weak(active, active + 1)) {
+        }
+        split = active < cap;
+    }
+    if (split) {
+        struct Release {
+            ~Release() { g_split_active.fetch_sub(1); }
+        } release;
+        Md5Lane lane(md5.ctx);
+        split = lane.start();
+        if (split) {
+            ok = read_chunks(
+                fd, Md5Lane::kChunk, budget, bytes, timed_out, [&] { return lane.next(); },
+                [&](const unsigned char* p, size_t n) {
+                    lane.push(n);
+                    others(p, n);
+                });
+            lane.stop();
+            if (!ok) return false;
+        }
+    }
+    if (!split) {
+        // One buffer per hashing thread, kept: a fresh one for every file
+        // would be mapped, faulted in and unmapped (with a TLB shootdown on
+        // every CPU of the process) each time.
+        constexpr size_t kBuf = 128 * 1024;
+        thread_local std::unique_ptr<unsigned char[]> buf;
+        if (!buf) buf.reset(new unsigned char[kBuf]);
+        ok = read_chunks(
+            fd, kBuf, budget, bytes, timed_out, [&] { return buf.get(); },
+            [&](const unsigned char* p, size_t n) {
+                EVP_DigestUpdate(md5.ctx, p, n);
+                others(p, n);
+            });
+        if (!ok) return false;
     }
     unsigned int len = 0;
     if (EVP_DigestFinal_ex(md5.ctx, out.md5, &len) != 1 || len != sizeof out.md5) return false;
@@ -347,7 +490,8 @@ DigestStatus digest_opened(int path_fd, const ExpectedFile& expect, DigestAlgo e
         const int fl = ::fcntl(fd.fd, F_GETFL);
         if (fl >= 0) ::fcntl(fd.fd, F_SETFL, fl & ~O_NONBLOCK);
         ::posix_fadvise(fd.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-        ok = hash_fd(fd.fd, extra, first ? nullptr : budget, d, bytes, timed_out);
+        ok = hash_fd(fd.fd, static_cast<uint64_t>(st.st_size), extra, first ? nullptr : budget, d, bytes,
+                     timed_out);
     } catch (...) {
         ok = false;
     }

@@ -417,12 +417,25 @@ struct FileFactsBatch::Impl {
         }
     }
 
-    void close_and_join() {
+    // No more files: the workers finish what is queued and end.
+    void close() {
         {
             std::lock_guard<std::mutex> lock(mu);
             closed = true;
         }
         cv.notify_all();
+    }
+
+    void start_worker() {
+        try {
+            workers.emplace_back([this] { work(); });
+        } catch (...) {
+            // No thread to be had: what is left is hashed in finish().
+        }
+    }
+
+    void close_and_join() {
+        close();
         for (std::thread& t : workers) t.join();
         workers.clear();
     }
@@ -480,22 +493,29 @@ size_t FileFactsBatch::add(const FileRef& file) {
     if (m.closed) return i;  // hashed in finish()
     q.index = i;
     m.pending.push_back(q);
-    const bool start = m.workers.size() < m.max_workers;
+    // While the caller is still finding files, one CPU is left to it: the
+    // largest file is hashed sooner when it is found sooner.
+    const bool start = m.workers.size() < std::max<size_t>(1, m.max_workers - 1);
     lock.unlock();
     m.cv.notify_one();
-    if (start) {
-        try {
-            m.workers.emplace_back([&m] { m.work(); });
-        } catch (...) {
-            // No thread to be had: what is left is hashed in finish().
-        }
-    }
+    if (start) m.start_worker();
     return i;
 }
 
 std::vector<FileFacts> FileFactsBatch::finish() {
     Impl& m = *impl_;
-    m.close_and_join();
+    // Every file is known: all workers for what is queued.
+    {
+        std::unique_lock<std::mutex> lock(m.mu);
+        const size_t queued = m.pending.size();
+        lock.unlock();
+        const size_t have = m.workers.size();
+        for (size_t k = have; k < m.max_workers && k < have + queued; ++k) m.start_worker();
+    }
+    // The owners are asked on this thread while the workers still hash what
+    // is queued (the largest file last started is often still being read):
+    // ownership no longer adds its time after the last hash.
+    m.close();
     std::vector<FileFacts> out;
     try {
         out.resize(m.files.size());
@@ -503,6 +523,7 @@ std::vector<FileFacts> FileFactsBatch::finish() {
         std::vector<FileOwner> owners;
         std::vector<char> owned;
         owners_of(m.root, files, owners, owned);
+        m.close_and_join();
         RootFds fds;
         for (size_t i = 0; i < files.size(); ++i) {
             const DigestAlgo algo = owned[i] ? owners[i].algo : DigestAlgo::kNone;
@@ -521,6 +542,7 @@ std::vector<FileFacts> FileFactsBatch::finish() {
         // Out of memory mid-way: nothing is claimed.
         out.clear();
     }
+    m.close_and_join();  // a no-op unless owners_of threw
     return out;
 }
 

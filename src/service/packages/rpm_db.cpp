@@ -24,6 +24,8 @@
 #include <mutex>
 #include <string_view>
 
+#include "core/lazy_lib.h"
+
 namespace amsvc {
 
 namespace {
@@ -31,6 +33,104 @@ namespace {
 constexpr uint64_t kMaxDbBytes = 1ull << 30;      // a database past this is not read
 constexpr uint64_t kMaxInMemory = 256ull << 20;   // larger sqlite files are read from a private copy on disk
 constexpr size_t kMaxHeaderBlob = 256u << 20;  // rpm's own limit for one header
+
+// librpm (with librpmio, which it loads), opened when an rpm database is
+// first met.
+struct RpmApi {
+    static constexpr const char* kSoname = ASSETMAN_RPM_SONAME;
+    decltype(&::headerFree) headerFree;
+    decltype(&::headerGet) headerGet;
+    decltype(&::headerGetNumber) headerGetNumber;
+    decltype(&::headerGetString) headerGetString;
+    decltype(&::headerImport) headerImport;
+    decltype(&::headerIsEntry) headerIsEntry;
+    decltype(&::rpmPopMacro) rpmPopMacro;
+    decltype(&::rpmPushMacro) rpmPushMacro;
+    decltype(&::rpmReadConfigFiles) rpmReadConfigFiles;
+    decltype(&::rpmdbFreeIterator) rpmdbFreeIterator;
+    decltype(&::rpmdbNextIterator) rpmdbNextIterator;
+    decltype(&::rpmfilesBN) rpmfilesBN;
+    decltype(&::rpmfilesDI) rpmfilesDI;
+    decltype(&::rpmfilesDN) rpmfilesDN;
+    decltype(&::rpmfilesFC) rpmfilesFC;
+    decltype(&::rpmfilesFDigest) rpmfilesFDigest;
+    decltype(&::rpmfilesFFlags) rpmfilesFFlags;
+    decltype(&::rpmfilesFMode) rpmfilesFMode;
+    decltype(&::rpmfilesFree) rpmfilesFree;
+    decltype(&::rpmfilesNew) rpmfilesNew;
+    decltype(&::rpmlogSetMask) rpmlogSetMask;
+    decltype(&::rpmtdFree) rpmtdFree;
+    decltype(&::rpmtdFreeData) rpmtdFreeData;
+    decltype(&::rpmtdNew) rpmtdNew;
+    decltype(&::rpmtdNextString) rpmtdNextString;
+    decltype(&::rpmtsCreate) rpmtsCreate;
+    decltype(&::rpmtsFree) rpmtsFree;
+    decltype(&::rpmtsInitIterator) rpmtsInitIterator;
+    decltype(&::rpmtsOpenDB) rpmtsOpenDB;
+    decltype(&::rpmtsSetRootDir) rpmtsSetRootDir;
+    decltype(&::rpmtsSetVSFlags) rpmtsSetVSFlags;
+    void bind(SymbolBinder& b) {
+        b(headerFree, "headerFree");
+        b(headerGet, "headerGet");
+        b(headerGetNumber, "headerGetNumber");
+        b(headerGetString, "headerGetString");
+        b(headerImport, "headerImport");
+        b(headerIsEntry, "headerIsEntry");
+        b(rpmPopMacro, "rpmPopMacro");
+        b(rpmPushMacro, "rpmPushMacro");
+        b(rpmReadConfigFiles, "rpmReadConfigFiles");
+        b(rpmdbFreeIterator, "rpmdbFreeIterator");
+        b(rpmdbNextIterator, "rpmdbNextIterator");
+        b(rpmfilesBN, "rpmfilesBN");
+        b(rpmfilesDI, "rpmfilesDI");
+        b(rpmfilesDN, "rpmfilesDN");
+        b(rpmfilesFC, "rpmfilesFC");
+        b(rpmfilesFDigest, "rpmfilesFDigest");
+        b(rpmfilesFFlags, "rpmfilesFFlags");
+        b(rpmfilesFMode, "rpmfilesFMode");
+        b(rpmfilesFree, "rpmfilesFree");
+        b(rpmfilesNew, "rpmfilesNew");
+        b(rpmlogSetMask, "rpmlogSetMask");
+        b(rpmtdFree, "rpmtdFree");
+        b(rpmtdFreeData, "rpmtdFreeData");
+        b(rpmtdNew, "rpmtdNew");
+        b(rpmtdNextString, "rpmtdNextString");
+        b(rpmtsCreate, "rpmtsCreate");
+        b(rpmtsFree, "rpmtsFree");
+        b(rpmtsInitIterator, "rpmtsInitIterator");
+        b(rpmtsOpenDB, "rpmtsOpenDB");
+        b(rpmtsSetRootDir, "rpmtsSetRootDir");
+        b(rpmtsSetVSFlags, "rpmtsSetVSFlags");
+    }
+};
+
+// Only reached once read_rpm_db has seen the libraries loaded.
+const RpmApi& rpm() { return *lazy_table<RpmApi>(); }
+
+// libsqlite3, for rpm's sqlite databases, opened with librpm.
+struct SqliteApi {
+    static constexpr const char* kSoname = ASSETMAN_SQLITE_SONAME;
+    decltype(&::sqlite3_close_v2) sqlite3_close_v2;
+    decltype(&::sqlite3_column_blob) sqlite3_column_blob;
+    decltype(&::sqlite3_column_bytes) sqlite3_column_bytes;
+    decltype(&::sqlite3_deserialize) sqlite3_deserialize;
+    decltype(&::sqlite3_finalize) sqlite3_finalize;
+    decltype(&::sqlite3_open_v2) sqlite3_open_v2;
+    decltype(&::sqlite3_prepare_v2) sqlite3_prepare_v2;
+    decltype(&::sqlite3_step) sqlite3_step;
+    void bind(SymbolBinder& b) {
+        b(sqlite3_close_v2, "sqlite3_close_v2");
+        b(sqlite3_column_blob, "sqlite3_column_blob");
+        b(sqlite3_column_bytes, "sqlite3_column_bytes");
+        b(sqlite3_deserialize, "sqlite3_deserialize");
+        b(sqlite3_finalize, "sqlite3_finalize");
+        b(sqlite3_open_v2, "sqlite3_open_v2");
+        b(sqlite3_prepare_v2, "sqlite3_prepare_v2");
+        b(sqlite3_step, "sqlite3_step");
+    }
+};
+
+const SqliteApi& sqlite() { return *lazy_table<SqliteApi>(); }
 
 std::mutex& rpm_mutex() {
     static std::mutex* m = new std::mutex();
@@ -57,41 +157,41 @@ DigestAlgo algo_of(int pgp) {
 }
 
 std::string str_tag(Header h, rpmTagVal tag) {
-    const char* s = headerGetString(h, tag);
+    const char* s = rpm().headerGetString(h, tag);
     return s ? std::string(s) : std::string();
 }
 
 std::string first_string(Header h, rpmTagVal tag) {
     std::string out;
-    rpmtd td = rpmtdNew();
+    rpmtd td = rpm().rpmtdNew();
     if (!td) return out;
-    if (headerGet(h, tag, td, HEADERGET_MINMEM)) {
-        const char* s = rpmtdNextString(td);
+    if (rpm().headerGet(h, tag, td, HEADERGET_MINMEM)) {
+        const char* s = rpm().rpmtdNextString(td);
         if (s) out = s;
-        rpmtdFreeData(td);
+        rpm().rpmtdFreeData(td);
     }
-    rpmtdFree(td);
+    rpm().rpmtdFree(td);
     return out;
 }
 
 void read_files(Header h, std::vector<RpmFile>& out) {
-    rpmfiles fi = rpmfilesNew(nullptr, h, RPMTAG_BASENAMES, RPMFI_FLAGS_QUERY);
+    rpmfiles fi = rpm().rpmfilesNew(nullptr, h, RPMTAG_BASENAMES, RPMFI_FLAGS_QUERY);
     if (!fi) return;
-    const rpm_count_t n = rpmfilesFC(fi);
+    const rpm_count_t n = rpm().rpmfilesFC(fi);
     out.reserve(n);
     for (rpm_count_t i = 0; i < n; ++i) {
         const int ix = static_cast<int>(i);
-        const char* dn = rpmfilesDN(fi, rpmfilesDI(fi, ix));
-        const char* bn = rpmfilesBN(fi, ix);
+        const char* dn = rpm().rpmfilesDN(fi, rpm().rpmfilesDI(fi, ix));
+        const char* bn = rpm().rpmfilesBN(fi, ix);
         if (!dn || !bn) continue;
-        const rpm_mode_t mode = rpmfilesFMode(fi, ix);
+        const rpm_mode_t mode = rpm().rpmfilesFMode(fi, ix);
         if (S_ISDIR(mode)) continue;  // ownership is asked of files only
         RpmFile f;
         f.path = std::string(dn) + bn;
-        if (S_ISREG(mode) && !(rpmfilesFFlags(fi, ix) & RPMFILE_GHOST)) {
+        if (S_ISREG(mode) && !(rpm().rpmfilesFFlags(fi, ix) & RPMFILE_GHOST)) {
             int algo = 0;
             size_t len = 0;
-            const unsigned char* d = rpmfilesFDigest(fi, ix, &algo, &len);
+            const unsigned char* d = rpm().rpmfilesFDigest(fi, ix, &algo, &len);
             const DigestAlgo a = algo_of(algo);
             if (d && a != DigestAlgo::kNone && len == digest_size(a)) {
                 f.algo = a;
@@ -100,17 +200,17 @@ void read_files(Header h, std::vector<RpmFile>& out) {
         }
         out.push_back(std::move(f));
     }
-    rpmfilesFree(fi);
+    rpm().rpmfilesFree(fi);
 }
 
 // Fills `p` from one package header.
 void from_header(Header h, bool with_files, RpmPackage& p) {
     p.name = str_tag(h, RPMTAG_NAME);
     p.version = str_tag(h, RPMTAG_VERSION);
-    if (headerIsEntry(h, RPMTAG_EPOCH)) p.version = std::to_string(headerGetNumber(h, RPMTAG_EPOCH)) + ":" + p.version;
+    if (rpm().headerIsEntry(h, RPMTAG_EPOCH)) p.version = std::to_string(rpm().headerGetNumber(h, RPMTAG_EPOCH)) + ":" + p.version;
     p.release = str_tag(h, RPMTAG_RELEASE);
-    p.installtime = static_cast<time_t>(headerGetNumber(h, RPMTAG_INSTALLTIME));
-    p.size = headerIsEntry(h, RPMTAG_LONGSIZE) ? headerGetNumber(h, RPMTAG_LONGSIZE) : headerGetNumber(h, RPMTAG_SIZE);
+    p.installtime = static_cast<time_t>(rpm().headerGetNumber(h, RPMTAG_INSTALLTIME));
+    p.size = rpm().headerIsEntry(h, RPMTAG_LONGSIZE) ? rpm().headerGetNumber(h, RPMTAG_LONGSIZE) : rpm().headerGetNumber(h, RPMTAG_SIZE);
     p.summary = str_tag(h, RPMTAG_SUMMARY);
     const size_t nl = p.summary.find('\n');
     if (nl != std::string::npos) p.summary.resize(nl);
@@ -131,16 +231,16 @@ void decode_blob(const void* blob, size_t len, bool with_files, const std::funct
                  Tally& tally) {
     ++tally.records;
     if (len < 8 || len > kMaxHeaderBlob) return;
-    Header h = headerImport(const_cast<void*>(blob), static_cast<unsigned int>(len), HEADERIMPORT_COPY);
+    Header h = rpm().headerImport(const_cast<void*>(blob), static_cast<unsigned int>(len), HEADERIMPORT_COPY);
     if (!h) return;
     RpmPackage p;
     try {
         from_header(h, with_files, p);
     } catch (...) {
-        headerFree(h);
+        rpm().headerFree(h);
         throw;
     }
-    headerFree(h);
+    rpm().headerFree(h);
     if (p.name.empty()) return;
     ++tally.decoded;
     fn(p);
@@ -224,28 +324,28 @@ int slurp(int fd, std::string& out, uint64_t max) {
 // Rows of the Packages table of an open database.
 int sqlite_rows(sqlite3* db, bool with_files, const std::function<void(RpmPackage&)>& fn, Tally& tally) {
     sqlite3_stmt* st = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT blob FROM Packages", -1, &st, nullptr) != SQLITE_OK) {
-        sqlite3_finalize(st);
+    if (sqlite().sqlite3_prepare_v2(db, "SELECT blob FROM Packages", -1, &st, nullptr) != SQLITE_OK) {
+        sqlite().sqlite3_finalize(st);
         return -EIO;
     }
     int rc = 0;
     try {
         for (;;) {
-            const int step = sqlite3_step(st);
+            const int step = sqlite().sqlite3_step(st);
             if (step == SQLITE_DONE) break;
             if (step != SQLITE_ROW) {
                 rc = -EIO;
                 break;
             }
-            const void* blob = sqlite3_column_blob(st, 0);
-            const int len = sqlite3_column_bytes(st, 0);
+            const void* blob = sqlite().sqlite3_column_blob(st, 0);
+            const int len = sqlite().sqlite3_column_bytes(st, 0);
             decode_blob(blob, len > 0 ? static_cast<size_t>(len) : 0, with_files, fn, tally);
         }
     } catch (...) {
-        sqlite3_finalize(st);
+        sqlite().sqlite3_finalize(st);
         throw;
     }
-    sqlite3_finalize(st);
+    sqlite().sqlite3_finalize(st);
     return rc;
 }
 
@@ -271,14 +371,14 @@ int read_sqlite(const HostRoot& root, const std::string& dir, int dbfd, bool wit
         if (rc != 0) return rc;
         if (image.size() < 100 || image.compare(0, 16, std::string("SQLite format 3\0", 16)) != 0) return -EIO;
         image[18] = image[19] = 1;  // a WAL-mode file read as a plain one: its log is empty
-        if (sqlite3_open_v2(":memory:", &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
-            sqlite3_close_v2(db);
+        if (sqlite().sqlite3_open_v2(":memory:", &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+            sqlite().sqlite3_close_v2(db);
             return -ENOMEM;
         }
-        if (sqlite3_deserialize(db, "main", reinterpret_cast<unsigned char*>(&image[0]),
+        if (sqlite().sqlite3_deserialize(db, "main", reinterpret_cast<unsigned char*>(&image[0]),
                                 static_cast<sqlite3_int64>(image.size()), static_cast<sqlite3_int64>(image.size()),
                                 SQLITE_DESERIALIZE_READONLY) != SQLITE_OK) {
-            sqlite3_close_v2(db);
+            sqlite().sqlite3_close_v2(db);
             return -EIO;
         }
     } else {
@@ -293,18 +393,18 @@ int read_sqlite(const HostRoot& root, const std::string& dir, int dbfd, bool wit
             const char legacy[2] = {1, 1};
             if (c.get() < 0 || ::pwrite(c.get(), legacy, 2, 18) != 2) return -EIO;
         }
-        if (sqlite3_open_v2(copy.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOFOLLOW, nullptr) != SQLITE_OK) {
-            sqlite3_close_v2(db);
+        if (sqlite().sqlite3_open_v2(copy.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOFOLLOW, nullptr) != SQLITE_OK) {
+            sqlite().sqlite3_close_v2(db);
             return -EIO;
         }
     }
     try {
         rc = sqlite_rows(db, with_files, fn, tally);
     } catch (...) {
-        sqlite3_close_v2(db);
+        sqlite().sqlite3_close_v2(db);
         throw;
     }
-    sqlite3_close_v2(db);
+    sqlite().sqlite3_close_v2(db);
     return rc;
 }
 
@@ -370,22 +470,22 @@ int read_bdb(int dbfd, bool with_files, const std::function<void(RpmPackage&)>& 
     if (tmp.path().empty()) return -EIO;
     int rc = copy_to(dbfd, tmp.path() + "/Packages", kMaxDbBytes);
     if (rc != 0) return rc == -EFBIG ? -EIO : rc;
-    rpmPushMacro(nullptr, "_dbpath", nullptr, tmp.path().c_str(), RMIL_CMDLINE);
-    rpmPushMacro(nullptr, "_db_backend", nullptr, "bdb_ro", RMIL_CMDLINE);
-    rpmts ts = rpmtsCreate();
+    rpm().rpmPushMacro(nullptr, "_dbpath", nullptr, tmp.path().c_str(), RMIL_CMDLINE);
+    rpm().rpmPushMacro(nullptr, "_db_backend", nullptr, "bdb_ro", RMIL_CMDLINE);
+    rpmts ts = rpm().rpmtsCreate();
     rc = 0;
     if (!ts) {
         rc = -ENOMEM;
     } else {
-        rpmtsSetRootDir(ts, "/");
-        rpmtsSetVSFlags(ts, RPMVSF_MASK_NODIGESTS | RPMVSF_MASK_NOSIGNATURES | RPMVSF_NOHDRCHK);
-        if (rpmtsOpenDB(ts, O_RDONLY) != 0) {
+        rpm().rpmtsSetRootDir(ts, "/");
+        rpm().rpmtsSetVSFlags(ts, RPMVSF_MASK_NODIGESTS | RPMVSF_MASK_NOSIGNATURES | RPMVSF_NOHDRCHK);
+        if (rpm().rpmtsOpenDB(ts, O_RDONLY) != 0) {
             rc = -EIO;
         } else {
-            rpmdbMatchIterator mi = rpmtsInitIterator(ts, RPMDBI_PACKAGES, nullptr, 0);
+            rpmdbMatchIterator mi = rpm().rpmtsInitIterator(ts, RPMDBI_PACKAGES, nullptr, 0);
             try {
                 Header h;
-                while (mi && (h = rpmdbNextIterator(mi)) != nullptr) {
+                while (mi && (h = rpm().rpmdbNextIterator(mi)) != nullptr) {
                     ++tally.records;
                     RpmPackage p;
                     from_header(h, with_files, p);
@@ -396,12 +496,12 @@ int read_bdb(int dbfd, bool with_files, const std::function<void(RpmPackage&)>& 
             } catch (...) {
                 rc = -ENOMEM;
             }
-            rpmdbFreeIterator(mi);
+            rpm().rpmdbFreeIterator(mi);
         }
-        rpmtsFree(ts);
+        rpm().rpmtsFree(ts);
     }
-    rpmPopMacro(nullptr, "_db_backend");
-    rpmPopMacro(nullptr, "_dbpath");
+    rpm().rpmPopMacro(nullptr, "_db_backend");
+    rpm().rpmPopMacro(nullptr, "_dbpath");
     return rc;
 }
 
@@ -471,12 +571,14 @@ int read_rpm_db(const HostRoot& root, bool with_files, const std::function<void(
     DbFound db;
     int rc = find_db(root, db);
     if (rc != 0) return rc == -EACCES || rc == -EPERM ? -EACCES : rc;
+    // Our librpm or libsqlite3 is not installed: the database is unreadable.
+    if (!lazy_table<RpmApi>() || !lazy_table<SqliteApi>()) return -EIO;
     std::lock_guard<std::mutex> lock(rpm_mutex());
     static bool configured = false;
     if (!configured) {
         // The service has no use for rpm's diagnostics on the agent's stderr.
-        rpmlogSetMask(RPMLOG_UPTO(RPMLOG_EMERG));
-        if (rpmReadConfigFiles(nullptr, nullptr) != 0) return -EIO;
+        rpm().rpmlogSetMask(RPMLOG_UPTO(RPMLOG_EMERG));
+        if (rpm().rpmReadConfigFiles(nullptr, nullptr) != 0) return -EIO;
         configured = true;
     }
     const std::string key = root.root() + "\n" + db.dir;

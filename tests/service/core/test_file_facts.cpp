@@ -2,7 +2,9 @@
 // must never be read (FIFO, device, refused symlink), and the identity cache.
 #include <fcntl.h>
 
+#include <thread>
 #include <tuple>
+#include <vector>
 
 #include "core/digest_cache.h"
 #include "core/file_facts.h"
@@ -45,6 +47,35 @@ TEST(Digests, CoreutilsAgree) {
             EXPECT_EQ(d.extra_algo, algo);
             EXPECT_EQ(to_hex(d.extra, algo == DigestAlgo::kSha1 ? 20 : 64), sum(tool, p)) << tool;
         }
+    }
+}
+
+// Large files are hashed on two threads: around the size where that starts,
+// chunk edges, and several at once (more than may split together), each with
+// an extra kind, against coreutils.
+TEST(Digests, LargeFilesOnTwoThreadsAgree) {
+    TempDir dir;
+    digest_cache_clear();
+    const size_t mib = 1u << 20;
+    const size_t sizes[] = {8 * mib - 1, 8 * mib, 8 * mib + 1, 9 * mib, 13 * mib + 12345};
+    std::vector<std::string> paths;
+    uint32_t x = 777;
+    for (size_t n : sizes) {
+        std::string text(n, '\0');
+        for (char& c : text) c = static_cast<char>((x = x * 1103515245u + 12345u) >> 24);
+        paths.push_back(dir.file("/big" + std::to_string(n), text));
+    }
+    std::vector<FileDigests> got(paths.size());
+    std::vector<char> ok(paths.size());  // not vector<bool>: its bits share words across threads
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < paths.size(); ++i)
+        threads.emplace_back([&, i] { ok[i] = digest_file(paths[i], true, DigestAlgo::kSha512, got[i]); });
+    for (auto& t : threads) t.join();
+    for (size_t i = 0; i < paths.size(); ++i) {
+        ASSERT_TRUE(ok[i]) << paths[i];
+        EXPECT_EQ(std::make_tuple(to_hex(got[i].md5, 16), to_hex(got[i].sha256, 32), to_hex(got[i].extra, 64)),
+                  std::make_tuple(sum("md5sum", paths[i]), sum("sha256sum", paths[i]), sum("sha512sum", paths[i])))
+            << paths[i];
     }
 }
 
