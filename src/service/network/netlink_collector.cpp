@@ -478,36 +478,50 @@ bool parse_pid(const char* name, int32_t& pid) {
     return true;
 }
 
-void scan_fds(const std::string& fd_dir, int32_t pid, ProcScan& scan) {
-    const int dfd = ::open(fd_dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+// A process's descriptors, listed with getdents64 itself: a DIR would cost an
+// fstat and two fcntl per process, a third of the scan's system calls.
+void scan_fds(int procfd, const char* pidname, int32_t pid, ProcScan& scan) {
+    char name[32];
+    snprintf(name, sizeof name, "%s/fd", pidname);
+    const int dfd = ::openat(procfd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
     if (dfd < 0) return;
-    DIR* d = ::fdopendir(dfd);
-    if (!d) {
-        ::close(dfd);
-        return;
-    }
+    Fd guard(dfd);
+    alignas(struct dirent64) char buf[16384];
     size_t seen = 0;
     char link[64];
-    while (struct dirent* e = ::readdir(d)) {
-        if (++seen > kMaxFdsPerProc) break;
-        if (e->d_name[0] == '.') continue;
-        if (e->d_type != DT_LNK && e->d_type != DT_UNKNOWN) continue;
-        const ssize_t n = ::readlinkat(dfd, e->d_name, link, sizeof link);
-        if (n <= 0 || static_cast<size_t>(n) >= sizeof link) continue;
-        uint64_t inode;
-        if (parse_socket_link(std::string_view(link, static_cast<size_t>(n)), inode))
-            scan.owner.emplace(inode, pid);  // pids come in ascending order: the first stays
+    for (;;) {
+        const ssize_t n = ::getdents64(dfd, buf, sizeof buf);
+        if (n <= 0) return;
+        for (ssize_t off = 0; off < n;) {
+            const struct dirent64* e = reinterpret_cast<const struct dirent64*>(buf + off);
+            if (e->d_reclen == 0) return;
+            off += e->d_reclen;
+            if (++seen > kMaxFdsPerProc) return;
+            if (e->d_name[0] == '.') continue;
+            if (e->d_type != DT_LNK && e->d_type != DT_UNKNOWN) continue;
+            const ssize_t len = ::readlinkat(dfd, e->d_name, link, sizeof link);
+            if (len <= 0 || static_cast<size_t>(len) >= sizeof link) continue;
+            uint64_t inode;
+            if (parse_socket_link(std::string_view(link, static_cast<size_t>(len)), inode))
+                scan.owner.emplace(inode, pid);  // pids come in ascending order: the first stays
+        }
     }
-    ::closedir(d);
 }
 
 // `proc` names the root's /proc: "/proc" on the live host, else
 // "/proc/self/fd/<n>" of the procfs open_host_proc found at the image's /proc.
 void scan_processes(const std::string& proc, ProcScan& scan) {
+    const int procfd = ::open(proc.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (procfd < 0) return;
+    Fd guard(procfd);
     std::vector<int32_t> pids;
     {
-        DIR* d = ::opendir(proc.c_str());
-        if (!d) return;
+        const int dfd = ::dup(procfd);
+        DIR* d = dfd < 0 ? nullptr : ::fdopendir(dfd);
+        if (!d) {
+            if (dfd >= 0) ::close(dfd);
+            return;
+        }
         while (struct dirent* e = ::readdir(d)) {
             int32_t pid;
             if (parse_pid(e->d_name, pid)) pids.push_back(pid);
@@ -516,12 +530,17 @@ void scan_processes(const std::string& proc, ProcScan& scan) {
     }
     std::sort(pids.begin(), pids.end());
     std::unordered_set<uint64_t> seen_ns;
+    char pidname[16], link[64];
     for (int32_t pid : pids) {
-        const std::string base = proc + "/" + std::to_string(pid);
+        snprintf(pidname, sizeof pidname, "%d", static_cast<int>(pid));
+        char nspath[32];
+        snprintf(nspath, sizeof nspath, "%s/ns/net", pidname);
+        const ssize_t len = ::readlinkat(procfd, nspath, link, sizeof link);
         uint64_t ns;
-        if (parse_ns_link(read_link(base + "/ns/net"), ns) && seen_ns.insert(ns).second)
+        if (len > 0 && static_cast<size_t>(len) < sizeof link &&
+            parse_ns_link(std::string_view(link, static_cast<size_t>(len)), ns) && seen_ns.insert(ns).second)
             scan.netns.emplace_back(ns, pid);
-        scan_fds(base + "/fd", pid, scan);
+        scan_fds(procfd, pidname, pid, scan);
     }
 }
 
