@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -31,66 +32,92 @@ std::string HostRoot::path(std::string_view host_path) const {
 
 namespace {
 
-// Reads a descriptor of a regular file to its end, at most `max_bytes`; takes
-// ownership of `fd`.
-int read_fd(int fd, std::string& out, size_t max_bytes) {
-    struct stat st;
-    if (::fstat(fd, &st) != 0) {
-        const int e = errno;
-        ::close(fd);
-        return -e;
-    }
-    if (!S_ISREG(st.st_mode)) {
-        ::close(fd);
-        return -EINVAL;
+// Reads a descriptor of the regular file `st` describes to its end, at most
+// `max_bytes`; takes ownership of `fd`.
+int read_fd(int fd, const struct stat& st, std::string& out, size_t max_bytes) {
+    const Fd own(fd);
+    if (st.st_size > 0 && static_cast<uint64_t>(st.st_size) < max_bytes) {
+        // One byte more than the file holds: a regular file reads short only
+        // at its end, so a file that did not grow is read in one call.
+        out.resize(static_cast<size_t>(st.st_size) + 1);
+        ssize_t n;
+        do {
+            n = ::read(fd, &out[0], out.size());
+        } while (n < 0 && errno == EINTR);
+        if (n < 0) {
+            out.clear();
+            return -errno;
+        }
+        out.resize(static_cast<size_t>(n));
+        if (static_cast<uint64_t>(n) <= static_cast<uint64_t>(st.st_size)) return 0;
+        // It grew: read on.
+    } else if (st.st_size > 0) {
+        out.reserve(max_bytes);
     }
     // /proc and /sys files report size 0 or 4096; read until EOF either way.
-    if (st.st_size > 0) out.reserve(std::min<size_t>(static_cast<size_t>(st.st_size), max_bytes));
     char buf[65536];
     while (out.size() < max_bytes) {
         const size_t want = std::min(sizeof buf, max_bytes - out.size());
         const ssize_t n = ::read(fd, buf, want);
         if (n < 0) {
             if (errno == EINTR) continue;
-            const int e = errno;
-            ::close(fd);
-            return out.empty() ? -e : 0;
+            return out.empty() ? -errno : 0;
         }
         if (n == 0) break;
         out.append(buf, static_cast<size_t>(n));
     }
-    ::close(fd);
     return 0;
 }
 
+// open_host_file, telling what was opened.
+int open_regular(const HostRoot& root, std::string_view host_path, unsigned flags, struct stat& st) {
+    // Found first as a handle that opens nothing (O_PATH): a FIFO, device or
+    // socket is never opened for reading, only the regular file found is.
+    const int nofollow = (flags & kNoFollow) ? O_NOFOLLOW : 0;
+    Fd handle(open_host(root, host_path, O_PATH | nofollow));
+    if (handle.get() < 0) return handle.get();
+    if (::fstat(handle.get(), &st) != 0) return -errno;
+    if (S_ISLNK(st.st_mode)) return -ELOOP;  // kNoFollow met a link
+    if (!S_ISREG(st.st_mode)) return -EINVAL;
+    constexpr int kRead = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    if (proc_fd_reopens()) {
+        char name[40];
+        snprintf(name, sizeof name, "/proc/self/fd/%d", handle.get());
+        const int fd = ::open(name, kRead);
+        if (fd >= 0) return fd;  // the inode `handle` holds, none other
+        if (errno != ENOENT) return -errno;
+    }
+    const int fd = open_host(root, host_path, kRead | nofollow);  // no /proc here
+    if (fd < 0) return fd;
+    struct stat now;
+    if (::fstat(fd, &now) != 0 || now.st_dev != st.st_dev || now.st_ino != st.st_ino || !S_ISREG(now.st_mode)) {
+        ::close(fd);
+        return -EAGAIN;  // replaced between the two opens
+    }
+    st = now;
+    return fd;
+}
+
 }  // namespace
+
+// Whether /proc/self/fd/N reopens the very file descriptor N holds: only a
+// real procfs does that. Anything else mounted there (or nothing) could hand
+// out another file, so each reopened file is then checked by its identity.
+bool proc_fd_reopens() {
+    static const bool yes = [] {
+        struct statfs sfs;
+        return ::statfs("/proc/self/fd", &sfs) == 0 && sfs.f_type == PROC_SUPER_MAGIC;
+    }();
+    return yes;
+}
 
 int read_file(const std::string& path, std::string& out, size_t max_bytes, unsigned flags) {
     return read_host_file(HostRoot("/"), path, out, max_bytes, flags);
 }
 
 int open_host_file(const HostRoot& root, std::string_view host_path, unsigned flags) {
-    // Found first as a handle that opens nothing (O_PATH): a FIFO, device or
-    // socket is never opened for reading, only the regular file found is.
-    Fd handle(open_host(root, host_path, O_PATH | ((flags & kNoFollow) ? O_NOFOLLOW : 0)));
-    if (handle.get() < 0) return handle.get();
     struct stat st;
-    if (::fstat(handle.get(), &st) != 0) return -errno;
-    if (S_ISLNK(st.st_mode)) return -ELOOP;  // kNoFollow met a link
-    if (!S_ISREG(st.st_mode)) return -EINVAL;
-    constexpr int kRead = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    int fd = ::open(("/proc/self/fd/" + std::to_string(handle.get())).c_str(), kRead);
-    if (fd < 0) {
-        if (errno != ENOENT) return -errno;
-        fd = open_host(root, host_path, kRead | ((flags & kNoFollow) ? O_NOFOLLOW : 0));  // no /proc here
-        if (fd < 0) return fd;
-    }
-    struct stat now;
-    if (::fstat(fd, &now) != 0 || now.st_dev != st.st_dev || now.st_ino != st.st_ino) {
-        ::close(fd);
-        return -EAGAIN;  // replaced between the two opens (only without /proc)
-    }
-    return fd;
+    return open_regular(root, host_path, flags, st);
 }
 
 int open_host(const HostRoot& root, std::string_view host_path, int oflags) {
@@ -192,9 +219,10 @@ int open_host_proc(const HostRoot& root) {
 int read_host_file(const HostRoot& root, std::string_view host_path, std::string& out, size_t max_bytes,
                    unsigned flags) {
     out.clear();
-    const int fd = open_host_file(root, host_path, flags);
+    struct stat st;
+    const int fd = open_regular(root, host_path, flags, st);
     if (fd < 0) return fd;
-    return read_fd(fd, out, max_bytes);
+    return read_fd(fd, st, out, max_bytes);
 }
 
 std::vector<std::string> list_dir(const std::string& path) {

@@ -123,6 +123,10 @@ int read_file(const std::string& path, std::string& out, size_t max_bytes = kDef
 // -ELOOP for a link refused by kNoFollow. A descriptor or a negative errno.
 int open_host_file(const HostRoot& root, std::string_view host_path, unsigned flags = kReadDefault);
 
+// Whether /proc/self/fd/N reopens exactly the file descriptor N holds (a
+// real procfs at /proc); when not, a file reopened so must be checked.
+bool proc_fd_reopens();
+
 // Reads the host file `host_path` ("/etc/passwd") under `root`, as read_file
 // does. Under a root other than "/" (a mounted image, a fixture tree) every
 // link on the way resolves inside that root, so an image cannot point the

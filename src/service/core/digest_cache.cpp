@@ -1,5 +1,7 @@
 #include "core/digest_cache.h"
 
+#include "core/common.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -158,9 +160,9 @@ struct MdCtx {
     ~MdCtx() { EVP_MD_CTX_free(ctx); }
 };
 
-struct Fd {
+struct OwnedFd {
     int fd;
-    ~Fd() {
+    ~OwnedFd() {
         if (fd >= 0) ::close(fd);
     }
 };
@@ -397,15 +399,30 @@ bool unreadable_fs(int fd, const struct stat& st) {
     return sfs.f_type == HUGETLBFS_MAGIC || static_cast<uint32_t>(sfs.f_type) == kFuseSuperMagic;
 }
 
-// A descriptor for reading the very inode `path_fd` holds: /proc/self/fd
+// A descriptor for reading the very inode `path_fd` holds (`st`): /proc/self/fd
 // reopens the file the descriptor refers to, never a path looked up again.
-int reopen_for_reading(int path_fd) {
+// Opened O_NONBLOCK (a lease another user holds on the file does not stall
+// the open), then read blocking, so no file system ever answers EAGAIN.
+int reopen_for_reading(int path_fd, const struct stat& st) {
     const int fl = ::fcntl(path_fd, F_GETFL);
-    if (fl >= 0 && !(fl & O_PATH) && (fl & O_ACCMODE) != O_WRONLY)
-        return ::fcntl(path_fd, F_DUPFD_CLOEXEC, 0);
+    if (fl >= 0 && !(fl & O_PATH) && (fl & O_ACCMODE) != O_WRONLY) {
+        const int fd = ::fcntl(path_fd, F_DUPFD_CLOEXEC, 0);
+        if (fd >= 0 && (fl & O_NONBLOCK)) ::fcntl(fd, F_SETFL, fl & ~O_NONBLOCK);
+        return fd;
+    }
     char name[40];
     snprintf(name, sizeof name, "/proc/self/fd/%d", path_fd);
-    return ::open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    const int fd = ::open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) return fd;
+    struct stat now;
+    // Not procfs: whatever opened there is read only if it is that file.
+    if ((!proc_fd_reopens() && (::fstat(fd, &now) != 0 || !S_ISREG(now.st_mode) || now.st_dev != st.st_dev ||
+                                now.st_ino != st.st_ino)) ||
+        ::fcntl(fd, F_SETFL, 0) != 0) {  // clears O_NONBLOCK (and nothing else was set)
+        ::close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 }  // namespace
@@ -442,7 +459,7 @@ bool DigestBudget::take(uint64_t size, bool& first) {
 }
 
 bool digest_file(const std::string& open_path, bool no_follow, DigestAlgo extra, FileDigests& out) {
-    Fd f{::open(open_path.c_str(), O_PATH | O_CLOEXEC | (no_follow ? O_NOFOLLOW : 0))};
+    OwnedFd f{::open(open_path.c_str(), O_PATH | O_CLOEXEC | (no_follow ? O_NOFOLLOW : 0))};
     if (f.fd < 0) return false;
     return digest_opened(f.fd, ExpectedFile(), extra, nullptr, out) == DigestStatus::kOk;
 }
@@ -476,7 +493,7 @@ DigestStatus digest_opened(int path_fd, const ExpectedFile& expect, DigestAlgo e
         cache().finish(id, nullptr);
         return DigestStatus::kDeferred;
     }
-    Fd fd{reopen_for_reading(path_fd)};
+    OwnedFd fd{reopen_for_reading(path_fd, st)};
     if (fd.fd < 0) {
         cache().finish(id, nullptr);
         return DigestStatus::kRefused;
@@ -485,11 +502,8 @@ DigestStatus digest_opened(int path_fd, const ExpectedFile& expect, DigestAlgo e
     uint64_t bytes = 0;
     bool ok = false, timed_out = false;
     try {
-        // A regular file opened O_NONBLOCK still reads blocking; drop the flag
-        // anyway so no filesystem ever answers EAGAIN.
-        const int fl = ::fcntl(fd.fd, F_GETFL);
-        if (fl >= 0) ::fcntl(fd.fd, F_SETFL, fl & ~O_NONBLOCK);
-        ::posix_fadvise(fd.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+        // A small file is read whole by the first readahead anyway.
+        if (st.st_size >= (1 << 20)) ::posix_fadvise(fd.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
         ok = hash_fd(fd.fd, static_cast<uint64_t>(st.st_size), extra, first ? nullptr : budget, d, bytes,
                      timed_out);
     } catch (...) {

@@ -39,9 +39,23 @@ TEST(ReadFile, ReadsRegularFilesBoundedListsAndLinks) {
     EXPECT_EQ(0, read_file(t.path + "/link", out));
     EXPECT_EQ(-ELOOP, read_file(t.path + "/link", out, kDefaultMaxFile, kNoFollow));
 
-    // /proc files report a size of 0 but have content.
+    // Whole, at and around the sizes the reads are cut at.
+    TempDir sizes;
+    for (size_t n : {0u, 1u, 65535u, 65536u, 65537u, 200000u}) {
+        std::string text(n, 'a');
+        for (size_t i = 0; i < n; ++i) text[i] = static_cast<char>('a' + i % 26);
+        EXPECT_EQ(0, read_file(sizes.file("/" + std::to_string(n), text), out)) << n;
+        EXPECT_EQ(text, out) << n;
+    }
+    // /proc files report a size of 0, sysfs files 4096; both have their own content.
     EXPECT_EQ(0, read_file("/proc/self/status", out));
     EXPECT_NE(std::string::npos, out.find("Pid:"));
+    const std::string sysfs = "/sys/kernel/mm/transparent_hugepage/enabled";
+    if (::access(sysfs.c_str(), R_OK) == 0) {
+        EXPECT_EQ(0, read_file(sysfs, out));
+        EXPECT_NE(std::string::npos, out.find("never")) << out;
+        EXPECT_LT(out.size(), 4096u);
+    }
 
     // The listing and the links of the same tree.
     std::vector<std::string> names = list_dir(t.path);
