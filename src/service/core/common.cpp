@@ -305,7 +305,30 @@ std::string ascii_lower(std::string_view s) {
     return out;
 }
 
+namespace {
+
+// Absolute, without empty, "." or ".." components and without a trailing
+// slash: what normalize_path would give back unchanged.
+bool is_normal_path(std::string_view p) {
+    if (p.empty() || p[0] != '/') return false;
+    if (p.size() == 1) return true;
+    if (p.back() == '/') return false;
+    for (size_t i = 0; i < p.size(); i = p.find('/', i + 1)) {
+        if (i == std::string_view::npos) break;
+        const std::string_view next = p.substr(i + 1);
+        if (next.empty() || next[0] == '/') return false;
+        if (next[0] == '.' && (next.size() == 1 || next[1] == '/' ||
+                               (next[1] == '.' && (next.size() == 2 || next[2] == '/'))))
+            return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 std::string normalize_path(std::string_view path) {
+    // Package lists and configuration hold normal paths: a copy, no parts.
+    if (is_normal_path(path)) return std::string(path);
     std::vector<std::string_view> parts;
     size_t i = 0;
     while (i < path.size()) {

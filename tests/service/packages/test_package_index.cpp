@@ -107,7 +107,10 @@ TEST(Ownership, DpkgFixture) {
 }
 
 TEST(Ownership, NormalizeAndCanon) {
-    for (const auto& [in, out] : {std::pair{"/a/./b//../c/", "/a/c"}, {"/../../x", "/x"}, {"", "/"}})
+    for (const auto& [in, out] :
+         {std::pair{"/a/./b//../c/", "/a/c"}, {"/../../x", "/x"}, {"", "/"}, {"/", "/"}, {"//", "/"}, {"a/b", "/a/b"},
+          {"/usr/bin/x", "/usr/bin/x"}, {"/a/.b/..c", "/a/.b/..c"}, {"/a/b/.", "/a/b"}, {"/a/b/..", "/a"},
+          {"/a//b", "/a/b"}, {"/a/", "/a"}, {"/.", "/"}, {"/..", "/"}})
         EXPECT_EQ(normalize_path(in), out) << in;
     TempDir dir;
     fs::create_directories(dir.path + "/usr/lib/x");
