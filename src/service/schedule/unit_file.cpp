@@ -136,6 +136,7 @@ std::string UnitDirs::resolve(std::string_view host_path, bool allow_dev) {
 void parse_unit(std::string_view text, UnitKeys& keys) {
     std::string section;
     std::string logical;
+    std::string full;  // "Section.Key", one buffer for every line
     for (std::string_view line : split_lines(text)) {
         if (line.find('\0') != std::string_view::npos) continue;
         std::string_view t = trim(line);
@@ -156,7 +157,8 @@ void parse_unit(std::string_view text, UnitKeys& keys) {
             const size_t eq = t.find('=');
             if (eq != std::string_view::npos && eq > 0) {
                 const std::string_view key = trim(t.substr(0, eq));
-                std::vector<std::string>& v = keys[section + "." + std::string(key)];
+                full.assign(section).append(1, '.').append(key.data(), key.size());
+                std::vector<std::string>& v = keys[full];
                 const std::string_view value = trim(t.substr(eq + 1));
                 if (value.empty()) {
                     v.clear();
@@ -204,9 +206,9 @@ std::vector<std::string> find_dropins(UnitDirs& unit_dirs, const std::vector<std
                                       DropinScope scope) {
     std::vector<std::string> dirs;  // host paths of "<name>.d", in precedence order
     std::set<std::string> seen_dirs;
-    auto add_dir = [&](const UnitDirs::Dir& ud, const std::string& name) {
+    // `child`: "<name>.d".
+    auto add_dir = [&](const UnitDirs::Dir& ud, const std::string& child) {
         if (ud.path.empty()) return;
-        const std::string child = name + ".d";
         std::string real;
         if (const UnitDirs::Dir* listed = unit_dirs.listed(ud.path)) {
             // Only a name the directory holds is looked at.
@@ -235,11 +237,14 @@ std::vector<std::string> find_dropins(UnitDirs& unit_dirs, const std::vector<std
             const bool instance = at != std::string::npos && dot != std::string::npos && dot > at + 1;
             variants.resize(instance ? 2 : 1);
         }
+        for (std::string& v : variants) v += ".d";
         for (const UnitDirs::Dir& d : unit_dirs.dirs())
             for (const std::string& v : variants) add_dir(d, v);
     }
-    if (!type.empty() && type.find('/') == std::string::npos && scope == DropinScope::kManager)
-        for (const UnitDirs::Dir& d : unit_dirs.dirs()) add_dir(d, type);
+    if (!type.empty() && type.find('/') == std::string::npos && scope == DropinScope::kManager) {
+        const std::string child = type + ".d";
+        for (const UnitDirs::Dir& d : unit_dirs.dirs()) add_dir(d, child);
+    }
 
     std::map<std::string, std::string> by_file;  // file name -> host path; the first seen wins
     std::vector<std::string> files;
