@@ -174,7 +174,6 @@ void passwd(std::string_view t) {
 void proc_maps(std::string_view t) {
     for (procfs::Mapping& m : procfs::parse_maps(t)) {
         if (m.path.empty() || m.path[0] != '/') __builtin_trap();
-        (void)procfs::map_files_name(m.start, m.end);
         procfs::strip_deleted(m.path);
     }
 }

@@ -576,8 +576,7 @@ private:
         // process's root. A tree that is not procfs holds no kernel links,
         // only what its owner laid: its paths and links are followed inside
         // the host root.
-        auto add_module = [&](std::string shown, bool deleted, dev_t dev, uint64_t ino,
-                              const std::string& name) {
+        auto add_module = [&](std::string shown, bool deleted, dev_t dev, uint64_t ino, const char* name) {
             std::string bare = shown;
             procfs::strip_deleted(bare);
             // Without a probe (memfd_create filtered), by the names the kernel gives.
@@ -593,17 +592,22 @@ private:
             } else if (procfs_) {
                 FileRef ref;
                 if (!deleted) by_path(bare, ref);
-                ref.host_path = bare;
                 ref.foreign = foreign;
                 ref.expect_id = true;
                 ref.dev = dev;
                 ref.ino = ino;
-                ref.links.push_back(pid_prefix + "/" + name);
+                std::string link;
+                link.reserve(pid_prefix.size() + 1 + strlen(name));
+                link += pid_prefix;
+                link += '/';
+                link += name;
+                ref.links.push_back(std::move(link));
                 // One file under two roots is judged by each root's own rules;
                 // one inode under two names by each name's package.
                 std::string key = dev_ino_key(foreign ? 'f' : 'd', dev, ino);
                 key += '\0';
                 key += bare;
+                ref.host_path = std::move(bare);
                 mod.key = std::move(key);
                 mod.ref = std::move(ref);
                 mod.hashable = true;
@@ -647,10 +651,13 @@ private:
             }
         }
         if (!have_maps) return finish();
+        fixed->modules.reserve(fixed->modules.size() + maps_.size());
         for (procfs::Mapping& m : maps_) {
             if (m.path == rec.path) continue;
-            add_module(std::move(m.path), m.deleted, makedev(m.dev_major, m.dev_minor), m.inode,
-                       "map_files/" + procfs::map_files_name(m.start, m.end));
+            char name[64];  // its /proc/<pid>/map_files entry: hex, no padding
+            snprintf(name, sizeof name, "map_files/%llx-%llx", static_cast<unsigned long long>(m.start),
+                     static_cast<unsigned long long>(m.end));
+            add_module(std::move(m.path), m.deleted, makedev(m.dev_major, m.dev_minor), m.inode, name);
         }
         return finish();
     }

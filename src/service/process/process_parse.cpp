@@ -356,13 +356,6 @@ int query_maps(int maps_fd, std::vector<Mapping>& out) {
     return 0;
 }
 
-std::string map_files_name(uint64_t start, uint64_t end) {
-    char buf[48];
-    const int n = snprintf(buf, sizeof buf, "%llx-%llx", static_cast<unsigned long long>(start),
-                           static_cast<unsigned long long>(end));
-    return std::string(buf, n > 0 ? static_cast<size_t>(n) : 0);
-}
-
 std::string format_cpu_time(uint64_t ticks, long ticks_per_second) {
     const uint64_t secs = ticks_per_second > 0 ? ticks / static_cast<uint64_t>(ticks_per_second) : 0;
     char buf[48];

@@ -80,9 +80,6 @@ std::vector<Mapping> parse_maps(std::string_view text);
 // or -EINVAL where the kernel (or a fixture file) lacks it.
 int query_maps(int maps_fd, std::vector<Mapping>& out);
 
-// Name of a mapping's entry in /proc/<pid>/map_files ("7f00-7f10": no padding).
-std::string map_files_name(uint64_t start, uint64_t end);
-
 // True (and the suffix removed from `path`) when it ends in " (deleted)".
 bool strip_deleted(std::string& path);
 
