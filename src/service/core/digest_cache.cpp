@@ -355,6 +355,13 @@ bool hash_fd(int fd, uint64_t size, DigestAlgo extra, const DigestBudget* budget
 
 }  // namespace
 
+void digests_prepare() {
+    (void)cache();
+    MdCtx c;
+    if (c.ctx && EVP_DigestInit_ex(c.ctx, EVP_md5(), nullptr) == 1)
+        EVP_DigestInit_ex(c.ctx, EVP_sha256(), nullptr);
+}
+
 size_t digest_size(DigestAlgo algo) {
     switch (algo) {
         case DigestAlgo::kMd5:

@@ -99,6 +99,11 @@ bool digest_file(const std::string& open_path, bool no_follow, DigestAlgo extra,
 // the descriptor stays the caller's.
 bool digest_fd(int fd, DigestAlgo extra, FileDigests& out);
 
+// Readies the digest library: its first use in a process loads its
+// configuration and providers (a few milliseconds), which a caller can have
+// done on a thread of its own while it still reads what it will hash.
+void digests_prepare();
+
 struct DigestStats {
     uint64_t files_hashed = 0;  // files actually read
     uint64_t bytes_hashed = 0;

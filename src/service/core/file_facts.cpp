@@ -289,6 +289,9 @@ std::vector<FileFacts> file_facts_many(const HostRoot& root, const std::vector<F
         for (size_t i = 0; i < files.size(); ++i)
             if (front == 0 || !std::binary_search(order.begin(), order.begin() + front, i))
                 order.push_back(i);
+        // Then the largest first: the last file started is a small one.
+        std::stable_sort(order.begin() + static_cast<std::ptrdiff_t>(front), order.end(),
+                         [&](size_t a, size_t b) { return files[a].size_hint > files[b].size_hint; });
     } catch (...) {
         return out;
     }

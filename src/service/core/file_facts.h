@@ -48,6 +48,9 @@ struct FileRef {
     // kernel refuses map_files), the path is tried as above, unless neither
     // open_path nor root_dir is set.
     std::vector<std::string> links;
+    // About how large the file is (0: unknown): a batch hashes the largest
+    // first, so no large file is left to hash alone at the end.
+    uint64_t size_hint = 0;
 };
 
 // Facts of one file. Never throws for I/O reasons; a FIFO, device, vanished or

@@ -22,6 +22,7 @@
 #include <unordered_map>
 
 #include "collectors.h"
+#include "core/digest_cache.h"
 #include "core/file_facts.h"
 #include "process/process_cache.h"
 #include "process/process_parse.h"
@@ -219,6 +220,23 @@ public:
 
     int32_t run(std::vector<AM::ProcessInfo>& out) {
         out.clear();
+        // The digest library readies itself (once per process) while /proc
+        // is read, not when the hashing starts.
+        static std::atomic<bool> digests_readied{false};
+        std::thread prepare;
+        if (std::thread::hardware_concurrency() > 1 && !digests_readied.exchange(true)) {
+            try {
+                prepare = std::thread(digests_prepare);
+            } catch (const std::system_error&) {
+                // Readied by the first hash instead.
+            }
+        }
+        struct JoinPrepare {
+            std::thread& t;
+            ~JoinPrepare() {
+                if (t.joinable()) t.join();
+            }
+        } join_prepare{prepare};
         // Under an image only a real procfs mounted at its /proc is read: a
         // link or a directory of files is no source.
         Fd procfd(open_host_proc(root_));
@@ -326,6 +344,7 @@ public:
         // Entries of processes gone are not carried over (kept_ has only
         // the processes listed now).
 
+        if (prepare.joinable()) prepare.join();
         const std::vector<FileFacts> facts = file_facts_many(root_, files_.refs());
         for (size_t i = 0; i < out.size(); ++i) {
             std::vector<AM::ProcessModuleInfo>& mods = out[i].modules;
@@ -576,7 +595,8 @@ private:
         // process's root. A tree that is not procfs holds no kernel links,
         // only what its owner laid: its paths and links are followed inside
         // the host root.
-        auto add_module = [&](std::string shown, bool deleted, dev_t dev, uint64_t ino, const char* name) {
+        auto add_module = [&](std::string shown, bool deleted, dev_t dev, uint64_t ino, const char* name,
+                              uint64_t span) {
             std::string bare = shown;
             procfs::strip_deleted(bare);
             // Without a probe (memfd_create filtered), by the names the kernel gives.
@@ -592,6 +612,7 @@ private:
             } else if (procfs_) {
                 FileRef ref;
                 if (!deleted) by_path(bare, ref);
+                ref.size_hint = span;  // its code: most of a program's or library's size
                 ref.foreign = foreign;
                 ref.expect_id = true;
                 ref.dev = dev;
@@ -641,9 +662,9 @@ private:
             const bool deleted = procfs::strip_deleted(bare);
             struct stat est;
             if (em) {
-                add_module(rec.path, deleted, makedev(em->dev_major, em->dev_minor), em->inode, "exe");
+                add_module(rec.path, deleted, makedev(em->dev_major, em->dev_minor), em->inode, "exe", em->end - em->start);
             } else if (::fstatat(dfd, "exe", &est, 0) == 0) {
-                add_module(rec.path, deleted, est.st_dev, est.st_ino, "exe");
+                add_module(rec.path, deleted, est.st_dev, est.st_ino, "exe", static_cast<uint64_t>(est.st_size));
             } else {
                 ProcessFixed::Module mod;
                 mod.shown = rec.path;
@@ -657,7 +678,7 @@ private:
             char name[64];  // its /proc/<pid>/map_files entry: hex, no padding
             snprintf(name, sizeof name, "map_files/%llx-%llx", static_cast<unsigned long long>(m.start),
                      static_cast<unsigned long long>(m.end));
-            add_module(std::move(m.path), m.deleted, makedev(m.dev_major, m.dev_minor), m.inode, name);
+            add_module(std::move(m.path), m.deleted, makedev(m.dev_major, m.dev_minor), m.inode, name, m.end - m.start);
         }
         return finish();
     }
