@@ -28,7 +28,9 @@ struct ProcessFixed {
         FileRef ref;
     };
     std::string path;  // exe link
-    std::string env;   // formatted and redacted
+    // Formatted and redacted; one copy for all the processes of a
+    // collection that have the same (a service's workers). Null: none read.
+    std::shared_ptr<const std::string> env;
     std::string name;  // from the exe path, for a process whose comm is empty
     size_t env_cap = 0;  // bytes of environ the read was allowed
     size_t env_raw = 0;  // bytes it gave

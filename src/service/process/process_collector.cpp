@@ -46,6 +46,9 @@ constexpr size_t kMaxMaps = 16u << 20;
 // /proc files, and a second thread halves its wall time.
 constexpr size_t kChunk = 64;
 constexpr size_t kTwoReadersFrom = 256;
+// Distinct environments one reader looks up to share (beyond, each is kept
+// on its own).
+constexpr size_t kMaxSharedEnvs = 4096;
 
 // A read buffer reused for every /proc file of a collection, so reading a
 // process costs no allocation once the buffer has grown.
@@ -455,7 +458,7 @@ private:
         rec.rtime = procfs::format_cpu_time(st.utime + st.stime, clk_tck_);
         rec.user = users_.of(uid);
         rec.path = f.path;
-        rec.env = f.env;
+        if (f.env) rec.env = *f.env;
         args_kept_->fetch_add(rec.cmd_line.size() + rec.env.size(), std::memory_order_relaxed);
         add_modules(f, mods);
         return Warm::served;
@@ -539,7 +542,7 @@ private:
         }
         const auto finish = [&] {
             fixed->path = rec.path;
-            fixed->env = rec.env;
+            fixed->env = shared_env(rec.env);
             add_modules(*fixed, mods);
             entry.fixed = std::move(fixed);
             cacheable = have_stat && have_uid && have_exe;
@@ -570,7 +573,8 @@ private:
         // A chrooted process's paths are printed as the host sees them
         // ("/srv/jail/usr/lib/x.so"); inside its root the jail prefix goes.
         // A root in another mount namespace (a container) reads as "/".
-        std::string jail = procfs_ ? read_link_at(dfd, "root") : std::string();
+        // Our own root needs no look: its link reads "/".
+        std::string jail = procfs_ && (foreign || !root_.is_live_host()) ? read_link_at(dfd, "root") : std::string();
         if (jail.size() < 2 || jail[0] != '/' || jail.back() == '/') jail.clear();
         const std::string tree_root = procfs_ ? std::string() : tree_link(dfd, pid_in_tree, "root");
         // A file by the path the process sees: the fallback of a live
@@ -717,6 +721,16 @@ private:
         return t;
     }
 
+    // The kept copy of an environment: the one kept already when another
+    // process of this reader has the same.
+    std::shared_ptr<const std::string> shared_env(const std::string& env) {
+        const auto it = envs_.find(env);
+        if (it != envs_.end()) return it->second;
+        auto kept = std::make_shared<const std::string>(env);
+        if (envs_.size() < kMaxSharedEnvs) envs_.emplace(*kept, kept);
+        return kept;
+    }
+
     size_t args_cap() const {
         return args_kept_->load(std::memory_order_relaxed) < kArgsBudget ? kMaxArgs : kMaxArgsTight;
     }
@@ -744,6 +758,7 @@ private:
     ino_t host_root_ino_ = 0;
     Buffer buf_;
     ModuleFiles files_;
+    std::unordered_map<std::string_view, std::shared_ptr<const std::string>> envs_;
     bool cache_on_ = false;  // the live host's procfs: processes are remembered
     bool watched_ = false;   // exec and uid changes arrive as events
     dev_t proc_dev_ = 0;
