@@ -21,11 +21,17 @@ namespace amsvc {
 // Fixed from one exec to the next: the executable, the environment as
 // reported, and the mapped executable files with how to reach each.
 struct ProcessFixed {
+    // A mapped executable file as the kernel shows it. How to reach it (a
+    // FileRef) is made only when a collection first meets the file: most
+    // are libraries that many processes map.
     struct Module {
-        std::string shown;     // path as the kernel prints it
-        bool hashable = false; // false: process memory (memfd, shared anonymous) or no identity
-        std::string key;       // identity of the file within one collection
-        FileRef ref;
+        std::string shown;      // path as the kernel prints it
+        std::string tree_open;  // a tree's deleted file: where its link leads
+        bool hashable = false;  // false: process memory (memfd, shared anonymous) or no identity
+        bool deleted = false;
+        bool exe = false;       // reached by the exe link, not a map_files range
+        uint64_t dev = 0, ino = 0;
+        uint64_t start = 0, end = 0;  // its mapping (exe by stat: 0 and the size)
     };
     std::string path;  // exe link
     // Formatted and redacted; one copy for all the processes of a
@@ -35,6 +41,12 @@ struct ProcessFixed {
     size_t env_cap = 0;  // bytes of environ the read was allowed
     size_t env_raw = 0;  // bytes it gave
     std::vector<Module> modules;
+    // Where the modules are reached from.
+    std::string proc_dir;   // "/proc/<pid>" as the collection opened it
+    std::string jail;       // a chroot's directory, not part of paths inside it
+    std::string root_key;   // a tree's: identity of the process's root
+    std::string tree_root;  // a tree's: where the process's root link leads
+    bool foreign = true;    // a root other than the host's
 };
 
 struct ProcessCacheEntry {

@@ -139,14 +139,25 @@ public:
     // A file seen again keeps up to kMaxLinks kernel links to it, so that it
     // can still be read when the first process that mapped it has exited.
     size_t add(const std::string& key, const FileRef& ref) {
+        return add(
+            key, [&] { return ref; },
+            [&](std::vector<std::string>& links) {
+                for (size_t l = 0; l < ref.links.size() && links.size() < kMaxLinks; ++l)
+                    links.push_back(ref.links[l]);
+            });
+    }
+    // The same, the reference made by make() only for a file not seen yet;
+    // link(links) adds a later sighting's kernel link.
+    template <class Make, class Link>
+    size_t add(const std::string& key, Make&& make, Link&& link) {
         auto it = index_.find(key);
         if (it != index_.end()) {
             std::vector<std::string>& links = refs_[it->second].links;
-            for (size_t l = 0; l < ref.links.size() && links.size() < kMaxLinks; ++l) links.push_back(ref.links[l]);
+            if (links.size() < kMaxLinks) link(links);
             return it->second;
         }
         const size_t i = refs_.size();
-        refs_.push_back(ref);
+        refs_.push_back(make());
         keys_.push_back(&index_.emplace(key, i).first->first);
         return i;
     }
@@ -173,12 +184,29 @@ bool shm_device(dev_t& dev) {
     return ok;
 }
 
-std::string dev_ino_key(char kind, uint64_t dev, uint64_t ino) {
-    std::string key(1, kind);
-    key += std::to_string(dev);
-    key += ':';
-    key += std::to_string(ino);
-    return key;
+void append_dev_ino_key(std::string& key, char kind, uint64_t dev, uint64_t ino) {
+    char buf[48];
+    const int n = snprintf(buf, sizeof buf, "%c%llu:%llu", kind, static_cast<unsigned long long>(dev),
+                           static_cast<unsigned long long>(ino));
+    key.append(buf, static_cast<size_t>(n));
+}
+
+// A mapped file's path without the " (deleted)" the kernel adds.
+std::string_view bare_path(std::string_view shown) {
+    static constexpr std::string_view kDeleted = " (deleted)";
+    if (shown.size() >= kDeleted.size() && shown.substr(shown.size() - kDeleted.size()) == kDeleted)
+        shown.remove_suffix(kDeleted.size());
+    return shown;
+}
+
+// A module's entry in its process's /proc directory: exe, or its
+// map_files range (hex, no padding).
+void link_name(const ProcessFixed::Module& m, char* name, size_t size) {
+    if (m.exe)
+        snprintf(name, size, "exe");
+    else
+        snprintf(name, size, "map_files/%llx-%llx", static_cast<unsigned long long>(m.start),
+                 static_cast<unsigned long long>(m.end));
 }
 
 struct Pending {
@@ -467,7 +495,70 @@ private:
     void add_modules(const ProcessFixed& f, Pending& mods) {
         mods.modules.reserve(f.modules.size());
         for (const ProcessFixed::Module& m : f.modules)
-            mods.modules.emplace_back(m.shown, m.hashable ? files_.add(m.key, m.ref) : SIZE_MAX);
+            mods.modules.emplace_back(m.shown, m.hashable ? add_file(f, m) : SIZE_MAX);
+    }
+
+    // The collection's index of a module's file. On procfs the file read is
+    // the one mapped (same device and inode), through the kernel's link to
+    // it where that opens, else by path inside the process's root. A tree
+    // that is not procfs holds no kernel links, only what its owner laid:
+    // its paths and links are followed inside the host root.
+    size_t add_file(const ProcessFixed& f, const ProcessFixed::Module& m) {
+        const std::string_view bare = bare_path(m.shown);
+        key_.clear();
+        if (procfs_ || m.deleted) {
+            // One file under two roots is judged by each root's own rules;
+            // one inode under two names (on procfs) by each name's package.
+            append_dev_ino_key(key_, f.foreign ? 'f' : 'd', m.dev, m.ino);
+            if (procfs_) {
+                key_ += '\0';
+                key_ += bare;
+            }
+        } else {
+            key_ += f.root_key;
+            key_ += bare;
+        }
+        char name[64];
+        return files_.add(
+            key_, [&] { return file_ref(f, m, bare); },
+            [&](std::vector<std::string>& links) {
+                if (!procfs_) return;
+                link_name(m, name, sizeof name);
+                links.push_back(f.proc_dir + '/' + name);
+            });
+    }
+
+    FileRef file_ref(const ProcessFixed& f, const ProcessFixed::Module& m, std::string_view bare) const {
+        FileRef ref;
+        ref.host_path = std::string(bare);
+        ref.foreign = f.foreign;
+        if (!m.deleted) {
+            // By the path the process sees: on procfs the fallback when the
+            // kernel's links cannot be opened.
+            ref.no_follow = true;
+            if (procfs_) {
+                ref.root_dir = f.proc_dir + "/root";
+                const std::string& jail = f.jail;
+                if (!jail.empty() && bare.size() > jail.size() && bare[jail.size()] == '/' && starts_with(bare, jail))
+                    ref.open_path = std::string(bare.substr(jail.size()));
+            } else {
+                ref.root_dir = root_.root();
+                ref.open_path = f.tree_root == "/" ? ref.host_path : f.tree_root + ref.host_path;
+            }
+        } else if (!procfs_) {
+            ref.root_dir = root_.root();
+            ref.open_path = m.tree_open;
+        }
+        if (procfs_) {
+            ref.size_hint = m.end - m.start;  // its code: most of a program's or library's size
+            ref.expect_id = true;
+            ref.dev = m.dev;
+            ref.ino = m.ino;
+            char name[64];
+            link_name(m, name, sizeof name);
+            ref.links.push_back(f.proc_dir + '/' + name);
+        }
+        return ref;
     }
 
     // False when the process is gone; otherwise fills what can be read, and
@@ -557,18 +648,20 @@ private:
         std::string root_key;
         bool foreign = true;
         if (::fstatat(dfd, "root", &rootst, 0) == 0) {
-            root_key = dev_ino_key('r', rootst.st_dev, rootst.st_ino);
-            // Same root, other mounts (unshare -m, a service's private /tmp):
-            // a path may name another file there.
-            struct stat nsst;
-            if (::fstatat(dfd, "ns/mnt", &nsst, 0) == 0)
-                root_key += dev_ino_key('m', nsst.st_dev, nsst.st_ino);
             foreign = !have_host_root_ || rootst.st_dev != host_root_dev_ || rootst.st_ino != host_root_ino_;
+            if (!procfs_) {
+                // A tree's files are known by path within a root. Same root,
+                // other mounts (unshare -m, a service's private /tmp): a
+                // path may name another file there.
+                append_dev_ino_key(root_key, 'r', rootst.st_dev, rootst.st_ino);
+                struct stat nsst;
+                if (::fstatat(dfd, "ns/mnt", &nsst, 0) == 0)
+                    append_dev_ino_key(root_key, 'm', nsst.st_dev, nsst.st_ino);
+            }
         } else {
             root_key = "p" + pidname;
         }
         root_key += '\0';
-        const std::string pid_prefix = proc_prefix_ + "/" + pidname;
         const std::string pid_in_tree = "/proc/" + pidname;
         // A chrooted process's paths are printed as the host sees them
         // ("/srv/jail/usr/lib/x.so"); inside its root the jail prefix goes.
@@ -576,83 +669,39 @@ private:
         // Our own root needs no look: its link reads "/".
         std::string jail = procfs_ && (foreign || !root_.is_live_host()) ? read_link_at(dfd, "root") : std::string();
         if (jail.size() < 2 || jail[0] != '/' || jail.back() == '/') jail.clear();
-        const std::string tree_root = procfs_ ? std::string() : tree_link(dfd, pid_in_tree, "root");
-        // A file by the path the process sees: the fallback of a live
-        // process's module when its kernel links cannot be opened.
-        auto by_path = [&](const std::string& bare, FileRef& ref) {
-            ref.host_path = bare;
-            ref.no_follow = true;
-            ref.foreign = foreign;
-            if (procfs_) {
-                ref.root_dir = pid_prefix + "/root";
-                if (!jail.empty() && bare.size() > jail.size() && bare[jail.size()] == '/' &&
-                    bare.compare(0, jail.size(), jail) == 0)
-                    ref.open_path = bare.substr(jail.size());
-            } else {
-                ref.root_dir = root_.root();
-                ref.open_path = tree_root == "/" ? bare : tree_root + bare;
-            }
-        };
-        // One module: on procfs, the file read is the one mapped (same device
-        // and inode), through the kernel's link to it (`name`: exe or
-        // map_files/<range>) where it opens, else by path inside the
-        // process's root. A tree that is not procfs holds no kernel links,
-        // only what its owner laid: its paths and links are followed inside
-        // the host root.
-        auto add_module = [&](std::string shown, bool deleted, dev_t dev, uint64_t ino, const char* name,
-                              uint64_t span) {
-            std::string bare = shown;
-            procfs::strip_deleted(bare);
+        fixed->proc_dir = proc_prefix_ + "/" + pidname;
+        fixed->foreign = foreign;
+        fixed->jail = std::move(jail);
+        if (!procfs_) {
+            fixed->root_key = std::move(root_key);
+            fixed->tree_root = tree_link(dfd, pid_in_tree, "root");
+        }
+        // One module: its identity and where the kernel shows it; how to
+        // reach it is made when a collection first meets the file.
+        auto add_module = [&](std::string shown, bool deleted, dev_t dev, uint64_t ino, bool exe, uint64_t start,
+                              uint64_t end) {
+            ProcessFixed::Module mod;
+            const std::string_view bare = bare_path(shown);
             // Without a probe (memfd_create filtered), by the names the kernel gives.
             const bool shm = have_shm_dev_ ? dev == shm_dev_
                                            : major(dev) == 0 && deleted &&
-                                                 (bare == "/dev/zero" || bare.compare(0, 7, "/memfd:") == 0 ||
-                                                  bare.compare(0, 5, "/SYSV") == 0);
-            ProcessFixed::Module mod;
-            mod.shown = std::move(shown);
-            if (procfs_ && shm) {
-                // Shared anonymous memory or a memfd: process memory, not a
-                // file; listed (code run from memory is worth seeing) but not read.
-            } else if (procfs_) {
-                FileRef ref;
-                if (!deleted) by_path(bare, ref);
-                ref.size_hint = span;  // its code: most of a program's or library's size
-                ref.foreign = foreign;
-                ref.expect_id = true;
-                ref.dev = dev;
-                ref.ino = ino;
-                std::string link;
-                link.reserve(pid_prefix.size() + 1 + strlen(name));
-                link += pid_prefix;
-                link += '/';
-                link += name;
-                ref.links.push_back(std::move(link));
-                // One file under two roots is judged by each root's own rules;
-                // one inode under two names by each name's package.
-                std::string key = dev_ino_key(foreign ? 'f' : 'd', dev, ino);
-                key += '\0';
-                key += bare;
-                ref.host_path = std::move(bare);
-                mod.key = std::move(key);
-                mod.ref = std::move(ref);
-                mod.hashable = true;
-            } else {
-                FileRef ref;
-                std::string key;
-                if (deleted) {
-                    key = dev_ino_key(foreign ? 'f' : 'd', dev, ino);
-                    ref.host_path = bare;
-                    ref.foreign = foreign;
-                    ref.root_dir = root_.root();
-                    ref.open_path = tree_link(dfd, pid_in_tree, name);
-                } else {
-                    key = root_key + bare;
-                    by_path(bare, ref);
-                }
-                mod.key = std::move(key);
-                mod.ref = std::move(ref);
-                mod.hashable = true;
+                                                 (bare == "/dev/zero" || starts_with(bare, "/memfd:") ||
+                                                  starts_with(bare, "/SYSV"));
+            // Shared anonymous memory or a memfd is process memory, not a
+            // file: listed (code run from memory is worth seeing) but not read.
+            mod.hashable = !(procfs_ && shm);
+            mod.deleted = deleted;
+            mod.exe = exe;
+            mod.dev = dev;
+            mod.ino = ino;
+            mod.start = start;
+            mod.end = end;
+            if (!procfs_ && deleted) {
+                char name[64];
+                link_name(mod, name, sizeof name);
+                mod.tree_open = tree_link(dfd, pid_in_tree, name);
             }
+            mod.shown = std::move(shown);
             fixed->modules.push_back(std::move(mod));
         };
 
@@ -666,11 +715,12 @@ private:
             const bool deleted = procfs::strip_deleted(bare);
             struct stat est;
             if (em) {
-                add_module(rec.path, deleted, makedev(em->dev_major, em->dev_minor), em->inode, "exe", em->end - em->start);
+                add_module(rec.path, deleted, makedev(em->dev_major, em->dev_minor), em->inode, true, em->start,
+                           em->end);
             } else if (::fstatat(dfd, "exe", &est, 0) == 0) {
-                add_module(rec.path, deleted, est.st_dev, est.st_ino, "exe", static_cast<uint64_t>(est.st_size));
+                add_module(rec.path, deleted, est.st_dev, est.st_ino, true, 0, static_cast<uint64_t>(est.st_size));
             } else {
-                ProcessFixed::Module mod;
+                ProcessFixed::Module mod;  // no identity: not read
                 mod.shown = rec.path;
                 fixed->modules.push_back(std::move(mod));
             }
@@ -679,10 +729,8 @@ private:
         fixed->modules.reserve(fixed->modules.size() + maps_.size());
         for (procfs::Mapping& m : maps_) {
             if (m.path == rec.path) continue;
-            char name[64];  // its /proc/<pid>/map_files entry: hex, no padding
-            snprintf(name, sizeof name, "map_files/%llx-%llx", static_cast<unsigned long long>(m.start),
-                     static_cast<unsigned long long>(m.end));
-            add_module(std::move(m.path), m.deleted, makedev(m.dev_major, m.dev_minor), m.inode, name, m.end - m.start);
+            add_module(std::move(m.path), m.deleted, makedev(m.dev_major, m.dev_minor), m.inode, false, m.start,
+                       m.end);
         }
         return finish();
     }
@@ -758,6 +806,7 @@ private:
     ino_t host_root_ino_ = 0;
     Buffer buf_;
     ModuleFiles files_;
+    std::string key_;  // a module's file key, built here for the lookup
     std::unordered_map<std::string_view, std::shared_ptr<const std::string>> envs_;
     bool cache_on_ = false;  // the live host's procfs: processes are remembered
     bool watched_ = false;   // exec and uid changes arrive as events
