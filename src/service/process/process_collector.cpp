@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <atomic>
 #include <cstring>
 #include <memory>
@@ -186,9 +187,12 @@ bool shm_device(dev_t& dev) {
 
 void append_dev_ino_key(std::string& key, char kind, uint64_t dev, uint64_t ino) {
     char buf[48];
-    const int n = snprintf(buf, sizeof buf, "%c%llu:%llu", kind, static_cast<unsigned long long>(dev),
-                           static_cast<unsigned long long>(ino));
-    key.append(buf, static_cast<size_t>(n));
+    char* p = buf;
+    *p++ = kind;
+    p = std::to_chars(p, p + 20, dev).ptr;  // 20 digits hold any 64-bit number
+    *p++ = ':';
+    p = std::to_chars(p, p + 20, ino).ptr;
+    key.append(buf, static_cast<size_t>(p - buf));
 }
 
 // A mapped file's path without the " (deleted)" the kernel adds.
