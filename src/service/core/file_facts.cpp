@@ -25,6 +25,10 @@ namespace amsvc {
 
 namespace {
 
+// A file this large takes a hashing thread longer than most collections'
+// other files together (and is hashed on two threads, see digest_cache).
+constexpr uint64_t kLargeFile = 8u << 20;
+
 // The O_PATH descriptor of the last root directory used, so a thread working
 // through the modules of one container opens its root once, not per file.
 class RootFds {
@@ -497,8 +501,11 @@ size_t FileFactsBatch::add(const FileRef& file) {
     q.index = i;
     m.pending.push_back(q);
     // While the caller is still finding files, one CPU is left to it: the
-    // largest file is hashed sooner when it is found sooner.
-    const bool start = m.workers.size() < std::max<size_t>(1, m.max_workers - 1);
+    // largest file is hashed sooner when it is found sooner. A file that
+    // alone takes longer than the rest (a large program) does not wait for
+    // a worker busy with a smaller one.
+    const bool start = m.workers.size() < std::max<size_t>(1, m.max_workers - 1) ||
+                       (q.size >= kLargeFile && m.workers.size() < m.max_workers);
     lock.unlock();
     m.cv.notify_one();
     if (start) m.start_worker();
