@@ -195,6 +195,14 @@ void append_dev_ino_key(std::string& key, char kind, uint64_t dev, uint64_t ino)
     key.append(buf, static_cast<size_t>(p - buf));
 }
 
+// Joins a thread however the scope that started it ends.
+struct JoinOnExit {
+    std::thread& t;
+    ~JoinOnExit() {
+        if (t.joinable()) t.join();
+    }
+};
+
 // A mapped file's path without the " (deleted)" the kernel adds.
 std::string_view bare_path(std::string_view shown) {
     static constexpr std::string_view kDeleted = " (deleted)";
@@ -266,12 +274,7 @@ public:
                 // Readied by the first hash instead.
             }
         }
-        struct JoinPrepare {
-            std::thread& t;
-            ~JoinPrepare() {
-                if (t.joinable()) t.join();
-            }
-        } join_prepare{prepare};
+        const JoinOnExit join_prepare{prepare};
         // Under an image only a real procfs mounted at its /proc is read: a
         // link or a directory of files is no source.
         Fd procfd(open_host_proc(root_));
@@ -343,12 +346,7 @@ public:
             }
         }
         {
-            struct Join {
-                std::thread& t;
-                ~Join() {
-                    if (t.joinable()) t.join();
-                }
-            } join{second};
+            const JoinOnExit join{second};
             work(*this, 0);
         }
         if (failed) std::rethrow_exception(failed);
