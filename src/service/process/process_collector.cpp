@@ -12,8 +12,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <atomic>
+#include <charconv>
 #include <cstring>
 #include <memory>
 #include <new>
