@@ -59,6 +59,18 @@ describe("ownership", function()
     assert.is_true(fake.heap() - base < 1 * MB)
   end)
 
+  it("lists a script drops are freed by its next collections, though Lua counts only a pointer for each", function()
+    local P = vector_assetman__ProcessInfo_
+    local base = settle()
+    -- Five lists of about 8 MB, each dropped at once: Lua's own allocations
+    -- here would never start a cycle that frees them.
+    run(function()
+      for _ = 1, 5 do api.assetman.collect_process_asset(P:new_local()) end
+    end)
+    assert.is_true(fake.heap() - base < 12 * MB)  -- the last one alone
+    assert.is_true(settle() - base < 1 * MB)
+  end)
+
   it("a deleted object reads as a null self through every reference, and its address can be reused", function()
     local l = vector_assetman__CronInfo_:new()
     local alias = l
